@@ -1,0 +1,146 @@
+// Base class of all layers, and the helpers layer families share.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "runtime/data.h"
+#include "runtime/errors.h"
+#include "runtime/json11.h"
+#include "runtime/quant_config.h"
+
+namespace qzdl {
+
+// Reads a layer's "param" object with type checks. Every failure throws a
+// NetFormatError naming the file, the layer and the param.
+class ParamReader {
+ public:
+  ParamReader(const json11::Json& param, std::string layer_name, std::string layer_type);
+
+  bool Has(const std::string& key) const;
+  int Int(const std::string& key, int def) const;
+  int RequiredInt(const std::string& key) const;
+  float Float(const std::string& key, float def) const;
+  float RequiredFloat(const std::string& key) const;
+  bool Bool(const std::string& key, bool def) const;
+  std::string String(const std::string& key, const std::string& def) const;
+  std::vector<int> Ints(const std::string& key, const std::vector<int>& def) const;
+  std::vector<float> Floats(const std::string& key, const std::vector<float>& def) const;
+  // A string param restricted to `choices`.
+  std::string Choice(const std::string& key, const std::string& def,
+                     const std::vector<std::string>& choices) const;
+
+  [[noreturn]] void Fail(const std::string& what) const;
+
+ private:
+  const json11::Json& Get(const std::string& key) const;
+  json11::Json param_;
+  std::string layer_name_;
+  std::string layer_type_;
+};
+
+// What a layer expects in the weights file: a blob name and its dims.
+// Optional blobs (e.g. a bias that may be absent) are listed only when the
+// layer's params say they exist.
+struct WeightSpec {
+  std::string name;
+  std::vector<int> dims;
+};
+
+// State every layer of a net can see.
+struct NetContext {
+  INT8Config* int8_config = nullptr;
+  bool frugal = false;
+};
+
+template <typename T>
+class Layer {
+ public:
+  // The four operations callers reach through the table of virtual functions
+  // come first, in this order; nothing may be declared virtual before them.
+
+  // Runs this layer on the present contents of its inputs. In frugal mode it
+  // also allocates missing outputs first and frees inputs it is the last
+  // reader of afterwards.
+  virtual void Forward();
+  // Type with its main parameter in brackets, e.g. "Pooling(max)".
+  virtual std::string GetTypeDetail();
+  // Output channels of the weights: dim 0 of weight 0, or 0 without weights.
+  virtual int GetChannelNum();
+  // The layer's description as it stood in the net JSON.
+  virtual json11::Json GetJson();
+
+  virtual ~Layer();
+
+  // Parses and validates "param"; called once when the net is built.
+  virtual void LoadParam(const ParamReader& param) = 0;
+  // Sets output shapes from input shapes and checks them; sizes workspace.
+  // Called at build time (before weights exist) and at every reshape.
+  virtual void Reshape() = 0;
+  // Blobs this layer needs, known after the first Reshape.
+  virtual std::vector<WeightSpec> WeightSpecs() { return {}; }
+  // Whether the kernel may read and write the same buffer.
+  virtual bool InPlaceSafe() const { return false; }
+  // True when the call changed the layer's quantization record.
+  virtual bool AdjustInt8Config() { return false; }
+
+  std::string GetName() const { return name_; }
+  std::string GetType() const { return type_; }
+  std::vector<Data<T>*>& GetInputs() { return inputs_; }
+  std::vector<Data<T>*>& GetOutputs() { return outputs_; }
+  std::vector<Data<T>*>& GetWeights() { return weights_; }
+  // Position of a weight blob by name, or -1.
+  int WeightIndex(const std::string& name) const;
+
+  // Wiring done by the net.
+  void Bind(const json11::Json& json, const std::string& name, const std::string& type,
+            NetContext* context);
+  void SetInputs(std::vector<Data<T>*> inputs) { inputs_ = std::move(inputs); }
+  void SetOutputs(std::vector<Data<T>*> outputs) { outputs_ = std::move(outputs); }
+  // Creates the weight tensors from WeightSpecs().
+  void CreateWeights();
+  // Inputs this layer frees after Forward in frugal mode.
+  void SetReleaseAfterForward(std::vector<Data<T>*> tensors) { release_ = std::move(tensors); }
+  // For an input that is also an output but whose kernel cannot alias: the
+  // net gives a private copy to read from.
+  void SetStaging(int input_index, Data<T>* shared, Data<T>* staging);
+
+  [[noreturn]] void Fail(const std::string& what) const;
+
+ protected:
+  // The kernel. Inputs and outputs are allocated and shaped.
+  virtual void Run() = 0;
+
+  NetContext* context() const { return context_; }
+  // Shortcut for the common single-input, single-output case.
+  Data<T>* in(int i = 0) const { return inputs_[i]; }
+  Data<T>* out(int i = 0) const { return outputs_[i]; }
+  Data<T>* weight(int i) const { return weights_[i]; }
+  // Fails unless the layer has between min and max inputs/outputs.
+  void ExpectCounts(int min_inputs, int max_inputs, int min_outputs, int max_outputs) const;
+  // Fails unless input i has exactly `rank` axes.
+  void ExpectRank(int input, int rank) const;
+
+ private:
+  json11::Json json_;
+  std::string name_;
+  std::string type_;
+  NetContext* context_ = nullptr;
+  std::vector<Data<T>*> inputs_;
+  std::vector<Data<T>*> outputs_;
+  std::vector<Data<T>*> weights_;
+  std::vector<std::unique_ptr<Data<T>>> owned_weights_;
+  std::vector<std::string> weight_names_;
+  std::vector<Data<T>*> release_;
+  struct Staging {
+    int input_index;
+    Data<T>* shared;
+    Data<T>* staging;
+  };
+  std::vector<Staging> staging_;
+};
+
+extern template class Layer<float>;
+
+}  // namespace qzdl

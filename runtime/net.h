@@ -1,0 +1,105 @@
+// A net: layers in execution order over named tensors.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "runtime/data.h"
+#include "runtime/json11.h"
+#include "runtime/layer.h"
+#include "runtime/quant_config.h"
+
+namespace qzdl {
+
+template <typename T>
+class Net {
+ public:
+  Net();
+  // Builds the net at once (as Init does); used for 8-bit nets.
+  Net(const json11::Json& net, std::string dataType, void* context);
+  Net(const Net&) = delete;
+  Net& operator=(const Net&) = delete;
+  virtual ~Net();
+
+  // Builds layers and tensors from a net description; shapes are inferred
+  // and checked. Throws NetFormatError on any defect of the description.
+  void Init(const json11::Json& net, std::string dataType, void* context);
+
+  std::vector<Layer<T>*>& GetLayers() { return layers_; }
+  Layer<T>* GetLayer(std::string name);
+
+  int GetInputCount() const { return static_cast<int>(inputs_.size()); }
+  Data<T>* GetInputData(int index);
+  Data<T>* GetInputData(const std::string& name);
+  std::string& GetInputDataName(int index) { return input_names_.at(index); }
+
+  int GetOutCount() const { return static_cast<int>(outputs_.size()); }
+  int GetOutputCount(int index);
+  Data<T>* GetOutputData(int index);
+  std::string& GetOutputDataName(int index) { return output_names_.at(index); }
+  float* GetFloatOutputData(int index);
+
+  void SetFloatInputData(float* data, int index);
+  void SetFloatInputDataByName(float* data, const std::string& name);
+
+  void ForwardAll();
+  // Runs layers from `from` up to but not including `to`; the flag is unused.
+  void ForwardFromTo(int from, int to, bool);
+
+  // Recomputes shapes. `allocate` also gives every tensor storage for the new
+  // shapes (in frugal mode only the net inputs; the rest comes on demand).
+  // A positive `batch` first sets the batch of every net input.
+  void Reshape(bool allocate, int batch);
+  // Sets the batch of every net input and reshapes with storage. The second
+  // argument is unused.
+  void ReshapeBatchNum(int batch, int);
+  // Frugal mode: a forward frees each intermediate tensor after its last
+  // reader has run, and tensors get storage when their producer runs.
+  void SetFrugalMode(bool frugal);
+  bool GetFrugalMode() const { return context_.frugal; }
+
+  // The current configuration: the net's own empty one until SetInt8Config
+  // hands it another, which stays owned by the caller.
+  INT8Config* GetInt8Config() { return context_.int8_config; }
+  void SetInt8Config(INT8Config* config);
+
+  void LoadWeights(char* bytes, int length);
+  void LoadQuantizationWeights(char* bytes, int length);
+  void LoadSerialWeights(std::string path);
+
+  bool GetHighAccuracyDoubleMultiplier() const { return high_accuracy_flag_; }
+  void SetHighAccuracyDoubleMultiplier() { high_accuracy_ = true; }
+  bool HighAccuracyDoubleMultiplierEnabled() const { return high_accuracy_; }
+
+  const std::string& DataType() const { return data_type_; }
+  // Every tensor by name.
+  Data<T>* GetData(const std::string& name);
+
+ protected:
+  void ApplyWeights(const std::vector<struct WeightBlob>& blobs);
+
+ private:
+  void ComputeOutputsAndLifetimes(const json11::Json& net);
+  void AllocateStorage();
+
+  std::string data_type_;
+  NetContext context_;
+  INT8Config own_config_;
+  std::vector<std::unique_ptr<Layer<T>>> owned_layers_;
+  std::vector<Layer<T>*> layers_;
+  std::map<std::string, std::unique_ptr<Data<T>>> tensors_;
+  std::vector<std::unique_ptr<Data<T>>> staging_;
+  std::vector<Data<T>*> inputs_;
+  std::vector<std::string> input_names_;
+  std::vector<Data<T>*> outputs_;
+  std::vector<std::string> output_names_;
+  bool high_accuracy_flag_ = false;
+  bool high_accuracy_ = false;
+};
+
+extern template class Net<float>;
+
+}  // namespace qzdl

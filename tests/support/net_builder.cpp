@@ -1,0 +1,89 @@
+#include "support/net_builder.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <random>
+
+namespace qzdl::test {
+
+NetBuilder& NetBuilder::Input(const std::string& name, const std::vector<int>& dims) {
+  json11::Json::array d(dims.begin(), dims.end());
+  inputs_.push_back(json11::Json::object{{"name", name}, {"dims", d}});
+  return *this;
+}
+
+NetBuilder& NetBuilder::Layer(const std::string& name, const std::string& type,
+                              const std::vector<std::string>& inputs,
+                              const std::vector<std::string>& outputs,
+                              const json11::Json::object& param) {
+  json11::Json::array in(inputs.begin(), inputs.end());
+  json11::Json::array out(outputs.begin(), outputs.end());
+  layers_.push_back(json11::Json::object{
+      {"name", name}, {"type", type}, {"inputs", in}, {"outputs", out}, {"param", param}});
+  return *this;
+}
+
+NetBuilder& NetBuilder::Weight(const std::string& layer, const std::string& blob,
+                               const std::vector<int>& dims, const std::vector<float>& values) {
+  blobs_.push_back(WeightBlob{layer, blob, dims, values});
+  return *this;
+}
+
+NetBuilder& NetBuilder::Top(const std::string& key, const json11::Json& value) {
+  top_[key] = value;
+  return *this;
+}
+
+std::string NetBuilder::JsonText() const {
+  json11::Json::object net = top_;
+  net["inputs"] = inputs_;
+  net["layers"] = layers_;
+  return json11::Json(net).dump();
+}
+
+std::string NetBuilder::WeightsBytes() const { return SerializeWeights(blobs_); }
+
+std::unique_ptr<Net<float>> NetBuilder::Build(bool frugal) const {
+  std::string weights = WeightsBytes();
+  return std::unique_ptr<Net<float>>(CreateNetFromContent<float>(
+      JsonText(), weights.data(), static_cast<int>(weights.size()), frugal, false, 0, 1));
+}
+
+std::pair<std::string, std::string> NetBuilder::WriteFiles(const std::string& dir,
+                                                           const std::string& stem) const {
+  const std::string json = dir + "/" + stem + ".json";
+  const std::string bin = dir + "/" + stem + ".bin";
+  std::ofstream(json) << JsonText();
+  std::ofstream(bin, std::ios::binary) << WeightsBytes();
+  return {json, bin};
+}
+
+std::vector<float> RandomVector(size_t n, uint32_t seed, float lo, float hi) {
+  std::mt19937 gen(seed);
+  std::uniform_real_distribution<float> dist(lo, hi);
+  std::vector<float> v(n);
+  for (float& x : v) x = dist(gen);
+  return v;
+}
+
+std::string TempDir(const std::string& name) {
+  const char* base = getenv("TEST_TMPDIR");
+  std::string root = base ? base : "/tmp";
+  std::string dir = root + "/qzdl_test_" + std::to_string(getpid()) + "_" + name;
+  std::string cmd = "rm -rf '" + dir + "' && mkdir -p '" + dir + "'";
+  if (system(cmd.c_str()) != 0) ADD_FAILURE() << "cannot make " << dir;
+  return dir;
+}
+
+std::string CaptureStdout(const std::function<void()>& fn) {
+  testing::internal::CaptureStdout();
+  fn();
+  return testing::internal::GetCapturedStdout();
+}
+
+}  // namespace qzdl::test

@@ -1,0 +1,53 @@
+// Builder for small nets in tests: collects a net description and its
+// weights, then creates the net through the normal creation path.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "runtime/create_net.h"
+#include "runtime/json11.h"
+#include "runtime/weights_file.h"
+
+namespace qzdl::test {
+
+class NetBuilder {
+ public:
+  NetBuilder& Input(const std::string& name, const std::vector<int>& dims);
+  NetBuilder& Layer(const std::string& name, const std::string& type,
+                    const std::vector<std::string>& inputs, const std::vector<std::string>& outputs,
+                    const json11::Json::object& param = {});
+  NetBuilder& Weight(const std::string& layer, const std::string& blob, const std::vector<int>& dims,
+                     const std::vector<float>& values);
+  // A top-level key of the net description.
+  NetBuilder& Top(const std::string& key, const json11::Json& value);
+
+  std::string JsonText() const;
+  std::string WeightsBytes() const;
+  const std::vector<WeightBlob>& Blobs() const { return blobs_; }
+
+  // Creates the net with CreateNetFromContent; frugal as asked, no optimize.
+  std::unique_ptr<Net<float>> Build(bool frugal = false) const;
+  // Writes net.json and net.bin under `dir`; returns their paths.
+  std::pair<std::string, std::string> WriteFiles(const std::string& dir,
+                                                 const std::string& stem = "net") const;
+
+ private:
+  json11::Json::array inputs_;
+  json11::Json::array layers_;
+  json11::Json::object top_;
+  std::vector<WeightBlob> blobs_;
+};
+
+// Deterministic values in [lo, hi).
+std::vector<float> RandomVector(size_t n, uint32_t seed, float lo = -1.0f, float hi = 1.0f);
+
+// A fresh empty directory under the test temp area.
+std::string TempDir(const std::string& name);
+
+// Runs `fn` and returns what it wrote to standard output.
+std::string CaptureStdout(const std::function<void()>& fn);
+
+}  // namespace qzdl::test
