@@ -21,3 +21,20 @@ TEST(NetSmoke, ReluNetRuns) {
 
 }  // namespace
 }  // namespace qzdl
+
+#include "support/onnx_tensor.h"
+
+namespace qzdl {
+namespace {
+
+TEST(OnnxTensorReader, ReadsNodeTestData) {
+  const std::string dir = test::OnnxCase("node", "test_conv_with_strides_padding");
+  test::OnnxTensor x = test::ReadOnnxTensor(dir + "/test_data_set_0/input_0.pb");
+  EXPECT_EQ(x.dims, (std::vector<int64_t>{1, 1, 7, 5}));
+  ASSERT_EQ(x.values.size(), 35u);
+  EXPECT_EQ(x.values[0], 0.0f);
+  EXPECT_EQ(x.values[34], 34.0f);
+}
+
+}  // namespace
+}  // namespace qzdl
