@@ -100,6 +100,8 @@ Net<T>* CreateNet(std::string const& netPath, std::string const& modelPath,
   model.seekg(0, std::ios::end);
   const int length = static_cast<int>(model.tellg());
   model.seekg(0, std::ios::beg);
+  // A length that does not fit (or a directory, which has none) cannot be read whole.
+  if (length < 0) Fail("read bin file error\n");
   std::unique_ptr<char[]> buffer(new char[length > 0 ? length : 1]);
   model.read(buffer.get(), length);
   if (model.gcount() < length) Fail("read bin file error\n");

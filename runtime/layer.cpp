@@ -183,6 +183,12 @@ template <typename T>
 void Layer<T>::SetStaging(int input_index, Data<T>* shared, Data<T>* staging) {
   staging_.push_back({input_index, shared, staging});
   inputs_[input_index] = staging;
+  SyncStaging();
+}
+
+template <typename T>
+void Layer<T>::SyncStaging() {
+  for (const Staging& s : staging_) s.staging->Resize(s.shared->GetDims());
 }
 
 template <typename T>

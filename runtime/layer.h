@@ -105,6 +105,8 @@ class Layer {
   // For an input that is also an output but whose kernel cannot alias: the
   // net gives a private copy to read from.
   void SetStaging(int input_index, Data<T>* shared, Data<T>* staging);
+  // Gives staged inputs the current shape of the tensors they copy.
+  void SyncStaging();
 
   [[noreturn]] void Fail(const std::string& what) const;
 

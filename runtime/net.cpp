@@ -157,6 +157,7 @@ void Net<T>::Init(const json11::Json& net, std::string dataType, void*) {
         layer->Fail("writes \"" + ins[in_place[k]]->GetName() + "\" in place but changes its shape from " +
                     DimsToString(before[k]) + " to " + DimsToString(ins[in_place[k]]->GetDims()));
     for (Data<T>* o : outs) CheckShape(*layer, *o);
+    layer->CreateWeights();
     if (!layer->InPlaceSafe()) {
       for (int i : in_place) {
         auto staging = std::make_unique<Data<T>>(ins[i]->GetName());
@@ -164,7 +165,6 @@ void Net<T>::Init(const json11::Json& net, std::string dataType, void*) {
         staging_.push_back(std::move(staging));
       }
     }
-    layer->CreateWeights();
     layers_.push_back(layer.get());
     owned_layers_.push_back(std::move(layer));
   }
@@ -305,6 +305,7 @@ void Net<T>::Reshape(bool allocate, int batch) {
     }
   }
   for (Layer<T>* l : layers_) {
+    l->SyncStaging();
     l->Reshape();
     for (Data<T>* o : l->GetOutputs()) CheckShape(*l, *o);
   }
