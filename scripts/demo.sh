@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Installs what is needed, builds, and runs the shipped example net on the
+# float runtime.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install_deps.sh
+scripts/build.sh
+echo "== Running examples/small_cnn on the float runtime (batch 1, then batch 4)"
+./build/tools/qzdl_run examples/small_cnn/net.json examples/small_cnn/net.bin
+./build/tools/qzdl_run examples/small_cnn/net.json examples/small_cnn/net.bin --batch 4 --repeat 10
