@@ -1,0 +1,52 @@
+// Spatial resizing of NCHW data.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "runtime/layer.h"
+
+namespace qzdl {
+
+// "Upsample": resizes H and W, by factors (`scale`, or `scale_h` and
+// `scale_w`: out = floor(in * factor)) or to a size (`out_h` and `out_w`).
+// Despite the name the output may also be smaller.
+//
+// Source coordinates always use the ratio in/out of the actual sizes, in
+// single precision, as PyTorch's F.interpolate does when given a size:
+//   nearest:  src = min(floor(dst * (in / out)), in - 1)
+//   bilinear, align_corners false (half-pixel):
+//             src = max((dst + 0.5) * (in / out) - 0.5, 0)
+//   bilinear, align_corners true:
+//             src = dst * (in - 1) / (out - 1)   (0 when out is 1)
+// Bilinear weights use i0 = floor(src), i1 = min(i0 + 1, in - 1),
+// l1 = src - i0, l0 = 1 - l1, and the value
+//   l0_h * (l0_w * x[i0h][i0w] + l1_w * x[i0h][i1w]) +
+//   l1_h * (l0_w * x[i1h][i0w] + l1_w * x[i1h][i1w]).
+template <typename T>
+class UpsampleLayer : public Layer<T> {
+ public:
+  void LoadParam(const ParamReader& param) override;
+  void Reshape() override;
+  std::string GetTypeDetail() override;
+  const std::string& Mode() const { return mode_; }
+  bool AlignCorners() const { return align_corners_; }
+
+ protected:
+  void Run() override;
+
+ private:
+  std::string mode_ = "nearest";
+  bool align_corners_ = false;
+  // Either factors (> 0) or a fixed output size (> 0).
+  double scale_h_ = 0.0;
+  double scale_w_ = 0.0;
+  int out_h_ = 0;
+  int out_w_ = 0;
+  // Per output row / column: the two source positions and their weights
+  // (nearest uses only the first position).
+  std::vector<int> y0_, y1_, x0_, x1_;
+  std::vector<float> wy0_, wy1_, wx0_, wx1_;
+};
+
+}  // namespace qzdl
