@@ -1,0 +1,69 @@
+#include "runtime/layers/concat.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+#include "runtime/kernels/parallel.h"
+
+namespace qzdl {
+
+template <>
+void ConcatLayer<float>::LoadParam(const ParamReader& param) {
+  this->ExpectCounts(1, -1, 1, 1);
+  axis_ = param.Int("axis", 1);
+}
+
+template <>
+void ConcatLayer<float>::Reshape() {
+  const auto& inputs = this->GetInputs();
+  const Data<float>* first = inputs[0];
+  const int rank = first->NumAxes();
+  const int axis = axis_ < 0 ? axis_ + rank : axis_;
+  if (axis < 0 || axis >= rank)
+    this->Fail("param \"axis\" is " + std::to_string(axis_) + ", out of range for input \"" +
+               first->GetName() + "\" of shape " + DimsToString(first->GetDims()));
+  std::vector<int> dims = first->GetDims();
+  int64_t total = 0;
+  slice_.assign(inputs.size(), 0);
+  for (size_t k = 0; k < inputs.size(); ++k) {
+    const std::vector<int> d = inputs[k]->GetDims();
+    bool same = static_cast<int>(d.size()) == rank;
+    for (int j = 0; same && j < rank; ++j) same = j == axis || d[j] == dims[j];
+    if (!same)
+      this->Fail("input \"" + inputs[k]->GetName() + "\" has shape " + DimsToString(d) +
+                 ", which does not match input \"" + first->GetName() + "\" of shape " +
+                 DimsToString(dims) + " on the axes other than axis " + std::to_string(axis));
+    total += d[axis];
+    slice_[k] = inputs[k]->Count(axis);
+  }
+  if (total > INT32_MAX)
+    this->Fail("the output would be too large on axis " + std::to_string(axis));
+  outer_ = first->Count(0) / first->Count(axis);
+  dims[axis] = static_cast<int>(total);
+  this->out()->Resize(dims);
+}
+
+template <>
+void ConcatLayer<float>::Run() {
+  const auto& inputs = this->GetInputs();
+  float* y = this->out()->GetCpuData();
+  int64_t out_slice = 0;
+  for (int64_t s : slice_) out_slice += s;
+  int64_t offset = 0;
+  for (size_t k = 0; k < inputs.size(); ++k) {
+    const float* x = inputs[k]->GetCpuData();
+    const int64_t slice = slice_[k];
+    const int64_t at = offset;
+    ParallelFor(
+        outer_,
+        [=](int64_t begin, int64_t end) {
+          for (int64_t o = begin; o < end; ++o)
+            std::memcpy(y + o * out_slice + at, x + o * slice, sizeof(float) * slice);
+        },
+        std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(1, slice)));
+    offset += slice;
+  }
+}
+
+}  // namespace qzdl

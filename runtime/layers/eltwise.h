@@ -1,0 +1,64 @@
+// Element-wise combination of several tensors: "Eltwise" for inputs of one
+// shape, "BroadcastOp" for two inputs with numpy-style broadcasting.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "runtime/layer.h"
+
+namespace qzdl {
+
+// "Eltwise": y = sum(coeff[k] * x_k), prod(x_k) or max(x_k) over N >= 2
+// inputs of identical shape.
+template <typename T>
+class EltwiseLayer : public Layer<T> {
+ public:
+  enum class Op { kSum, kProd, kMax };
+
+  void LoadParam(const ParamReader& param) override;
+  void Reshape() override;
+  bool InPlaceSafe() const override { return true; }
+  // "Eltwise(sum)", "Eltwise(prod)" or "Eltwise(max)".
+  std::string GetTypeDetail() override;
+  Op Operation() const { return op_; }
+  const std::vector<float>& Coeffs() const { return coeff_; }
+
+ protected:
+  void Run() override;
+
+ private:
+  Op op_ = Op::kSum;
+  std::vector<float> coeff_;           // one per input; all 1 unless given
+  std::vector<const float*> sources_;  // input pointers, refreshed at each Run
+};
+
+// "BroadcastOp": y = a (op) b with the shapes of a and b broadcast against
+// each other (trailing axes aligned, missing leading axes read as 1).
+template <typename T>
+class BroadcastOpLayer : public Layer<T> {
+ public:
+  enum class Op { kAdd, kSub, kMul, kDiv, kEqual };
+
+  void LoadParam(const ParamReader& param) override;
+  void Reshape() override;
+  bool InPlaceSafe() const override { return true; }
+  // "BroadcastOp(add)", "BroadcastOp(sub)", ... "BroadcastOp(equal)".
+  std::string GetTypeDetail() override;
+  Op Operation() const { return op_; }
+
+ protected:
+  void Run() override;
+
+ private:
+  Op op_ = Op::kAdd;
+  std::string op_name_;
+  // Set at Reshape: the output seen as dims_ (adjacent axes with the same
+  // broadcast pattern merged), with per-axis element strides of a and b
+  // (0 along an axis the input repeats).
+  std::vector<int64_t> dims_;
+  std::vector<int64_t> stride_a_;
+  std::vector<int64_t> stride_b_;
+};
+
+}  // namespace qzdl
