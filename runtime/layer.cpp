@@ -193,6 +193,11 @@ void Layer<T>::SyncStaging() {
 
 template <typename T>
 void Layer<T>::Forward() {
+  // A net reshaped to an empty batch has nothing to compute.
+  for (Data<T>* t : inputs_)
+    if (t->Count(0) == 0) return;
+  for (Data<T>* t : outputs_)
+    if (t->Count(0) == 0) return;
   const bool frugal = context_ != nullptr && context_->frugal;
   for (const Staging& s : staging_) {
     // The kernel cannot alias: it reads a private copy of the shared tensor.

@@ -1,6 +1,8 @@
 #include "runtime/net.h"
 
 #include <climits>
+#include <new>
+#include <stdexcept>
 #include <cstring>
 #include <type_traits>
 
@@ -57,6 +59,21 @@ void CheckShape(const Layer<T>& layer, const Data<T>& t) {
   }
   if (!ok)
     layer.Fail("output \"" + t.GetName() + "\" would have invalid shape " + DimsToString(dims));
+}
+
+// Shape inference of one layer. Layers size their workspace here, so an
+// absurd shape can exhaust memory: that is reported like any bad shape.
+template <typename T>
+void ReshapeLayer(Layer<T>& layer) {
+  try {
+    layer.Reshape();
+  } catch (const std::bad_alloc&) {
+    std::string shapes;
+    for (Data<T>* in : layer.GetInputs()) shapes += (shapes.empty() ? "" : ", ") + DimsToString(in->GetDims());
+    layer.Fail("not enough memory for its work buffers at input shape(s) " + shapes);
+  } catch (const std::length_error&) {
+    layer.Fail("work buffers too large for its input shapes");
+  }
 }
 
 }  // namespace
@@ -151,7 +168,7 @@ void Net<T>::Init(const json11::Json& net, std::string dataType, void*) {
 
     std::vector<std::vector<int>> before;
     for (int i : in_place) before.push_back(ins[i]->GetDims());
-    layer->Reshape();
+    ReshapeLayer(*layer);
     for (size_t k = 0; k < in_place.size(); ++k)
       if (ins[in_place[k]]->GetDims() != before[k])
         layer->Fail("writes \"" + ins[in_place[k]]->GetName() + "\" in place but changes its shape from " +
@@ -306,7 +323,7 @@ void Net<T>::Reshape(bool allocate, int batch) {
   }
   for (Layer<T>* l : layers_) {
     l->SyncStaging();
-    l->Reshape();
+    ReshapeLayer(*l);
     for (Data<T>* o : l->GetOutputs()) CheckShape(*l, *o);
   }
   if (allocate) {
@@ -323,10 +340,15 @@ void Net<T>::AllocateStorage() {
   std::set<Data<T>*> inputs(inputs_.begin(), inputs_.end());
   for (auto& kv : tensors_) {
     Data<T>* t = kv.second.get();
-    if (inputs.count(t) || !context_.frugal) {
-      t->Reallocate();
-    } else {
+    if (!inputs.count(t) && context_.frugal) {
       t->ClearData();
+      continue;
+    }
+    try {
+      t->Reallocate();
+    } catch (const std::bad_alloc&) {
+      throw NetFormatError(SourceNames::Net() + ": not enough memory for tensor \"" +
+                           t->GetName() + "\" of shape " + DimsToString(t->GetDims()));
     }
   }
   for (auto& s : staging_) s->ClearData();
@@ -334,8 +356,17 @@ void Net<T>::AllocateStorage() {
 
 template <typename T>
 void Net<T>::ReshapeBatchNum(int batch, int) {
-  if (batch < 1) throw NetFormatError("batch size must be at least 1, got " + std::to_string(batch));
-  Reshape(true, batch);
+  if (batch < 0) throw NetFormatError("batch size must not be negative, got " + std::to_string(batch));
+  if (batch > 0) return Reshape(true, batch);
+  // An empty batch: every tensor keeps its item shape with a batch of 0 and
+  // no storage; a forward then has nothing to do.
+  for (auto& kv : tensors_) {
+    std::vector<int> dims = kv.second->GetDims();
+    if (!dims.empty()) dims[0] = 0;
+    kv.second->Resize(dims);
+    kv.second->ClearData();
+  }
+  for (auto& s : staging_) s->ClearData();
 }
 
 template <typename T>

@@ -1,3 +1,15 @@
-// The converter's entry point. The command line arrives with later work; for
-// now the tool starts, links the runtime and ends successfully.
-int main(int, char**) { return 0; }
+// The converter's entry point: parameters from the command line, one
+// conversion, status 0. Failures end the process where they are found
+// (status 255, or an abort for a net that cannot be created); nothing here
+// catches them.
+#include "converter/converter.h"
+#include "converter/parameter.h"
+
+int main(int argc, char** argv) {
+  qzdl::modelConverter::ConverterParam param;
+  qzdl::modelConverter::ParseArgs(argc, argv, param);
+  // Never destroyed: the end of the process gives the memory back.
+  qzdl::modelConverter::Converter* converter = new qzdl::modelConverter::Converter(param);
+  converter->Convert();
+  return 0;
+}

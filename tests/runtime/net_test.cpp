@@ -177,3 +177,26 @@ TEST(LayerVtable, ContractOperationsComeFirstInOrder) {
 
 }  // namespace
 }  // namespace qzdl
+
+namespace qzdl {
+namespace {
+
+TEST(NetEmptyBatch, BatchZeroLeavesNothingToRun) {
+  test::RegisterTestLayers();
+  test::NetBuilder b;
+  b.Input("data", {2, 3}).Layer("relu", "ReLU", {"data"}, {"out"});
+  auto net = b.Build();
+  net->ReshapeBatchNum(0, 0);
+  EXPECT_EQ(net->GetInputData(0)->GetDims(), (std::vector<int>{0, 3}));
+  EXPECT_EQ(net->GetOutputData(0)->Count(0), 0);
+  EXPECT_EQ(net->GetOutputData(0)->GetCpuData(), nullptr);
+  net->ForwardAll();  // nothing to compute, nothing touched
+  net->ReshapeBatchNum(2, 0);
+  std::vector<float> x = {-1, 2, -3, 4, -5, 6};
+  net->SetFloatInputData(x.data(), 0);
+  net->ForwardAll();
+  EXPECT_EQ(net->GetFloatOutputData(0)[5], 6.0f);
+}
+
+}  // namespace
+}  // namespace qzdl

@@ -1,0 +1,54 @@
+// The stages of a conversion that stand between the driver's fixed steps, and
+// the driver's calls into the data loader, the searcher and the weights tuner.
+//
+// In this build none of them has work to do: no data loader is made, so a
+// conversion stops at the first check of Convert with "Failed to load input
+// data.", and nothing below that check runs.
+#include "converter/converter.h"
+
+namespace qzdl {
+namespace modelConverter {
+
+// Leaves data_loader null: no calibration source is known to this build.
+void Converter::GenerateDataLoader() {}
+
+void Converter::InitObservers() {}
+
+void Converter::InitWeightObservers() {}
+
+void Converter::InitSearcher() {}
+
+void Converter::LoadPresetConfig() {}
+
+void Converter::CalibrateWeight() {}
+
+void Converter::FinishCalibration() {}
+
+void Converter::SaveQuantizedModel() const {}
+
+void Converter::StaticSearch() {}
+
+INT8Config* Converter::DumpQuantizationConfig() { return nullptr; }
+
+void Converter::MergeInt8Config() {}
+
+long Converter::DataSize() { return 0; }
+
+float* Converter::NextBatch(const std::string& name, int batch) { return nullptr; }
+
+void Converter::SearcherInit() {}
+
+void Converter::HandCachedDataToTuner() {}
+
+void Converter::TunerInit() {}
+
+void Converter::SearcherSearchInput(const std::string& name, Observer* observer) {}
+
+void Converter::SearcherSearchLayer(const std::string& layer_name,
+                                    std::map<std::string, Observer*> map) {}
+
+void Converter::TunerSearchLayer(const std::string& layer_name,
+                                 std::map<std::string, Observer*> map) {}
+
+}  // namespace modelConverter
+}  // namespace qzdl

@@ -1,0 +1,307 @@
+// In-process tests of the conversion driver: the size checks through their
+// own functions, the round count, and what the constructor makes of a net.
+#include "converter/converter.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "support/net_builder.h"
+#include "tools/process_runner.h"
+
+namespace qzdl::modelConverter {
+
+// Reads the driver's private state for the tests.
+class ConverterTestAccess {
+ public:
+  static const std::map<std::string, CalibrationMethod>& Methods(const Converter& c) {
+    return c.calibration_methods;
+  }
+  static const ConverterParam& Param(const Converter& c) { return c.param; }
+  static bool HasDataLoader(const Converter& c) { return c.data_loader != nullptr; }
+  static bool HasFloatNet(const Converter& c) { return c.float_net != nullptr; }
+  static bool HasInt8Net(const Converter& c) { return c.int8_net != nullptr; }
+  static bool HasSearcher(const Converter& c) { return c.searcher != nullptr; }
+  static bool HasTuner(const Converter& c) { return c.weights_tuner != nullptr; }
+  static size_t ObserverCount(const Converter& c) { return c.observers.size(); }
+  static bool SpareFieldsEmpty(const Converter& c) {
+    return c.spare_counts.empty() && c.spare_names.empty() && c.spare_values.empty() &&
+           c.weight_observers.empty();
+  }
+};
+
+namespace {
+
+using test::CountLines;
+using test::HasLine;
+using test::WriteFile;
+
+const char kBatchWarning[] =
+    "Warning: Network dose not support inference with batch != 1, open frugal mode now.";
+const char kBatchModeWarning[] =
+    "Warning: Network dose not support inference with batch != 1, calibration method will be "
+    "changed to Peak.";
+const char kSizeWarning[] = "Warning: Network is too large, open frugal mode now.";
+const char kSizeModeWarning[] =
+    "Warning: Network is too large, calibration method will be changed to Peak.";
+
+TEST(SizeCheckTest, ElementLimitMustBeExceeded) {
+  EXPECT_FALSE(ExceedsElementLimit(0));
+  EXPECT_FALSE(ExceedsElementLimit(2147483647));
+  EXPECT_TRUE(ExceedsElementLimit(2147483648LL));
+  EXPECT_TRUE(ExceedsElementLimit(int64_t{1} << 40));
+  EXPECT_FALSE(ExceedsElementLimit(-5));
+}
+
+TEST(SizeCheckTest, BatchLimitMultipliesUnsigned) {
+  // A tensor of 2147483647 elements in a set of one item stays below.
+  EXPECT_FALSE(ExceedsBatchLimit(2147483647u, 1));
+  EXPECT_TRUE(ExceedsBatchLimit(2147483647u, 2));
+  EXPECT_TRUE(ExceedsBatchLimit(uint64_t{1} << 30, 2));
+  EXPECT_FALSE(ExceedsBatchLimit((uint64_t{1} << 30) - 1, 2));
+  EXPECT_FALSE(ExceedsBatchLimit(1000, 0));
+  // The product wraps as a 64-bit unsigned number.
+  EXPECT_FALSE(ExceedsBatchLimit(uint64_t{1} << 63, 2));
+}
+
+TEST(SizeCheckTest, RoundCountOfAnEmptySetIsZero) {
+  EXPECT_EQ(RoundCount(0, 0), 0u);
+  EXPECT_EQ(RoundCount(5, 0), 0u);
+  EXPECT_EQ(RoundCount(5, 5), 1u);
+  EXPECT_EQ(RoundCount(5, 1), 5u);
+  EXPECT_EQ(RoundCount(5, 2), 2u);
+}
+
+TEST(SizeCheckTest, ReshapeFixingTheBatch) {
+  auto layer = [](const json11::Json& shapes) {
+    return json11::Json(json11::Json::object{{"type", "Reshape"},
+                                             {"param", json11::Json::object{{"shapes", shapes}}}});
+  };
+  EXPECT_TRUE(ReshapeFixesBatch(layer(json11::Json::array{1, -1})));
+  EXPECT_TRUE(ReshapeFixesBatch(layer(json11::Json::array{1.0, 3})));
+  EXPECT_FALSE(ReshapeFixesBatch(layer(json11::Json::array{0, -1})));
+  EXPECT_FALSE(ReshapeFixesBatch(layer(json11::Json::array{2, -1})));
+  EXPECT_FALSE(ReshapeFixesBatch(layer(json11::Json::array{})));
+  EXPECT_FALSE(ReshapeFixesBatch(json11::Json::object{}));
+}
+
+TEST(SizeCheckTest, OpenFrugalForSizeActsOnce) {
+  ConverterParam p;
+  p.calibration_mode = staticQuantization::MeanSquareError;
+  std::string out = test::CaptureStdout([&] { OpenFrugalForSize(p); });
+  EXPECT_EQ(out, std::string(kSizeWarning) + "\n" + kSizeModeWarning + "\n");
+  EXPECT_TRUE(p.frugal);
+  EXPECT_EQ(p.calibration_mode, 0);
+  // Once frugal is on, nothing more happens.
+  p.calibration_mode = staticQuantization::CosineSearch;
+  out = test::CaptureStdout([&] { OpenFrugalForSize(p); });
+  EXPECT_EQ(out, "");
+  EXPECT_EQ(p.calibration_mode, 8);
+}
+
+TEST(SizeCheckTest, OnlyModes4And8FallBackToPeak) {
+  for (int mode = 0; mode <= 9; ++mode) {
+    SCOPED_TRACE(mode);
+    ConverterParam p;
+    p.calibration_mode = static_cast<CalibrationMethod>(mode);
+    std::string out = test::CaptureStdout([&] { OpenFrugalForSize(p); });
+    const bool falls_back = mode == 4 || mode == 8;
+    EXPECT_EQ(CountLines(out, kSizeModeWarning), falls_back ? 1 : 0);
+    EXPECT_EQ(p.calibration_mode, falls_back ? 0 : mode);
+    EXPECT_TRUE(p.frugal);
+  }
+}
+
+TEST(SizeCheckTest, OpenFrugalForBatch) {
+  ConverterParam p;
+  p.calibration_mode = staticQuantization::CosineSearch;
+  std::string out = test::CaptureStdout([&] { OpenFrugalForBatch(p); });
+  EXPECT_EQ(out, std::string(kBatchWarning) + "\n" + kBatchModeWarning + "\n");
+  EXPECT_EQ(p.calibration_mode, 0);
+  ConverterParam q;
+  q.calibration_mode = staticQuantization::AdaQuant;
+  out = test::CaptureStdout([&] { OpenFrugalForBatch(q); });
+  EXPECT_EQ(out, std::string(kBatchWarning) + "\n");
+  EXPECT_EQ(q.calibration_mode, 7);
+  q.frugal = true;
+  q.calibration_mode = staticQuantization::MeanSquareError;
+  EXPECT_EQ(test::CaptureStdout([&] { OpenFrugalForBatch(q); }), "");
+  EXPECT_EQ(q.calibration_mode, 4);
+}
+
+class ConverterTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = test::TempDir(::testing::UnitTest::GetInstance()->current_test_info()->name());
+    char buf[4096];
+    ASSERT_NE(getcwd(buf, sizeof buf), nullptr);
+    saved_cwd_ = buf;
+    // The constructor reads "config.json" in the current directory.
+    ASSERT_EQ(chdir(dir_.c_str()), 0);
+  }
+  void TearDown() override { ASSERT_EQ(chdir(saved_cwd_.c_str()), 0); }
+
+  ConverterParam ParamFor(const test::NetBuilder& net, int mode) {
+    auto files = net.WriteFiles(dir_);
+    ConverterParam p;
+    p.json_file = files.first;
+    p.model_file = files.second;
+    p.output_name = dir_ + "/out.bin";
+    p.calibration_mode = static_cast<CalibrationMethod>(mode);
+    return p;
+  }
+
+  std::unique_ptr<Converter> Make(const ConverterParam& p, std::string* out) {
+    std::unique_ptr<Converter> c;
+    *out = test::CaptureStdout([&] { c = std::make_unique<Converter>(p); });
+    return c;
+  }
+
+  std::string dir_, saved_cwd_;
+};
+
+TEST_F(ConverterTest, InputsNaiveOutputsTheMode) {
+  std::string out;
+  auto c = Make(ParamFor(test::PlainNet(), 2), &out);
+  const auto& methods = ConverterTestAccess::Methods(*c);
+  ASSERT_EQ(methods.size(), 3u);
+  EXPECT_EQ(methods.at("data"), 0);
+  EXPECT_EQ(methods.at("a"), 2);
+  EXPECT_EQ(methods.at("b"), 2);
+  EXPECT_TRUE(HasLine(out, "Assign all data`s calibration method to: Entropy"));
+  EXPECT_TRUE(ConverterTestAccess::HasFloatNet(*c));
+  EXPECT_FALSE(ConverterTestAccess::HasDataLoader(*c));
+  EXPECT_FALSE(ConverterTestAccess::HasInt8Net(*c));
+  EXPECT_FALSE(ConverterTestAccess::HasSearcher(*c));
+  EXPECT_FALSE(ConverterTestAccess::HasTuner(*c));
+  EXPECT_TRUE(ConverterTestAccess::SpareFieldsEmpty(*c));
+  EXPECT_EQ(ConverterTestAccess::ObserverCount(*c), 0u);
+}
+
+TEST_F(ConverterTest, ConstructorOutputInOrder) {
+  std::string out;
+  auto c = Make(ParamFor(test::PlainNet(), 0), &out);
+  const size_t status = out.find("CONVERTER PARAMETERS: \n");
+  const size_t assign = out.find("Assign all data`s calibration method to: Naive\n");
+  ASSERT_EQ(status, 0u) << out;
+  ASSERT_NE(assign, std::string::npos);
+  EXPECT_LT(status, assign);
+  // The assignment line is the last one.
+  EXPECT_EQ(out.size(),
+            assign + std::string("Assign all data`s calibration method to: Naive\n").size());
+}
+
+TEST_F(ConverterTest, OutputNamedLikeAnInputTakesTheMode) {
+  test::NetBuilder net;
+  net.Input("data", {1, 2, 2, 2}).Layer("relu", "ReLU", {"data"}, {"data"});
+  std::string out;
+  auto c = Make(ParamFor(net, 5), &out);
+  EXPECT_EQ(ConverterTestAccess::Methods(*c).at("data"), 5);
+}
+
+TEST_F(ConverterTest, ConfigFileChangesSingleTensors) {
+  WriteFile(dir_ + "/config.json",
+            R"({"CalibrationMethod": {"data": "MEAN", "a": "mes", "b": 3, "ghost": "ENTROPY"},)"
+            R"( "Other": {"a": "NAIVE"}})");
+  std::string out;
+  auto c = Make(ParamFor(test::PlainNet(), 2), &out);
+  const auto& methods = ConverterTestAccess::Methods(*c);
+  EXPECT_EQ(methods.at("data"), 1);
+  EXPECT_EQ(methods.at("a"), 2);
+  EXPECT_EQ(methods.at("b"), 2);
+  EXPECT_EQ(methods.count("ghost"), 0u);
+  // In key order of the tensors, after the assignment line.
+  const std::string expected =
+      "Assign all data`s calibration method to: Entropy\n"
+      "Data a`s calibration method has been changed to: Entropy.\n"
+      "Data b`s calibration method has been changed to: Entropy.\n"
+      "Data data`s calibration method has been changed to: Average.\n";
+  ASSERT_GE(out.size(), expected.size());
+  EXPECT_EQ(out.substr(out.size() - expected.size()), expected) << out;
+}
+
+TEST_F(ConverterTest, EveryWordOfTheConfigFile) {
+  const std::pair<const char*, int> words[] = {{"NAIVE", 0},    {"MEAN", 1}, {"ENTROPY", 2},
+                                               {"COVERAGE", 3}, {"MES", 4},  {"HISTOGRAM", 5},
+                                               {"Naive", 8},    {"", 8},     {"PRESET", 8}};
+  for (const auto& word : words) {
+    SCOPED_TRACE(word.first);
+    WriteFile(dir_ + "/config.json",
+              std::string(R"({"CalibrationMethod": {"a": ")") + word.first + "\"}}");
+    std::string out;
+    auto c = Make(ParamFor(test::PlainNet(), 8), &out);
+    EXPECT_EQ(ConverterTestAccess::Methods(*c).at("a"), word.second);
+  }
+}
+
+TEST_F(ConverterTest, BrokenOrMisshapenConfigChangesNothing) {
+  for (const char* text :
+       {"{\"CalibrationMethod\": {\"a\": \"MEAN\"", "[1, 2]", R"({"CalibrationMethod": ["a"]})",
+        R"({"calibrationmethod": {"a": "MEAN"}})", R"({"CalibrationMethod": {"a": null}})"}) {
+    SCOPED_TRACE(text);
+    WriteFile(dir_ + "/config.json", text);
+    std::string out;
+    auto c = Make(ParamFor(test::PlainNet(), 3), &out);
+    EXPECT_EQ(ConverterTestAccess::Methods(*c).at("a"), 3);
+    EXPECT_EQ(out.find("has been changed"), std::string::npos);
+  }
+}
+
+TEST_F(ConverterTest, ReshapeToBatchOneTurnsFrugalOn) {
+  std::string out;
+  auto c = Make(ParamFor(test::ReshapeNet({1, -1}), 0), &out);
+  EXPECT_TRUE(ConverterTestAccess::Param(*c).frugal);
+  EXPECT_EQ(CountLines(out, kBatchWarning), 1);
+  EXPECT_EQ(CountLines(out, kBatchModeWarning), 0);
+  EXPECT_TRUE(HasLine(out, "  --frugal:             true"));
+  // The warning comes before Status.
+  EXPECT_LT(out.find(kBatchWarning), out.find("CONVERTER PARAMETERS: "));
+}
+
+TEST_F(ConverterTest, ReshapeWithMeanSquareErrorKeepsTheAskedMethodPerTensor) {
+  std::string out;
+  auto c = Make(ParamFor(test::ReshapeNet({1, -1}), 4), &out);
+  EXPECT_EQ(ConverterTestAccess::Param(*c).calibration_mode, 0);
+  EXPECT_TRUE(ConverterTestAccess::Param(*c).frugal);
+  EXPECT_EQ(CountLines(out, kBatchWarning), 1);
+  EXPECT_EQ(CountLines(out, kBatchModeWarning), 1);
+  EXPECT_TRUE(HasLine(out, "  --calibration_mode:   Naive"));
+  EXPECT_TRUE(HasLine(out, "Assign all data`s calibration method to: MeanSquareError"));
+  const auto& methods = ConverterTestAccess::Methods(*c);
+  EXPECT_EQ(methods.at("flat"), 4);
+  EXPECT_EQ(methods.at("out"), 4);
+  EXPECT_EQ(methods.at("data"), 0);
+}
+
+TEST_F(ConverterTest, ReshapeKeepingTheBatchChangesNothing) {
+  std::string out;
+  auto c = Make(ParamFor(test::ReshapeNet({0, -1}), 4), &out);
+  EXPECT_FALSE(ConverterTestAccess::Param(*c).frugal);
+  EXPECT_EQ(ConverterTestAccess::Param(*c).calibration_mode, 4);
+  EXPECT_EQ(out.find("Warning"), std::string::npos);
+}
+
+TEST_F(ConverterTest, ReshapeUnderFrugalSaysNothing) {
+  ConverterParam p = ParamFor(test::ReshapeNet({1, -1}), 8);
+  p.frugal = true;
+  std::string out;
+  auto c = Make(p, &out);
+  EXPECT_EQ(ConverterTestAccess::Param(*c).calibration_mode, 8);
+  EXPECT_EQ(out.find("Warning"), std::string::npos);
+}
+
+TEST_F(ConverterTest, ConvertWithoutDataEndsWith255) {
+  ConverterParam p = ParamFor(test::PlainNet(), 0);
+  test::ProcessResult r = test::RunForked([&] {
+    Converter* c = new Converter(p);
+    c->Convert();
+  });
+  ASSERT_TRUE(r.exited);
+  EXPECT_EQ(r.status, 255);
+  EXPECT_EQ(r.out.substr(r.out.size() - 27), "Failed to load input data.\n") << r.out;
+}
+
+}  // namespace
+}  // namespace qzdl::modelConverter
