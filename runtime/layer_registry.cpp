@@ -3,6 +3,28 @@
 #include <map>
 
 #include "runtime/layers/activation.h"
+#include "runtime/layers/activation_extra.h"
+#include "runtime/layers/concat.h"
+#include "runtime/layers/constant.h"
+#include "runtime/layers/convolution.h"
+#include "runtime/layers/detection.h"
+#include "runtime/layers/eltwise.h"
+#include "runtime/layers/gather_tile.h"
+#include "runtime/layers/inner_product.h"
+#include "runtime/layers/instance_norm.h"
+#include "runtime/layers/log_softmax.h"
+#include "runtime/layers/lrn.h"
+#include "runtime/layers/math.h"
+#include "runtime/layers/normalization.h"
+#include "runtime/layers/padding.h"
+#include "runtime/layers/pooling.h"
+#include "runtime/layers/reduce.h"
+#include "runtime/layers/reshape.h"
+#include "runtime/layers/shuffle_channel.h"
+#include "runtime/layers/softmax.h"
+#include "runtime/layers/space_depth.h"
+#include "runtime/layers/split_slice.h"
+#include "runtime/layers/upsample.h"
 
 namespace qzdl {
 
@@ -16,8 +38,79 @@ std::unique_ptr<Layer<float>> Make() {
 // Edited by hand: one row per type name, grouped by layer family.
 std::map<std::string, LayerFactory<float>>& FloatTable() {
   static std::map<std::string, LayerFactory<float>> table = {
+      // convolution
+      {"Convolution", &Make<ConvolutionLayer<float>>},
+      {"Deconvolution", &Make<DeconvolutionLayer<float>>},
+      {"InnerProduct", &Make<InnerProductLayer<float>>},
       // activation
       {"ReLU", &Make<ReluLayer<float>>},
+      {"ReLUX", &Make<ReluXLayer<float>>},
+      {"LeakyRelu", &Make<LeakyReluLayer<float>>},
+      {"PReLU", &Make<PReluLayer<float>>},
+      {"Elu", &Make<EluLayer<float>>},
+      {"Sigmoid", &Make<SigmoidLayer<float>>},
+      {"TanH", &Make<TanHLayer<float>>},
+      {"Swish", &Make<SwishLayer<float>>},
+      // activation_extra
+      {"Mish", &Make<MishLayer<float>>},
+      {"Gelu", &Make<GeluLayer<float>>},
+      {"Softplus", &Make<SoftplusLayer<float>>},
+      {"Selu", &Make<SeluLayer<float>>},
+      {"HardSigmoid", &Make<HardSigmoidLayer<float>>},
+      // log_softmax
+      {"LogSoftmax", &Make<LogSoftmaxLayer<float>>},
+      // lrn
+      {"Lrn", &Make<LrnLayer<float>>},
+      // instance_norm
+      {"InstanceNormalization", &Make<InstanceNormalizationLayer<float>>},
+      // reduce
+      {"ReduceMean", &Make<ReduceMeanLayer<float>>},
+      // space_depth
+      {"DepthToSpace", &Make<DepthToSpaceLayer<float>>},
+      {"SpaceToDepth", &Make<SpaceToDepthLayer<float>>},
+      // gather_tile
+      {"Gather", &Make<GatherLayer<float>>},
+      {"Tile", &Make<TileLayer<float>>},
+      {"Crop", &Make<CropLayer<float>>},
+      {"Squeeze", &Make<SqueezeLayer<float>>},
+      {"ExpandDims", &Make<ExpandDimsLayer<float>>},
+      // math
+      {"UnaryOp", &Make<UnaryOpLayer<float>>},
+      {"Power", &Make<PowerLayer<float>>},
+      {"Clip", &Make<ClipLayer<float>>},
+      // constant
+      {"Constant", &Make<ConstantLayer<float>>},
+      // pooling
+      {"Pooling", &Make<PoolingLayer<float>>},
+      // softmax
+      {"Softmax", &Make<SoftmaxLayer<float>>},
+      // eltwise
+      {"Eltwise", &Make<EltwiseLayer<float>>},
+      {"BroadcastOp", &Make<BroadcastOpLayer<float>>},
+      // concat
+      {"Concat", &Make<ConcatLayer<float>>},
+      // normalization
+      {"BatchNormal", &Make<BatchNormalLayer<float>>},
+      {"Scale", &Make<ScaleLayer<float>>},
+      {"L2Normalize", &Make<L2NormalizeLayer<float>>},
+      // detection
+      {"DetectionOutput", &Make<DetectionOutputLayer<float>>},
+      {"PriorBox", &Make<PriorBoxLayer<float>>},
+      // reshape
+      {"Dropout", &Make<DropoutLayer<float>>},
+      {"Flatten", &Make<FlattenLayer<float>>},
+      {"Permute", &Make<PermuteLayer<float>>},
+      {"Reshape", &Make<ReshapeLayer<float>>},
+      // split_slice
+      {"Slice", &Make<SliceLayer<float>>},
+      {"Split", &Make<SplitLayer<float>>},
+      // upsample
+      {"Upsample", &Make<UpsampleLayer<float>>},
+      // padding
+      {"Padding", &Make<PaddingLayer<float>>},
+      {"ZeroPadding", &Make<PaddingLayer<float>>},
+      // shuffle_channel
+      {"ShuffleChannel", &Make<ShuffleChannelLayer<float>>},
   };
   return table;
 }

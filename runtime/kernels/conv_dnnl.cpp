@@ -1,0 +1,320 @@
+#include "runtime/kernels/conv_dnnl.h"
+
+#if defined(QZDL_HAVE_DNNL)
+#include <omp.h>
+
+#include <algorithm>
+#include <deque>
+#include <dnnl.hpp>
+#include <unordered_map>
+#include <vector>
+
+#include "runtime/data.h"
+#endif
+
+namespace qzdl {
+
+#if defined(QZDL_HAVE_DNNL)
+
+namespace {
+
+using dnnl::memory;
+using tag = dnnl::memory::format_tag;
+using Args = std::unordered_map<int, memory>;
+
+// Chunks of output channels: only for single-group convolutions of small
+// batches, at least kMinChunk channels each (a multiple of 16), aiming at
+// kMinItems work items.
+constexpr int kMinChunk = 32;
+constexpr int kMinItems = 8;
+constexpr int kPlainSrcChannels = 4;
+
+dnnl::engine& CpuEngine() {
+  static dnnl::engine engine(dnnl::engine::kind::cpu, 0);
+  return engine;
+}
+
+memory::desc Desc(const memory::dims& dims, tag t) {
+  return memory::desc(dims, memory::data_type::f32, t);
+}
+
+memory Unbound(const memory::desc& md) { return memory(md, CpuEngine(), DNNL_MEMORY_NONE); }
+
+memory Bound(const memory::desc& md, AlignedBuffer* buf) {
+  return memory(md, CpuEngine(), buf->Reserve(std::max<size_t>(md.get_size(), 64)));
+}
+
+// Sets the calling thread's OpenMP thread count for the scope.
+class ThreadCountScope {
+ public:
+  explicit ThreadCountScope(int n) : saved_(omp_get_max_threads()) { omp_set_num_threads(n); }
+  ~ThreadCountScope() { omp_set_num_threads(saved_); }
+
+ private:
+  int saved_;
+};
+
+}  // namespace
+
+struct DnnlConvolution::Impl {
+  // One primitive per distinct chunk size.
+  struct Part {
+    int channels = 0;
+    dnnl::convolution_forward conv;
+    dnnl::reorder wei_reorder, dst_reorder;
+    bool reorder_wei = false, reorder_dst = false;
+    memory::desc src_md, user_wei_md, wei_md, user_dst_md, dst_md;
+  };
+  struct Chunk {
+    int first = 0, part = 0;
+    memory user_wei, wei, user_bias;
+    AlignedBuffer wei_buf;
+  };
+  // Per thread: a stream, buffers and argument lists, built once.
+  struct Slot {
+    dnnl::stream stream{CpuEngine()};
+    AlignedBuffer dst_buf, scratch_buf;
+    memory user_src, src, scratch;
+    std::vector<memory> user_dst;  // per chunk
+    Args src_args;
+    std::vector<Args> conv_args, dst_args, wei_args;  // per chunk
+  };
+
+  ConvGeometry g;
+  bool bias = false;
+  bool reorder_src = false;
+  size_t src_image_bytes = 0;
+  std::vector<Part> parts;
+  std::deque<Chunk> chunks;  // a deque: its buffers cannot move
+  std::vector<std::unique_ptr<Slot>> slots;
+  dnnl::reorder src_reorder;
+  AlignedBuffer src_buf;  // every image in oneDNN's layout
+  std::string impl_name;
+
+  // Creates the primitive for `channels` output channels; src_md may be
+  // "any" (first part) or the layout the first part chose.
+  bool MakePart(int channels, const memory::desc& src_md, Part* part, size_t* scratch);
+};
+
+bool DnnlConvolution::Impl::MakePart(int channels, const memory::desc& src_md, Part* part,
+                                     size_t* scratch) {
+  const int group_out = channels / g.group;
+  const memory::dims dst_dims{1, channels, g.out_h, g.out_w};
+  const memory::dims wei_dims =
+      g.group == 1 ? memory::dims{channels, g.in_c, g.kernel_h, g.kernel_w}
+                   : memory::dims{g.group, group_out, g.InPerGroup(), g.kernel_h, g.kernel_w};
+  const memory::dims strides{g.stride_h, g.stride_w};
+  const memory::dims dilates{g.dilation_h - 1, g.dilation_w - 1};
+  const memory::dims pad_l{g.pad_top, g.pad_left}, pad_r{g.pad_bottom, g.pad_right};
+  const memory::desc bias_md = Desc({channels}, tag::a);
+  const memory::desc wei_any = Desc(wei_dims, tag::any), dst_any = Desc(dst_dims, tag::any);
+  dnnl::primitive_attr attr;
+  attr.set_scratchpad_mode(dnnl::scratchpad_mode::user);
+  dnnl::convolution_forward::primitive_desc pd;
+  try {
+#if DNNL_VERSION_MAJOR >= 3
+    pd = dnnl::convolution_forward::primitive_desc(CpuEngine(), dnnl::prop_kind::forward_inference,
+                                                   dnnl::algorithm::convolution_direct, src_md,
+                                                   wei_any, bias ? bias_md : memory::desc(),
+                                                   dst_any, strides, dilates, pad_l, pad_r, attr);
+#else
+    const auto kind = dnnl::prop_kind::forward_inference;
+    const auto algo = dnnl::algorithm::convolution_direct;
+    auto d = bias ? dnnl::convolution_forward::desc(kind, algo, src_md, wei_any, bias_md, dst_any,
+                                                    strides, dilates, pad_l, pad_r)
+                  : dnnl::convolution_forward::desc(kind, algo, src_md, wei_any, dst_any, strides,
+                                                    dilates, pad_l, pad_r);
+    pd = dnnl::convolution_forward::primitive_desc(d, attr, CpuEngine());
+#endif
+  } catch (const dnnl::error&) {
+    return false;
+  }
+  const std::string name = pd.impl_info_str();
+  // The reference implementations are far slower than our own GEMM path.
+  if (name.rfind("ref", 0) == 0) return false;
+  if (impl_name.empty()) impl_name = name;
+  part->channels = channels;
+  part->conv = dnnl::convolution_forward(pd);
+  part->user_wei_md = Desc(wei_dims, g.group == 1 ? tag::oihw : tag::goihw);
+  part->user_dst_md = Desc(dst_dims, tag::nchw);
+  part->src_md = pd.src_desc();
+  part->wei_md = pd.weights_desc();
+  part->dst_md = pd.dst_desc();
+  *scratch = std::max(*scratch, pd.scratchpad_desc().get_size());
+  auto make_reorder = [&](const memory::desc& from, const memory::desc& to) {
+    dnnl::reorder::primitive_desc rpd(CpuEngine(), from, CpuEngine(), to, attr);
+    *scratch = std::max(*scratch, rpd.scratchpad_desc().get_size());
+    return dnnl::reorder(rpd);
+  };
+  part->reorder_wei = part->wei_md != part->user_wei_md;
+  part->reorder_dst = part->dst_md != part->user_dst_md;
+  if (part->reorder_wei) part->wei_reorder = make_reorder(part->user_wei_md, part->wei_md);
+  if (part->reorder_dst) part->dst_reorder = make_reorder(part->dst_md, part->user_dst_md);
+  return true;
+}
+
+DnnlConvolution::DnnlConvolution() = default;
+DnnlConvolution::~DnnlConvolution() = default;
+
+bool DnnlConvolution::Available() { return true; }
+
+bool DnnlConvolution::Configure(const ConvGeometry& g, bool bias) {
+  impl_.reset();
+  auto impl = std::make_unique<Impl>();
+  Impl& m = *impl;
+  m.g = g;
+  m.bias = bias;
+  // Chunks of output channels (a shape-only rule, see kMinChunk).
+  int chunk = g.out_c;
+  if (g.group == 1 && g.batch < kMinItems && g.out_c >= 2 * kMinChunk) {
+    const int want = std::min((kMinItems + g.batch - 1) / g.batch, g.out_c / kMinChunk);
+    chunk = ((g.out_c + want - 1) / want + 15) / 16 * 16;
+  }
+  const memory::desc user_src_md = Desc({1, g.in_c, g.in_h, g.in_w}, tag::nchw);
+  // With very few input channels (image inputs) oneDNN reads NCHW directly
+  // faster than it reorders into channel blocks padded to 16.
+  const bool plain_src = g.group == 1 && g.in_c <= kPlainSrcChannels;
+  memory::desc src_md = plain_src ? user_src_md : Desc({1, g.in_c, g.in_h, g.in_w}, tag::any);
+  size_t scratch = 0;
+  dnnl::primitive_attr attr;
+  attr.set_scratchpad_mode(dnnl::scratchpad_mode::user);
+  {
+    // Blocking for one thread: the primitives run serially (see the header).
+    ThreadCountScope one(1);
+    for (int first = 0; first < g.out_c; first += chunk) {
+      const int channels = std::min(chunk, g.out_c - first);
+      int part = -1;
+      for (size_t p = 0; p < m.parts.size(); ++p)
+        if (m.parts[p].channels == channels) part = static_cast<int>(p);
+      if (part < 0) {
+        // Later parts take the input layout the first one chose.
+        m.parts.emplace_back();
+        bool made = m.MakePart(channels, src_md, &m.parts.back(), &scratch);
+        if (!made && plain_src && m.parts.size() == 1) {
+          src_md = Desc({1, g.in_c, g.in_h, g.in_w}, tag::any);
+          made = m.MakePart(channels, src_md, &m.parts.back(), &scratch);
+        }
+        if (!made) return false;
+        src_md = m.parts.front().src_md;
+        part = static_cast<int>(m.parts.size()) - 1;
+      }
+      m.chunks.emplace_back();
+      m.chunks.back().first = first;
+      m.chunks.back().part = part;
+    }
+    m.reorder_src = src_md != user_src_md;
+    if (m.reorder_src) {
+      dnnl::reorder::primitive_desc rpd(CpuEngine(), user_src_md, CpuEngine(), src_md, attr);
+      scratch = std::max(scratch, rpd.scratchpad_desc().get_size());
+      m.src_reorder = dnnl::reorder(rpd);
+    }
+  }
+  m.src_image_bytes = src_md.get_size();
+  if (m.reorder_src) m.src_buf.Reserve(std::max<size_t>(m.src_image_bytes * g.batch, 64));
+  for (Impl::Chunk& c : m.chunks) {
+    const Impl::Part& p = m.parts[c.part];
+    c.user_wei = Unbound(p.user_wei_md);
+    c.wei = p.reorder_wei ? Bound(p.wei_md, &c.wei_buf) : c.user_wei;
+    c.user_bias = Unbound(Desc({p.channels}, tag::a));
+  }
+  size_t dst_bytes = 64;
+  for (const Impl::Part& p : m.parts) dst_bytes = std::max(dst_bytes, p.dst_md.get_size());
+  const memory::desc scratch_md =
+      Desc({static_cast<memory::dim>(std::max<size_t>(scratch, 4) / 4)}, tag::a);
+  const int threads = std::max(1, omp_get_max_threads());
+  for (int t = 0; t < threads; ++t) {
+    m.slots.push_back(std::make_unique<Impl::Slot>());
+    Impl::Slot& s = *m.slots.back();
+    s.scratch = Bound(scratch_md, &s.scratch_buf);
+    s.user_src = Unbound(user_src_md);
+    s.src = m.reorder_src ? Unbound(src_md) : s.user_src;
+    s.src_args = {
+        {DNNL_ARG_FROM, s.user_src}, {DNNL_ARG_TO, s.src}, {DNNL_ARG_SCRATCHPAD, s.scratch}};
+    void* dst_buf = s.dst_buf.Reserve(dst_bytes);
+    for (const Impl::Chunk& c : m.chunks) {
+      const Impl::Part& p = m.parts[c.part];
+      s.user_dst.push_back(Unbound(p.user_dst_md));
+      const memory dst = p.reorder_dst ? memory(p.dst_md, CpuEngine(), dst_buf) : s.user_dst.back();
+      Args conv{{DNNL_ARG_SRC, s.src},
+                {DNNL_ARG_WEIGHTS, c.wei},
+                {DNNL_ARG_DST, dst},
+                {DNNL_ARG_SCRATCHPAD, s.scratch}};
+      if (bias) conv[DNNL_ARG_BIAS] = c.user_bias;
+      s.conv_args.push_back(conv);
+      s.dst_args.push_back({{DNNL_ARG_FROM, dst},
+                            {DNNL_ARG_TO, s.user_dst.back()},
+                            {DNNL_ARG_SCRATCHPAD, s.scratch}});
+      s.wei_args.push_back(
+          {{DNNL_ARG_FROM, c.user_wei}, {DNNL_ARG_TO, c.wei}, {DNNL_ARG_SCRATCHPAD, s.scratch}});
+    }
+  }
+  impl_ = std::move(impl);
+  return true;
+}
+
+void DnnlConvolution::Run(const float* x, const float* w, const float* b, float* y) {
+  Impl& m = *impl_;
+  const ConvGeometry& g = m.g;
+  auto handle = [](const float* p) { return const_cast<float*>(p); };
+  const int64_t kk = g.KernelArea(), in_image = int64_t(g.in_c) * g.InPlane();
+  const int64_t plane = g.OutPlane(), out_image = int64_t(g.out_c) * plane;
+  for (Impl::Chunk& c : m.chunks) {
+    c.user_wei.set_data_handle(handle(w + int64_t(c.first) * g.InPerGroup() * kk));
+    if (m.bias) c.user_bias.set_data_handle(handle(b + c.first));
+  }
+  const int chunks = static_cast<int>(m.chunks.size());
+  const int64_t items = int64_t(g.batch) * chunks;
+  char* src_buf = static_cast<char*>(m.src_buf.get());
+  const int threads = std::min(static_cast<int>(m.slots.size()), omp_get_max_threads());
+  // Inside this region every oneDNN call runs on the calling thread.
+#pragma omp parallel num_threads(threads)
+  {
+    Impl::Slot& s = *m.slots[omp_get_thread_num()];
+#pragma omp for schedule(dynamic)
+    for (int c = 0; c < chunks; ++c)
+      if (m.parts[m.chunks[c].part].reorder_wei)
+        m.parts[m.chunks[c].part].wei_reorder.execute(s.stream, s.wei_args[c]);
+    if (m.reorder_src) {
+#pragma omp for schedule(dynamic)
+      for (int n = 0; n < g.batch; ++n) {
+        s.user_src.set_data_handle(handle(x + n * in_image));
+        s.src.set_data_handle(src_buf + n * m.src_image_bytes);
+        m.src_reorder.execute(s.stream, s.src_args);
+      }
+    }
+#pragma omp for schedule(dynamic)
+    for (int64_t item = 0; item < items; ++item) {
+      const int n = static_cast<int>(item / chunks), c = static_cast<int>(item % chunks);
+      const Impl::Part& p = m.parts[m.chunks[c].part];
+      if (m.reorder_src) {
+        s.src.set_data_handle(src_buf + n * m.src_image_bytes);
+      } else {
+        s.src.set_data_handle(handle(x + n * in_image));
+      }
+      s.user_dst[c].set_data_handle(y + n * out_image + m.chunks[c].first * plane);
+      p.conv.execute(s.stream, s.conv_args[c]);
+      if (p.reorder_dst) p.dst_reorder.execute(s.stream, s.dst_args[c]);
+    }
+    s.stream.wait();
+  }
+}
+
+std::string DnnlConvolution::ImplName() const {
+  if (!impl_) return "";
+  const size_t chunks = impl_->chunks.size();
+  return impl_->impl_name + (chunks > 1 ? " x" + std::to_string(chunks) + " channel chunks" : "");
+}
+
+#else  // !QZDL_HAVE_DNNL
+
+struct DnnlConvolution::Impl {};
+DnnlConvolution::DnnlConvolution() = default;
+DnnlConvolution::~DnnlConvolution() = default;
+bool DnnlConvolution::Available() { return false; }
+bool DnnlConvolution::Configure(const ConvGeometry&, bool) { return false; }
+void DnnlConvolution::Run(const float*, const float*, const float*, float*) {}
+std::string DnnlConvolution::ImplName() const { return ""; }
+
+#endif
+
+}  // namespace qzdl

@@ -1,0 +1,45 @@
+// Convolution through oneDNN's convolution primitive, on NCHW tensors.
+//
+// oneDNN chooses a primitive's blocking, and with it the order of the sums,
+// from the thread count at creation. So every primitive here is created for
+// one thread and run serially inside our own OpenMP loop over work items:
+// (image, chunk of output channels), where the chunks depend on the shape
+// only. Results are then the same for any thread count.
+//
+// Each image is reordered into the layout oneDNN picks for the machine
+// (channel-blocked on AVX-512) and each output back to NCHW; the weights are
+// reordered on every run, because callers may rewrite a layer's weights
+// between runs. Available only in builds with oneDNN.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "runtime/kernels/conv_geometry.h"
+
+namespace qzdl {
+
+class DnnlConvolution {
+ public:
+  DnnlConvolution();
+  ~DnnlConvolution();
+  DnnlConvolution(const DnnlConvolution&) = delete;
+  DnnlConvolution& operator=(const DnnlConvolution&) = delete;
+
+  // Whether the build has oneDNN.
+  static bool Available();
+  // Creates the primitives and the workspace for g. False when oneDNN is
+  // missing or has only its slow reference implementation for g.
+  bool Configure(const ConvGeometry& g, bool bias);
+  // x [N, C, H, W], w [M, C/group, kh, kw], b [M] (null without bias).
+  void Run(const float* x, const float* w, const float* b, float* y);
+  // oneDNN's implementation name, e.g. "brgconv:avx512_core", and the
+  // number of output-channel chunks.
+  std::string ImplName() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace qzdl

@@ -1,0 +1,292 @@
+#include "runtime/kernels/conv_kernels.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cstdint>
+
+#include "runtime/kernels/conv_depthwise.h"
+#include "runtime/kernels/gemm.h"
+#include "runtime/kernels/im2col.h"
+
+namespace qzdl {
+
+namespace {
+
+// Tile sizes. They depend on the problem only, never on the thread count.
+constexpr int kColFloats = 1 << 17;        // patch buffer per thread: 512 KiB
+constexpr int kMinColBlock = 64;           // narrowest im2col tile
+constexpr int kGemm1x1Cols = 1024;         // output positions per 1x1 tile
+constexpr int kMinItems = 8;               // below this, split the output channels too
+constexpr int kMinRowBlock = 32;           // narrowest such split
+constexpr int kDeconvColFloats = 1 << 21;  // deconvolution products per step: 8 MiB
+constexpr int kDeconvRowBlock = 64;
+constexpr int kFcCols = 128;  // inner product: outputs per tile
+constexpr int kFcRows = 64;   // and batch rows per tile
+
+int RoundUp(int v, int to) { return (v + to - 1) / to * to; }
+
+// Splits `total` into equal blocks of at most about `cap` (multiples of 16).
+int EvenBlock(int total, int cap) {
+  if (total <= cap) return total;
+  const int tiles = NumBlocks(total, cap);
+  return std::min(total, RoundUp(NumBlocks(total, tiles), 16));
+}
+
+bool Is1x1Unpadded(const ConvGeometry& g) {
+  return g.kernel_h == 1 && g.kernel_w == 1 && g.pad_top == 0 && g.pad_bottom == 0 &&
+         g.pad_left == 0 && g.pad_right == 0;
+}
+
+bool Is1x1Plain(const ConvGeometry& g) {
+  return Is1x1Unpadded(g) && g.stride_h == 1 && g.stride_w == 1;
+}
+
+}  // namespace
+
+const char* ConvAlgorithmName(ConvAlgorithm a) {
+  switch (a) {
+    case ConvAlgorithm::kAuto:
+      return "auto";
+    case ConvAlgorithm::kDepthwise:
+      return "depthwise";
+    case ConvAlgorithm::kGemm1x1:
+      return "gemm1x1";
+    case ConvAlgorithm::kIm2colGemm:
+      return "im2col+gemm";
+    case ConvAlgorithm::kDnnl:
+      return "dnnl";
+  }
+  return "?";
+}
+
+ConvKernel::ConvKernel() = default;
+ConvKernel::~ConvKernel() = default;
+
+bool ConvKernel::Applies(ConvAlgorithm a, const ConvGeometry& g) {
+  switch (a) {
+    case ConvAlgorithm::kDepthwise:
+      return IsDepthwise(g);
+    case ConvAlgorithm::kGemm1x1:
+      return Is1x1Plain(g);
+    case ConvAlgorithm::kDnnl:
+      return DnnlConvolution::Available();
+    default:
+      return true;
+  }
+}
+
+void ConvKernel::Configure(const ConvGeometry& g, bool bias, ConvAlgorithm want) {
+  if (configured_ && g == g_ && bias == bias_ && want == want_) return;
+  configured_ = false;
+  g_ = g;
+  bias_ = bias;
+  want_ = want;
+  ConvAlgorithm a = Applies(want, g) ? want : ConvAlgorithm::kAuto;
+  if (a == ConvAlgorithm::kAuto) {
+    if (IsDepthwise(g)) {
+      a = ConvAlgorithm::kDepthwise;
+    } else if (Is1x1Plain(g)) {
+      a = ConvAlgorithm::kGemm1x1;
+    } else if (Is1x1Unpadded(g)) {
+      // Strided 1x1: gathering the used pixels beats reordering all of them.
+      a = ConvAlgorithm::kIm2colGemm;
+    } else {
+      a = DnnlConvolution::Available() ? ConvAlgorithm::kDnnl : ConvAlgorithm::kIm2colGemm;
+    }
+  }
+  dnnl_.reset();
+  if (a == ConvAlgorithm::kDnnl) {
+    dnnl_ = std::make_unique<DnnlConvolution>();
+    if (!dnnl_->Configure(g, bias)) {
+      dnnl_.reset();
+      a = ConvAlgorithm::kIm2colGemm;
+    }
+  }
+  algorithm_ = a;
+  if (a == ConvAlgorithm::kGemm1x1 || a == ConvAlgorithm::kIm2colGemm) PlanTiles();
+  if (a == ConvAlgorithm::kDepthwise) {
+    slots_ = std::max(1, omp_get_max_threads());
+    cols_.Reserve(sizeof(float) * slots_ * DepthwiseScratchFloats(g));
+  }
+  configured_ = true;
+}
+
+void ConvKernel::PlanTiles() {
+  const int plane = static_cast<int>(g_.OutPlane());
+  const int k = g_.InPerGroup() * g_.KernelArea();
+  const int rows = g_.OutPerGroup();
+  const bool im2col = algorithm_ == ConvAlgorithm::kIm2colGemm;
+  const int cap = im2col ? std::max(kMinColBlock, kColFloats / k / 16 * 16) : kGemm1x1Cols;
+  n_block_ = EvenBlock(plane, cap);
+  n_tiles_ = NumBlocks(plane, n_block_);
+  const int64_t items = int64_t(g_.batch) * g_.group * n_tiles_;
+  int m_tiles = 1;
+  if (items < kMinItems)
+    m_tiles = std::max(
+        1, std::min(NumBlocks(kMinItems, static_cast<int>(items)), NumBlocks(rows, kMinRowBlock)));
+  m_block_ = m_tiles == 1 ? rows : std::min(rows, RoundUp(NumBlocks(rows, m_tiles), 16));
+  m_tiles_ = NumBlocks(rows, m_block_);
+  slots_ = 0;
+  if (im2col) {
+    slots_ = std::max(1, omp_get_max_threads());
+    cols_.Reserve(sizeof(float) * size_t(slots_) * k * n_block_);
+  }
+}
+
+std::string ConvKernel::Describe() const {
+  switch (algorithm_) {
+    case ConvAlgorithm::kDepthwise:
+      return "depthwise direct";
+    case ConvAlgorithm::kGemm1x1:
+      return std::string("1x1 gemm (") + GemmBackendName() + ")";
+    case ConvAlgorithm::kIm2colGemm:
+      return std::string("im2col+gemm (") + GemmBackendName() + ")";
+    case ConvAlgorithm::kDnnl:
+      return "oneDNN " + dnnl_->ImplName();
+    default:
+      return "unconfigured";
+  }
+}
+
+void ConvKernel::Run(const float* x, const float* w, const float* b, float* y) {
+  if (!bias_) b = nullptr;
+  switch (algorithm_) {
+    case ConvAlgorithm::kDepthwise:
+      DepthwiseConvolution(g_, x, w, b, y, static_cast<float*>(cols_.get()), slots_);
+      break;
+    case ConvAlgorithm::kDnnl:
+      dnnl_->Run(x, w, b, y);
+      break;
+    default:
+      RunGemm(x, w, b, y);
+  }
+}
+
+void ConvKernel::RunGemm(const float* x, const float* w, const float* b, float* y) {
+  const ConvGeometry& g = g_;
+  const int plane = static_cast<int>(g.OutPlane());
+  const int cin_g = g.InPerGroup(), cout_g = g.OutPerGroup();
+  const int k = cin_g * g.KernelArea();
+  const bool im2col = algorithm_ == ConvAlgorithm::kIm2colGemm;
+  const int64_t total = int64_t(g.batch) * g.group * m_tiles_ * n_tiles_;
+  const int threads = im2col ? std::min(slots_, omp_get_max_threads()) : omp_get_max_threads();
+  float* cols = static_cast<float*>(cols_.get());
+  // Always an OpenMP region, even for one tile: inside it the GEMM library
+  // stays on the calling thread (see gemm.h).
+#pragma omp parallel num_threads(threads)
+  {
+    float* col = im2col ? cols + int64_t(omp_get_thread_num()) * k * n_block_ : nullptr;
+#pragma omp for schedule(dynamic)
+    for (int64_t item = 0; item < total; ++item) {
+      int64_t rest = item;
+      const int nt = static_cast<int>(rest % n_tiles_);
+      rest /= n_tiles_;
+      const int mt = static_cast<int>(rest % m_tiles_);
+      rest /= m_tiles_;
+      const int grp = static_cast<int>(rest % g.group);
+      const int n = static_cast<int>(rest / g.group);
+      const int p0 = nt * n_block_, np = std::min(n_block_, plane - p0);
+      const int m0 = mt * m_block_, mb = std::min(m_block_, cout_g - m0);
+      const int o0 = grp * cout_g + m0;
+      const float* xg = x + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * g.InPlane();
+      float* yt = y + (int64_t(n) * g.out_c + o0) * plane + p0;
+      float beta = 0.0f;
+      if (b != nullptr) {
+        FillRows(yt, plane, mb, np, b + o0);
+        beta = 1.0f;
+      }
+      const float* wt = w + int64_t(o0) * k;
+      if (im2col) {
+        Im2colTile(g, xg, p0, np, col);
+        SgemmTile(false, false, mb, np, k, 1.0f, wt, k, col, np, beta, yt, plane);
+      } else {
+        SgemmTile(false, false, mb, np, k, 1.0f, wt, k, xg + p0, plane, beta, yt, plane);
+      }
+    }
+  }
+}
+
+void DeconvKernel::Configure(const ConvGeometry& g, bool bias) {
+  if (configured_ && g == g_ && bias == bias_) return;
+  g_ = g;
+  bias_ = bias;
+  rows_ = g.OutPerGroup() * g.KernelArea();
+  const int in_plane = static_cast<int>(g.InPlane());
+  n_block_ = in_plane;
+  if (int64_t(rows_) * in_plane > kDeconvColFloats)
+    n_block_ = std::min(in_plane, std::max(16, kDeconvColFloats / rows_ / 16 * 16));
+  m_block_ = std::min(rows_, kDeconvRowBlock);
+  packed_.Reserve(sizeof(float) * size_t(g.out_c) * g.InPerGroup() * g.KernelArea());
+  col_.Reserve(sizeof(float) * size_t(rows_) * n_block_);
+  configured_ = true;
+}
+
+void DeconvKernel::Run(const float* x, const float* w, const float* b, float* y) {
+  const ConvGeometry& g = g_;
+  if (!bias_) b = nullptr;
+  const int cin_g = g.InPerGroup(), cout_g = g.OutPerGroup(), kk = g.KernelArea();
+  const int in_plane = static_cast<int>(g.InPlane());
+  const int64_t out_plane = g.OutPlane();
+  float* packed = static_cast<float*>(packed_.get());
+  float* col = static_cast<float*>(col_.get());
+  // Weights [M][C/group][k] become, per group, a [(o, k)][C/group] matrix.
+#pragma omp parallel for schedule(static)
+  for (int o = 0; o < g.out_c; ++o) {
+    const int grp = o / cout_g, oc = o % cout_g;
+    float* dst = packed + int64_t(grp) * rows_ * cin_g + int64_t(oc) * kk * cin_g;
+    const float* src = w + int64_t(o) * cin_g * kk;
+    for (int c = 0; c < cin_g; ++c)
+      for (int t = 0; t < kk; ++t) dst[int64_t(t) * cin_g + c] = src[c * kk + t];
+  }
+  const int m_tiles = NumBlocks(rows_, m_block_);
+  for (int n = 0; n < g.batch; ++n) {
+    for (int grp = 0; grp < g.group; ++grp) {
+      const float* xg = x + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * in_plane;
+      float* yg = y + (int64_t(n) * g.out_c + int64_t(grp) * cout_g) * out_plane;
+      const float* wg = packed + int64_t(grp) * rows_ * cin_g;
+#pragma omp parallel for schedule(static)
+      for (int oc = 0; oc < cout_g; ++oc)
+        std::fill(yg + oc * out_plane, yg + (oc + 1) * out_plane,
+                  b != nullptr ? b[grp * cout_g + oc] : 0.0f);
+      for (int p0 = 0; p0 < in_plane; p0 += n_block_) {
+        const int np = std::min(n_block_, in_plane - p0);
+#pragma omp parallel for schedule(dynamic)
+        for (int mt = 0; mt < m_tiles; ++mt) {
+          const int m0 = mt * m_block_, mb = std::min(m_block_, rows_ - m0);
+          SgemmTile(false, false, mb, np, cin_g, 1.0f, wg + int64_t(m0) * cin_g, cin_g, xg + p0,
+                    in_plane, 0.0f, col + int64_t(m0) * np, np);
+        }
+#pragma omp parallel for schedule(dynamic)
+        for (int oc = 0; oc < cout_g; ++oc)
+          Col2imAdd(g, col + int64_t(oc) * kk * np, p0, np, yg + oc * out_plane);
+      }
+    }
+  }
+}
+
+void InnerProductForward(int batch, int k, int out, bool transpose, const float* x, const float* w,
+                         const float* b, float* y) {
+  const int o_block = EvenBlock(out, kFcCols), n_block = EvenBlock(batch, kFcRows);
+  const int o_tiles = NumBlocks(out, o_block), n_tiles = NumBlocks(batch, n_block);
+  const int total = o_tiles * n_tiles;
+#pragma omp parallel for schedule(dynamic)
+  for (int item = 0; item < total; ++item) {
+    const int o0 = (item % o_tiles) * o_block, no = std::min(o_block, out - o0);
+    const int n0 = (item / o_tiles) * n_block, nn = std::min(n_block, batch - n0);
+    float* yt = y + int64_t(n0) * out + o0;
+    float beta = 0.0f;
+    if (b != nullptr) {
+      for (int r = 0; r < nn; ++r) std::copy(b + o0, b + o0 + no, yt + int64_t(r) * out);
+      beta = 1.0f;
+    }
+    if (transpose) {
+      SgemmTile(false, false, nn, no, k, 1.0f, x + int64_t(n0) * k, k, w + o0, out, beta, yt, out);
+    } else {
+      SgemmTile(false, true, nn, no, k, 1.0f, x + int64_t(n0) * k, k, w + int64_t(o0) * k, k, beta,
+                yt, out);
+    }
+  }
+}
+
+}  // namespace qzdl

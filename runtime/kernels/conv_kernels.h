@@ -1,0 +1,86 @@
+// Fast convolution, deconvolution and inner product on NCHW float data.
+//
+// A kernel object is configured once per shape (at reshape: it picks the
+// algorithm and sizes its workspace) and then run any number of times without
+// allocating. Work is split into tiles whose shapes depend only on the
+// problem, and each output element is summed by one thread in a fixed order,
+// so results do not depend on the number of threads.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "runtime/data.h"
+#include "runtime/kernels/conv_dnnl.h"
+#include "runtime/kernels/conv_geometry.h"
+
+namespace qzdl {
+
+enum class ConvAlgorithm {
+  kAuto,        // choose (configuration only)
+  kDepthwise,   // direct kernel, one input channel per output channel
+  kGemm1x1,     // 1x1, stride 1, no padding: GEMM straight on the input
+  kIm2colGemm,  // patches gathered tile by tile, then GEMM
+  kDnnl,        // oneDNN's convolution primitive (builds with oneDNN only)
+};
+
+const char* ConvAlgorithmName(ConvAlgorithm a);
+
+class ConvKernel {
+ public:
+  ConvKernel();
+  ~ConvKernel();
+
+  // Whether algorithm `a` can compute g (kDnnl: only whether the build has it).
+  static bool Applies(ConvAlgorithm a, const ConvGeometry& g);
+  // Picks the algorithm (`want`, when it applies, else the automatic choice)
+  // and sizes the workspace. Does nothing when called again with the same
+  // arguments.
+  void Configure(const ConvGeometry& g, bool bias, ConvAlgorithm want = ConvAlgorithm::kAuto);
+  ConvAlgorithm algorithm() const { return algorithm_; }
+  // e.g. "im2col+gemm (oneDNN 2.6.3)" or "oneDNN brgconv:avx512_core".
+  std::string Describe() const;
+
+  // x [N, C, H, W], w [M, C/group, kh, kw], b [M] or null, y [N, M, OH, OW].
+  void Run(const float* x, const float* w, const float* b, float* y);
+
+ private:
+  void PlanTiles();
+  void RunGemm(const float* x, const float* w, const float* b, float* y);
+
+  ConvGeometry g_;
+  bool bias_ = false;
+  bool configured_ = false;
+  ConvAlgorithm want_ = ConvAlgorithm::kAuto;
+  ConvAlgorithm algorithm_ = ConvAlgorithm::kAuto;
+  // GEMM tiling: output rows (channels of a group) x output positions.
+  int m_block_ = 0, m_tiles_ = 0, n_block_ = 0, n_tiles_ = 0;
+  int slots_ = 0;       // per-thread buffers in cols_
+  AlignedBuffer cols_;  // im2col: slots_ x (K x n_block_) floats; depthwise: padded planes
+  std::unique_ptr<DnnlConvolution> dnnl_;
+};
+
+// Deconvolution as GEMM (the weights against the input) followed by adding
+// the products into the output (col2im). Weights [M, C/group, kh, kw]; the
+// geometry's "in" is the deconvolution's input.
+class DeconvKernel {
+ public:
+  void Configure(const ConvGeometry& g, bool bias);
+  void Run(const float* x, const float* w, const float* b, float* y);
+
+ private:
+  ConvGeometry g_;
+  bool bias_ = false;
+  bool configured_ = false;
+  int rows_ = 0;  // (M / group) * kh * kw
+  int n_block_ = 0, m_block_ = 0;
+  AlignedBuffer packed_;  // weights as group x [rows_][C/group]
+  AlignedBuffer col_;     // rows_ x n_block_
+};
+
+// y[N, out] = x[N, k] * W^T + b with W [out, k], or x * W with W [k, out]
+// when `transpose`. b may be null.
+void InnerProductForward(int batch, int k, int out, bool transpose, const float* x, const float* w,
+                         const float* b, float* y);
+
+}  // namespace qzdl

@@ -1,0 +1,55 @@
+#include "runtime/kernels/gemm.h"
+
+#include <string>
+
+#if defined(QZDL_HAVE_DNNL)
+#include <dnnl.h>
+#else
+#include <cblas.h>
+#endif
+
+namespace qzdl {
+
+void SgemmTile(bool trans_a, bool trans_b, int m, int n, int k, float alpha, const float* a,
+               int lda, const float* b, int ldb, float beta, float* c, int ldc) {
+  if (m <= 0 || n <= 0) return;
+#if defined(QZDL_HAVE_DNNL)
+  // Inside an active OpenMP region oneDNN runs the call on this thread.
+  dnnl_sgemm(trans_a ? 'T' : 'N', trans_b ? 'T' : 'N', m, n, k, alpha, a, lda, b, ldb, beta, c,
+             ldc);
+#else
+  // OpenBLAS splits a call over rows and columns only, never over k, so a
+  // threaded call sums each element in the same order as a serial one.
+  cblas_sgemm(CblasRowMajor, trans_a ? CblasTrans : CblasNoTrans,
+              trans_b ? CblasTrans : CblasNoTrans, m, n, k, alpha, a, lda, b, ldb, beta, c, ldc);
+#endif
+}
+
+// Vectorized for AVX-512 / AVX2 on x86-64 (picked at load time).
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+__attribute__((target_clones("avx512f", "avx2", "default")))
+#endif
+void FillRows(float* c, int64_t ldc, int rows, int cols, const float* v) {
+  for (int r = 0; r < rows; ++r) {
+    float* __restrict row = c + r * ldc;
+    const float value = v[r];
+    for (int j = 0; j < cols; ++j) row[j] = value;
+  }
+}
+
+const char* GemmBackendName() {
+#if defined(QZDL_HAVE_DNNL)
+  static const std::string name = [] {
+    const dnnl_version_t* v = dnnl_version();
+    return "oneDNN " + std::to_string(v->major) + "." + std::to_string(v->minor) + "." +
+           std::to_string(v->patch);
+  }();
+  return name.c_str();
+#else
+  static const std::string name =
+      std::string("OpenBLAS (") + openblas_get_config() + ", core " + openblas_get_corename() + ")";
+  return name.c_str();
+#endif
+}
+
+}  // namespace qzdl

@@ -1,0 +1,29 @@
+// Single-precision GEMM behind convolution and inner product.
+//
+// The backend is oneDNN's sgemm on x86-64 and OpenBLAS elsewhere (see
+// docs/gemm-backend.md). Callers split their work into tiles whose shapes
+// depend only on the problem and call SgemmTile from inside an OpenMP
+// parallel loop; the library then runs each tile on the calling thread, so
+// every output element is summed in one fixed order whatever the thread count.
+#pragma once
+
+#include <cstdint>
+
+namespace qzdl {
+
+// C[m x n] = alpha * op(A) * op(B) + beta * C, all row-major. op(A) is m x k,
+// op(B) is k x n; lda/ldb/ldc are the row strides of A, B and C as stored.
+void SgemmTile(bool trans_a, bool trans_b, int m, int n, int k, float alpha, const float* a,
+               int lda, const float* b, int ldb, float beta, float* c, int ldc);
+
+// Sets rows [0, rows) x columns [0, cols) of c (row stride ldc) to v[row]:
+// the bias of a tile before SgemmTile with beta 1.
+void FillRows(float* c, int64_t ldc, int rows, int cols, const float* v);
+
+// "oneDNN 2.6.3" or "OpenBLAS 0.3.21 ..." for logs and benchmarks.
+const char* GemmBackendName();
+
+// Splits [0, total) into pieces of `block` (the last may be shorter).
+inline int NumBlocks(int total, int block) { return (total + block - 1) / block; }
+
+}  // namespace qzdl

@@ -1,0 +1,77 @@
+#include "runtime/kernels/im2col.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace qzdl {
+
+void Im2colTile(const ConvGeometry& g, const float* x, int64_t p0, int np, float* col) {
+  const int cin_g = g.InPerGroup();
+  const int64_t plane = g.InPlane();
+  for (int c = 0; c < cin_g; ++c) {
+    const float* xc = x + c * plane;
+    for (int ky = 0; ky < g.kernel_h; ++ky) {
+      for (int kx = 0; kx < g.kernel_w; ++kx) {
+        float* row = col + (int64_t(c * g.kernel_h + ky) * g.kernel_w + kx) * np;
+        int oy = static_cast<int>(p0 / g.out_w);
+        int ox = static_cast<int>(p0 % g.out_w);
+        for (int j = 0; j < np; ox = 0, ++oy) {
+          const int seg = std::min(g.out_w - ox, np - j);
+          const int iy = oy * g.stride_h - g.pad_top + ky * g.dilation_h;
+          float* dst = row + j;
+          if (iy < 0 || iy >= g.in_h) {
+            std::memset(dst, 0, sizeof(float) * seg);
+          } else {
+            const float* xr = xc + int64_t(iy) * g.in_w;
+            const int ix0 = ox * g.stride_w - g.pad_left + kx * g.dilation_w;
+            if (g.stride_w == 1) {
+              const int lo = std::clamp(-ix0, 0, seg);
+              const int hi = std::clamp(g.in_w - ix0, lo, seg);
+              if (lo > 0) std::memset(dst, 0, sizeof(float) * lo);
+              if (hi > lo) std::memcpy(dst + lo, xr + ix0 + lo, sizeof(float) * (hi - lo));
+              if (seg > hi) std::memset(dst + hi, 0, sizeof(float) * (seg - hi));
+            } else {
+              for (int t = 0; t < seg; ++t) {
+                const int ix = ix0 + t * g.stride_w;
+                dst[t] = (ix >= 0 && ix < g.in_w) ? xr[ix] : 0.0f;
+              }
+            }
+          }
+          j += seg;
+        }
+      }
+    }
+  }
+}
+
+void Col2imAdd(const ConvGeometry& g, const float* col, int64_t p0, int np, float* y) {
+  for (int ky = 0; ky < g.kernel_h; ++ky) {
+    for (int kx = 0; kx < g.kernel_w; ++kx) {
+      const float* row = col + int64_t(ky * g.kernel_w + kx) * np;
+      int iy = static_cast<int>(p0 / g.in_w);
+      int ix = static_cast<int>(p0 % g.in_w);
+      for (int j = 0; j < np; ix = 0, ++iy) {
+        const int seg = std::min(g.in_w - ix, np - j);
+        const int oy = iy * g.stride_h - g.pad_top + ky * g.dilation_h;
+        if (oy >= 0 && oy < g.out_h) {
+          float* yr = y + int64_t(oy) * g.out_w;
+          const float* src = row + j;
+          const int ox0 = ix * g.stride_w - g.pad_left + kx * g.dilation_w;
+          // Input columns t in [lo, hi) land inside the output row.
+          const int lo = std::clamp(ox0 >= 0 ? 0 : (-ox0 + g.stride_w - 1) / g.stride_w, 0, seg);
+          const int hi =
+              std::clamp(ox0 >= g.out_w ? 0 : (g.out_w - 1 - ox0) / g.stride_w + 1, lo, seg);
+          if (g.stride_w == 1) {
+            float* d = yr + ox0;
+            for (int t = lo; t < hi; ++t) d[t] += src[t];
+          } else {
+            for (int t = lo; t < hi; ++t) yr[ox0 + t * g.stride_w] += src[t];
+          }
+        }
+        j += seg;
+      }
+    }
+  }
+}
+
+}  // namespace qzdl

@@ -1,0 +1,76 @@
+// 2-d convolution and deconvolution (transposed convolution) on NCHW data.
+#pragma once
+
+#include "runtime/kernels/conv_geometry.h"
+#include "runtime/kernels/conv_kernels.h"
+#include "runtime/layer.h"
+
+namespace qzdl {
+
+// Hyper-parameters shared by "Convolution" and "Deconvolution", as read from
+// the layer's param (see docs/layers/convolution.md).
+struct ConvParams {
+  int num_output = 0;
+  int kernel_h = 0, kernel_w = 0;
+  int stride_h = 1, stride_w = 1;
+  int pad_top = 0, pad_bottom = 0, pad_left = 0, pad_right = 0;
+  int dilation_h = 1, dilation_w = 1;
+  int group = 1;
+  bool bias_term = true;
+  int output_pad_h = 0, output_pad_w = 0;  // deconvolution only
+};
+
+// Reads and checks the params; `deconvolution` also reads the output pads.
+ConvParams ReadConvParams(const ParamReader& param, bool deconvolution);
+
+// "Convolution": y = conv(x, weight) + bias.
+// Weights: "weight" [num_output, C / group, kernel_h, kernel_w], "bias"
+// [num_output] when bias_term.
+template <typename T>
+class ConvolutionLayer : public Layer<T> {
+ public:
+  std::string GetTypeDetail() override;
+  void LoadParam(const ParamReader& param) override;
+  void Reshape() override;
+  std::vector<WeightSpec> WeightSpecs() override;
+
+  const ConvParams& params() const { return params_; }
+  const ConvGeometry& geometry() const { return geometry_; }
+  // The kernel in use, e.g. to see which algorithm it picked.
+  ConvKernel& kernel() { return kernel_; }
+
+ protected:
+  void Run() override;
+
+ private:
+  ConvParams params_;
+  ConvGeometry geometry_;
+  ConvKernel kernel_;
+};
+
+// "Deconvolution": the transpose of a convolution with the same params; the
+// output is (in - 1) * stride - pad_begin - pad_end + dilation * (kernel - 1)
+// + 1 + output_pad per spatial axis.
+// Weights: "weight" [num_output, C / group, kernel_h, kernel_w] (output
+// channels first, like Convolution), "bias" [num_output] when bias_term.
+template <typename T>
+class DeconvolutionLayer : public Layer<T> {
+ public:
+  std::string GetTypeDetail() override;
+  void LoadParam(const ParamReader& param) override;
+  void Reshape() override;
+  std::vector<WeightSpec> WeightSpecs() override;
+
+  const ConvParams& params() const { return params_; }
+  const ConvGeometry& geometry() const { return geometry_; }
+
+ protected:
+  void Run() override;
+
+ private:
+  ConvParams params_;
+  ConvGeometry geometry_;
+  DeconvKernel kernel_;
+};
+
+}  // namespace qzdl
