@@ -1,0 +1,149 @@
+// The constant evaluator behind constant folding, node by node.
+#include <gtest/gtest.h>
+#include <onnx/onnx_pb.h>
+
+#include <climits>
+
+#include "tools/onnx/constant_folding.h"
+
+namespace qzdl::onnx_import {
+namespace {
+
+onnx::NodeProto Node(const std::string& op) {
+  onnx::NodeProto n;
+  n.set_op_type(op);
+  return n;
+}
+
+void IntsAttr(onnx::NodeProto* n, const std::string& name, const std::vector<int64_t>& v) {
+  auto* a = n->add_attribute();
+  a->set_name(name);
+  a->set_type(onnx::AttributeProto::INTS);
+  for (int64_t x : v) a->add_ints(x);
+}
+
+void IntAttr(onnx::NodeProto* n, const std::string& name, int64_t v) {
+  auto* a = n->add_attribute();
+  a->set_name(name);
+  a->set_type(onnx::AttributeProto::INT);
+  a->set_i(v);
+}
+
+ConstTensor Floats(const std::vector<int64_t>& dims, const std::vector<double>& v) {
+  ConstTensor t = ConstTensor::Make(kFloat, dims);
+  for (size_t k = 0; k < v.size(); ++k) t.Set(k, v[k]);
+  return t;
+}
+
+ConstTensor Eval(const onnx::NodeProto& n, const std::vector<const ConstTensor*>& in,
+                 int opset = 13) {
+  return EvaluateNode(n, opset, in, "").at(0);
+}
+
+TEST(OnnxFolding, GatherScalarIndexDropsTheAxis) {
+  const ConstTensor shape = ConstTensor::Int64s({5, 3, 7});
+  ConstTensor idx = ConstTensor::Make(kInt64, {});
+  idx.i[0] = -1;
+  const ConstTensor out = Eval(Node("Gather"), {&shape, &idx});
+  EXPECT_TRUE(out.dims.empty());
+  EXPECT_EQ(out.i, std::vector<int64_t>{7});
+}
+
+TEST(OnnxFolding, UnsqueezeConcatReshape) {
+  ConstTensor batch = ConstTensor::Make(kInt64, {});
+  batch.i[0] = 4;
+  const ConstTensor axes = ConstTensor::Int64s({0});
+  const ConstTensor b1 = Eval(Node("Unsqueeze"), {&batch, &axes});
+  EXPECT_EQ(b1.dims, std::vector<int64_t>{1});
+  const ConstTensor rest = ConstTensor::Int64s({-1});
+  onnx::NodeProto concat = Node("Concat");
+  IntAttr(&concat, "axis", 0);
+  const ConstTensor target = Eval(concat, {&b1, &rest});
+  EXPECT_EQ(target.i, (std::vector<int64_t>{4, -1}));
+  const ConstTensor x = Floats({4, 2, 3}, std::vector<double>(24, 1.0));
+  EXPECT_EQ(Eval(Node("Reshape"), {&x, &target}).dims, (std::vector<int64_t>{4, 6}));
+  const ConstTensor zero = ConstTensor::Int64s({0, 3, -1});
+  EXPECT_EQ(Eval(Node("Reshape"), {&x, &zero}).dims, (std::vector<int64_t>{4, 3, 2}));
+}
+
+TEST(OnnxFolding, UnsqueezeAxesAttributeBeforeOpset13) {
+  onnx::NodeProto n = Node("Unsqueeze");
+  IntsAttr(&n, "axes", {0, -1});
+  const ConstTensor x = Floats({2}, {1, 2});
+  EXPECT_EQ(Eval(n, {&x}, 11).dims, (std::vector<int64_t>{1, 2, 1}));
+}
+
+TEST(OnnxFolding, SliceWithNegativeStepAndHugeEnds) {
+  const ConstTensor x = ConstTensor::Int64s({0, 1, 2, 3, 4, 5});
+  const ConstTensor starts = ConstTensor::Int64s({-1});
+  const ConstTensor ends = ConstTensor::Int64s({INT64_MIN});
+  const ConstTensor axes = ConstTensor::Int64s({0});
+  const ConstTensor steps = ConstTensor::Int64s({-2});
+  EXPECT_EQ(Eval(Node("Slice"), {&x, &starts, &ends, &axes, &steps}).i,
+            (std::vector<int64_t>{5, 3, 1}));
+  const ConstTensor s1 = ConstTensor::Int64s({1}), e1 = ConstTensor::Int64s({INT64_MAX});
+  EXPECT_EQ(Eval(Node("Slice"), {&x, &s1, &e1}).i, (std::vector<int64_t>{1, 2, 3, 4, 5}));
+}
+
+TEST(OnnxFolding, ConstantOfShapeCastAndArithmetic) {
+  onnx::NodeProto cos = Node("ConstantOfShape");
+  auto* a = cos.add_attribute();
+  a->set_name("value");
+  a->set_type(onnx::AttributeProto::TENSOR);
+  a->mutable_t()->set_data_type(kFloat);
+  a->mutable_t()->add_dims(1);
+  a->mutable_t()->add_float_data(2.5f);
+  const ConstTensor shape = ConstTensor::Int64s({2, 2});
+  const ConstTensor filled = Eval(cos, {&shape});
+  EXPECT_EQ(filled.dims, (std::vector<int64_t>{2, 2}));
+  EXPECT_EQ(filled.Floats(), (std::vector<float>{2.5f, 2.5f, 2.5f, 2.5f}));
+  onnx::NodeProto cast = Node("Cast");
+  IntAttr(&cast, "to", kInt64);
+  const ConstTensor neg = Floats({2}, {-2.7, 2.7});
+  EXPECT_EQ(Eval(cast, {&neg}).i, (std::vector<int64_t>{-2, 2}));  // truncation
+  const ConstTensor row = Floats({2}, {10, 20});
+  EXPECT_EQ(Eval(Node("Mul"), {&filled, &row}).Floats(), (std::vector<float>{25, 50, 25, 50}));
+  const ConstTensor seven = ConstTensor::Int64s({7, -7}), two = ConstTensor::Int64s({2});
+  EXPECT_EQ(Eval(Node("Div"), {&seven, &two}).i, (std::vector<int64_t>{3, -3}));
+}
+
+TEST(OnnxFolding, RangeWhereExpandTranspose) {
+  ConstTensor start = ConstTensor::Make(kInt64, {}), limit = start, delta = start;
+  start.i[0] = 1, limit.i[0] = 8, delta.i[0] = 3;
+  EXPECT_EQ(Eval(Node("Range"), {&start, &limit, &delta}).i, (std::vector<int64_t>{1, 4, 7}));
+  const ConstTensor cond = [] {
+    ConstTensor t = ConstTensor::Make(kBool, {2});
+    t.i = {1, 0};
+    return t;
+  }();
+  const ConstTensor x = ConstTensor::Int64s({1, 2}), y = ConstTensor::Int64s({9});
+  EXPECT_EQ(Eval(Node("Where"), {&cond, &x, &y}).i, (std::vector<int64_t>{1, 9}));
+  const ConstTensor col = Floats({2, 1}, {1, 2});
+  const ConstTensor to = ConstTensor::Int64s({2, 3});
+  const ConstTensor wide = Eval(Node("Expand"), {&col, &to});
+  EXPECT_EQ(wide.Floats(), (std::vector<float>{1, 1, 1, 2, 2, 2}));
+  const ConstTensor t = Eval(Node("Transpose"), {&wide});
+  EXPECT_EQ(t.dims, (std::vector<int64_t>{3, 2}));
+  EXPECT_EQ(t.Floats(), (std::vector<float>{1, 2, 1, 2, 1, 2}));
+}
+
+TEST(OnnxFolding, ErrorsNameTheProblem) {
+  const ConstTensor x = Floats({2, 3}, std::vector<double>(6, 0.0));
+  const ConstTensor bad = ConstTensor::Int64s({4, -1});
+  try {
+    Eval(Node("Reshape"), {&x, &bad});
+    FAIL() << "no error";
+  } catch (const FoldError& e) {
+    EXPECT_STREQ(e.what(), "cannot infer the -1 of the shape");
+  }
+  const ConstTensor a = Floats({2}, {1, 2}), b = Floats({3}, {1, 2, 3});
+  try {
+    Eval(Node("Add"), {&a, &b});
+    FAIL() << "no error";
+  } catch (const FoldError& e) {
+    EXPECT_STREQ(e.what(), "shapes [2] and [3] cannot be broadcast together");
+  }
+}
+
+}  // namespace
+}  // namespace qzdl::onnx_import

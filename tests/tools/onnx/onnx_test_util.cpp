@@ -1,0 +1,81 @@
+#include "tools/onnx/onnx_test_util.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cmath>
+#include <fstream>
+#include <sstream>
+
+#include "runtime/create_net.h"
+#include "support/net_builder.h"
+
+namespace qzdl::test {
+
+std::string ReadBytes(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  std::ostringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+bool FileExists(const std::string& path) { return std::ifstream(path).good(); }
+
+std::unique_ptr<Net<float>> BuildNet(const OnnxImportResult& result) {
+  std::string weights = SerializeWeights(result.blobs);
+  return std::unique_ptr<Net<float>>(CreateNetFromContent<float>(
+      result.net_json, weights.data(), static_cast<int>(weights.size()), false, false, 0, 1));
+}
+
+std::vector<std::vector<float>> RunNet(Net<float>* net,
+                                       const std::vector<std::vector<float>>& inputs) {
+  EXPECT_EQ(net->GetInputCount(), static_cast<int>(inputs.size()));
+  for (int k = 0; k < net->GetInputCount() && k < static_cast<int>(inputs.size()); ++k) {
+    std::vector<float> v = inputs[k];
+    EXPECT_EQ(static_cast<int64_t>(v.size()), net->GetInputData(k)->Count(0)) << "input " << k;
+    v.resize(net->GetInputData(k)->Count(0));
+    net->SetFloatInputData(v.data(), k);
+  }
+  net->ForwardAll();
+  std::vector<std::vector<float>> outs;
+  for (int k = 0; k < net->GetOutCount(); ++k) {
+    const Data<float>* d = net->GetOutputData(k);
+    const float* p = net->GetFloatOutputData(k);
+    outs.emplace_back(p, p + d->Count(0));
+  }
+  return outs;
+}
+
+ToolRun RunOnnx2Net(const std::string& args) {
+  const std::string dir = TempDir("tool_io");
+  const std::string out = dir + "/stdout", err = dir + "/stderr";
+  const std::string cmd =
+      std::string("'") + QZDL_ONNX2NET + "' " + args + " >'" + out + "' 2>'" + err + "'";
+  const int raw = system(cmd.c_str());
+  ToolRun run;
+  run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  run.out = ReadBytes(out);
+  run.err = ReadBytes(err);
+  return run;
+}
+
+double Cosine(const std::vector<float>& a, const std::vector<float>& b) {
+  double ab = 0, aa = 0, bb = 0;
+  for (size_t k = 0; k < a.size() && k < b.size(); ++k) {
+    ab += static_cast<double>(a[k]) * b[k];
+    aa += static_cast<double>(a[k]) * a[k];
+    bb += static_cast<double>(b[k]) * b[k];
+  }
+  return ab / std::sqrt(aa * bb);
+}
+
+double MaxRelError(const std::vector<float>& got, const std::vector<float>& want) {
+  double scale = 0, worst = 0;
+  for (float w : want) scale = std::max(scale, std::fabs(static_cast<double>(w)));
+  for (size_t k = 0; k < got.size() && k < want.size(); ++k) {
+    worst = std::max(worst, std::fabs(static_cast<double>(got[k]) - want[k]));
+  }
+  return scale > 0 ? worst / scale : worst;
+}
+
+}  // namespace qzdl::test

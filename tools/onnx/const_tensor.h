@@ -1,0 +1,79 @@
+// Constant tensors of an ONNX graph: initializers, Constant values and the
+// results of constant folding.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace onnx {
+class TensorProto;
+}  // namespace onnx
+
+namespace qzdl::onnx_import {
+
+// ONNX element type codes used here (onnx::TensorProto_DataType).
+enum OnnxType : int32_t {
+  kFloat = 1,
+  kUint8 = 2,
+  kInt8 = 3,
+  kUint16 = 4,
+  kInt16 = 5,
+  kInt32 = 6,
+  kInt64 = 7,
+  kString = 8,
+  kBool = 9,
+  kFloat16 = 10,
+  kDouble = 11,
+  kUint32 = 12,
+  kUint64 = 13,
+  kBfloat16 = 16,
+};
+
+bool IsFloatType(int32_t type);
+// "float", "int64", ... for messages.
+std::string TypeName(int32_t type);
+
+// A constant tensor. Values of floating types live in `f` (float32 values
+// rounded to float32), integer and bool values in `i`.
+struct ConstTensor {
+  int32_t type = kFloat;
+  std::vector<int64_t> dims;
+  std::vector<double> f;
+  std::vector<int64_t> i;
+
+  bool IsFloat() const { return IsFloatType(type); }
+  int64_t Count() const;
+  double Get(int64_t k) const { return IsFloat() ? f[k] : static_cast<double>(i[k]); }
+  int64_t GetInt(int64_t k) const { return IsFloat() ? static_cast<int64_t>(f[k]) : i[k]; }
+  std::vector<int64_t> Ints() const;
+  std::vector<float> Floats() const;
+  // Stores `v` at k, converted to this tensor's type.
+  void Set(int64_t k, double v);
+  void SetInt(int64_t k, int64_t v);
+  // An empty tensor of `type` and `dims` (zeros).
+  static ConstTensor Make(int32_t type, const std::vector<int64_t>& dims);
+  static ConstTensor Int64s(const std::vector<int64_t>& values);
+};
+
+// Errors of this file; the caller adds the node or initializer name.
+struct FoldError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// Reads an initializer or a Constant value. `base_dir` resolves external
+// data. Throws FoldError.
+ConstTensor TensorFromProto(const onnx::TensorProto& proto, const std::string& base_dir);
+
+// Numpy broadcasting of two shapes; throws FoldError when they do not fit.
+std::vector<int64_t> BroadcastShapes(const std::vector<int64_t>& a, const std::vector<int64_t>& b);
+
+// "[1, 3, 224, 224]".
+std::string DimsString(const std::vector<int64_t>& dims);
+
+// The product of dims[from, to).
+int64_t DimsProduct(const std::vector<int64_t>& dims, size_t from = 0, size_t to = SIZE_MAX);
+
+}  // namespace qzdl::onnx_import

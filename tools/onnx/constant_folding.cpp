@@ -1,0 +1,625 @@
+#include "tools/onnx/constant_folding.h"
+
+#include <onnx/onnx_pb.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <set>
+
+namespace qzdl::onnx_import {
+
+namespace {
+
+using Inputs = std::vector<const ConstTensor*>;
+
+const onnx::AttributeProto* FindAttr(const onnx::NodeProto& node, const std::string& name) {
+  for (const auto& a : node.attribute()) {
+    if (a.name() == name) return &a;
+  }
+  return nullptr;
+}
+
+int64_t AttrInt(const onnx::NodeProto& node, const std::string& name, int64_t def) {
+  const auto* a = FindAttr(node, name);
+  return a ? a->i() : def;
+}
+
+std::vector<int64_t> AttrInts(const onnx::NodeProto& node, const std::string& name) {
+  const auto* a = FindAttr(node, name);
+  return a ? std::vector<int64_t>(a->ints().begin(), a->ints().end()) : std::vector<int64_t>{};
+}
+
+const ConstTensor& Need(const Inputs& in, size_t k) {
+  if (k >= in.size() || in[k] == nullptr) {
+    throw FoldError("input " + std::to_string(k) + " is missing");
+  }
+  return *in[k];
+}
+
+int64_t NormAxis(int64_t axis, int64_t rank) {
+  if (axis < -rank || axis >= rank) {
+    throw FoldError("axis " + std::to_string(axis) + " is outside a rank " + std::to_string(rank) +
+                    " tensor");
+  }
+  return axis < 0 ? axis + rank : axis;
+}
+
+// For each element of `out`, the offset of the element of `in` it reads
+// under broadcasting.
+std::vector<int64_t> BroadcastOffsets(const std::vector<int64_t>& out,
+                                      const std::vector<int64_t>& in) {
+  const size_t rank = out.size();
+  std::vector<int64_t> stride(rank, 0);
+  int64_t s = 1;
+  for (size_t k = 0; k < in.size(); ++k) {
+    const size_t ax = in.size() - 1 - k;
+    const size_t ox = rank - 1 - k;
+    stride[ox] = in[ax] == 1 ? 0 : s;
+    s *= in[ax];
+  }
+  const int64_t n = DimsProduct(out);
+  std::vector<int64_t> offsets(n);
+  std::vector<int64_t> idx(rank, 0);
+  int64_t off = 0;
+  for (int64_t e = 0; e < n; ++e) {
+    offsets[e] = off;
+    for (size_t ax = rank; ax-- > 0;) {
+      ++idx[ax];
+      off += stride[ax];
+      if (idx[ax] < out[ax]) break;
+      off -= stride[ax] * idx[ax];
+      idx[ax] = 0;
+    }
+  }
+  return offsets;
+}
+
+ConstTensor Elementwise(const std::string& op, const ConstTensor& a, const ConstTensor& b,
+                        const onnx::NodeProto& node) {
+  static const std::set<std::string> compare = {"Equal",          "Less", "Greater", "LessOrEqual",
+                                                "GreaterOrEqual", "And",  "Or",      "Xor"};
+  const std::vector<int64_t> dims = BroadcastShapes(a.dims, b.dims);
+  const bool is_compare = compare.count(op) > 0;
+  ConstTensor out = ConstTensor::Make(is_compare ? kBool : a.type, dims);
+  const auto oa = BroadcastOffsets(dims, a.dims), ob = BroadcastOffsets(dims, b.dims);
+  const bool fp = a.IsFloat() || b.IsFloat();
+  const bool fmod = AttrInt(node, "fmod", 0) != 0;
+  for (int64_t k = 0; k < out.Count(); ++k) {
+    if (!fp && !is_compare) {
+      const int64_t x = a.i[oa[k]], y = b.i[ob[k]];
+      int64_t r = 0;
+      if (op == "Add" || op == "Sum")
+        r = x + y;
+      else if (op == "Sub")
+        r = x - y;
+      else if (op == "Mul")
+        r = x * y;
+      else if (op == "Max")
+        r = std::max(x, y);
+      else if (op == "Min")
+        r = std::min(x, y);
+      else if (op == "Div" || op == "Mod") {
+        if (y == 0) throw FoldError("integer division by zero");
+        if (op == "Div") {
+          r = x / y;
+        } else {
+          r = x % y;
+          if (!fmod && r != 0 && ((r < 0) != (y < 0))) r += y;
+        }
+      } else if (op == "Pow") {
+        r = static_cast<int64_t>(std::pow(static_cast<double>(x), static_cast<double>(y)));
+      }
+      out.SetInt(k, r);
+      continue;
+    }
+    const double x = a.Get(oa[k]), y = b.Get(ob[k]);
+    double r = 0;
+    if (op == "Add" || op == "Sum")
+      r = x + y;
+    else if (op == "Sub")
+      r = x - y;
+    else if (op == "Mul")
+      r = x * y;
+    else if (op == "Div")
+      r = x / y;
+    else if (op == "Pow")
+      r = std::pow(x, y);
+    else if (op == "Max")
+      r = std::max(x, y);
+    else if (op == "Min")
+      r = std::min(x, y);
+    else if (op == "Mod")
+      r = fmod ? std::fmod(x, y) : x - std::floor(x / y) * y;
+    else if (op == "Equal")
+      r = x == y;
+    else if (op == "Less")
+      r = x < y;
+    else if (op == "Greater")
+      r = x > y;
+    else if (op == "LessOrEqual")
+      r = x <= y;
+    else if (op == "GreaterOrEqual")
+      r = x >= y;
+    else if (op == "And")
+      r = (x != 0) && (y != 0);
+    else if (op == "Or")
+      r = (x != 0) || (y != 0);
+    else if (op == "Xor")
+      r = (x != 0) != (y != 0);
+    out.Set(k, r);
+  }
+  return out;
+}
+
+ConstTensor Unary(const std::string& op, const ConstTensor& x) {
+  ConstTensor out = x;
+  if (op == "Not") out.type = kBool, out.i.resize(x.Count()), out.f.clear();
+  for (int64_t k = 0; k < x.Count(); ++k) {
+    const double v = x.Get(k);
+    double r = v;
+    if (op == "Neg")
+      r = -v;
+    else if (op == "Abs")
+      r = std::fabs(v);
+    else if (op == "Sqrt")
+      r = std::sqrt(v);
+    else if (op == "Floor")
+      r = std::floor(v);
+    else if (op == "Ceil")
+      r = std::ceil(v);
+    else if (op == "Round")
+      r = std::nearbyint(v);
+    else if (op == "Exp")
+      r = std::exp(v);
+    else if (op == "Log")
+      r = std::log(v);
+    else if (op == "Reciprocal")
+      r = 1.0 / v;
+    else if (op == "Relu")
+      r = std::max(v, 0.0);
+    else if (op == "Sigmoid")
+      r = 1.0 / (1.0 + std::exp(-v));
+    else if (op == "Tanh")
+      r = std::tanh(v);
+    else if (op == "Erf")
+      r = std::erf(v);
+    else if (op == "Sign")
+      r = (v > 0) - (v < 0);
+    else if (op == "Not")
+      r = v == 0;
+    if (x.IsFloat() || op == "Not") {
+      out.Set(k, r);
+    } else if (op == "Neg" || op == "Abs" || op == "Sign" || op == "Relu") {
+      out.SetInt(k, static_cast<int64_t>(r));
+    } else if (op != "Floor" && op != "Ceil" && op != "Round") {
+      throw FoldError("operator " + op + " on " + TypeName(x.type) + " is not supported");
+    }
+  }
+  return out;
+}
+
+ConstTensor Cast(const ConstTensor& x, int32_t to) {
+  ConstTensor out = ConstTensor::Make(to, x.dims);
+  for (int64_t k = 0; k < x.Count(); ++k) {
+    if (x.IsFloat() && !out.IsFloat() && to != kBool) {
+      out.SetInt(k, static_cast<int64_t>(std::trunc(x.f[k])));
+    } else if (x.IsFloat()) {
+      out.Set(k, x.f[k]);
+    } else {
+      out.SetInt(k, x.i[k]);
+    }
+  }
+  return out;
+}
+
+// Copies element `from` of `src` to element `to` of `dst` (same type).
+void CopyElement(const ConstTensor& src, int64_t from, ConstTensor* dst, int64_t to) {
+  if (src.IsFloat()) {
+    dst->f[to] = src.f[from];
+  } else {
+    dst->i[to] = src.i[from];
+  }
+}
+
+ConstTensor Gather(const ConstTensor& data, const ConstTensor& indices, int64_t axis) {
+  const int64_t rank = data.dims.size();
+  axis = NormAxis(axis, rank);
+  std::vector<int64_t> dims(data.dims.begin(), data.dims.begin() + axis);
+  dims.insert(dims.end(), indices.dims.begin(), indices.dims.end());
+  dims.insert(dims.end(), data.dims.begin() + axis + 1, data.dims.end());
+  ConstTensor out = ConstTensor::Make(data.type, dims);
+  const int64_t outer = DimsProduct(data.dims, 0, axis), inner = DimsProduct(data.dims, axis + 1);
+  const int64_t n = data.dims[axis], count = indices.Count();
+  int64_t o = 0;
+  for (int64_t a = 0; a < outer; ++a) {
+    for (int64_t j = 0; j < count; ++j) {
+      int64_t idx = indices.GetInt(j);
+      if (idx < -n || idx >= n) {
+        throw FoldError("index " + std::to_string(idx) + " is outside an axis of size " +
+                        std::to_string(n));
+      }
+      if (idx < 0) idx += n;
+      for (int64_t b = 0; b < inner; ++b) CopyElement(data, (a * n + idx) * inner + b, &out, o++);
+    }
+  }
+  return out;
+}
+
+ConstTensor Concat(const Inputs& in, int64_t axis) {
+  const ConstTensor& first = Need(in, 0);
+  const int64_t rank = first.dims.size();
+  axis = NormAxis(axis, rank);
+  std::vector<int64_t> dims = first.dims;
+  dims[axis] = 0;
+  for (size_t k = 0; k < in.size(); ++k) {
+    const ConstTensor& t = Need(in, k);
+    if (static_cast<int64_t>(t.dims.size()) != rank) throw FoldError("inputs differ in rank");
+    dims[axis] += t.dims[axis];
+  }
+  ConstTensor out = ConstTensor::Make(first.type, dims);
+  const int64_t outer = DimsProduct(dims, 0, axis);
+  int64_t o = 0;
+  for (int64_t a = 0; a < outer; ++a) {
+    for (const ConstTensor* t : in) {
+      const int64_t run = DimsProduct(t->dims, axis);
+      for (int64_t b = 0; b < run; ++b) {
+        if (t->IsFloat() == out.IsFloat()) {
+          CopyElement(*t, a * run + b, &out, o++);
+        } else {
+          out.Set(o++, t->Get(a * run + b));
+        }
+      }
+    }
+  }
+  return out;
+}
+
+ConstTensor Transpose(const ConstTensor& x, std::vector<int64_t> perm) {
+  const size_t rank = x.dims.size();
+  if (perm.empty()) {
+    for (size_t k = 0; k < rank; ++k) perm.push_back(rank - 1 - k);
+  }
+  if (perm.size() != rank) throw FoldError("perm does not match the input rank");
+  std::vector<int64_t> dims(rank), in_stride(rank, 1);
+  for (size_t k = rank; k-- > 1;) in_stride[k - 1] = in_stride[k] * x.dims[k];
+  std::vector<int64_t> stride(rank);
+  for (size_t k = 0; k < rank; ++k) {
+    dims[k] = x.dims[NormAxis(perm[k], rank)];
+    stride[k] = in_stride[NormAxis(perm[k], rank)];
+  }
+  ConstTensor out = ConstTensor::Make(x.type, dims);
+  std::vector<int64_t> idx(rank, 0);
+  for (int64_t e = 0; e < out.Count(); ++e) {
+    int64_t src = 0;
+    for (size_t k = 0; k < rank; ++k) src += idx[k] * stride[k];
+    CopyElement(x, src, &out, e);
+    for (size_t k = rank; k-- > 0;) {
+      if (++idx[k] < dims[k]) break;
+      idx[k] = 0;
+    }
+  }
+  return out;
+}
+
+ConstTensor Slice(const ConstTensor& x, std::vector<int64_t> starts, std::vector<int64_t> ends,
+                  std::vector<int64_t> axes, std::vector<int64_t> steps) {
+  const int64_t rank = x.dims.size();
+  if (axes.empty()) {
+    for (size_t k = 0; k < starts.size(); ++k) axes.push_back(k);
+  }
+  if (steps.empty()) steps.assign(starts.size(), 1);
+  if (ends.size() != starts.size() || axes.size() != starts.size() ||
+      steps.size() != starts.size()) {
+    throw FoldError("starts, ends, axes and steps differ in length");
+  }
+  std::vector<int64_t> begin(rank, 0), step(rank, 1), dims = x.dims;
+  for (size_t k = 0; k < starts.size(); ++k) {
+    const int64_t ax = NormAxis(axes[k], rank), n = x.dims[ax], s = steps[k];
+    if (s == 0) throw FoldError("a step is 0");
+    int64_t b = starts[k] < 0 ? starts[k] + n : starts[k];
+    int64_t e = ends[k] < 0 ? ends[k] + n : ends[k];
+    if (s > 0) {
+      b = std::clamp<int64_t>(b, 0, n);
+      e = std::clamp<int64_t>(e, 0, n);
+      dims[ax] = e > b ? (e - b + s - 1) / s : 0;
+    } else {
+      b = std::clamp<int64_t>(b, -1, n - 1);
+      e = std::clamp<int64_t>(e, -1, n - 1);
+      dims[ax] = b > e ? (b - e - s - 1) / -s : 0;
+    }
+    begin[ax] = b;
+    step[ax] = s;
+  }
+  ConstTensor out = ConstTensor::Make(x.type, dims);
+  std::vector<int64_t> in_stride(rank, 1), idx(rank, 0);
+  for (int64_t k = rank; k-- > 1;) in_stride[k - 1] = in_stride[k] * x.dims[k];
+  for (int64_t e = 0; e < out.Count(); ++e) {
+    int64_t src = 0;
+    for (int64_t k = 0; k < rank; ++k) src += (begin[k] + idx[k] * step[k]) * in_stride[k];
+    CopyElement(x, src, &out, e);
+    for (int64_t k = rank; k-- > 0;) {
+      if (++idx[k] < dims[k]) break;
+      idx[k] = 0;
+    }
+  }
+  return out;
+}
+
+ConstTensor Reduce(const std::string& op, const ConstTensor& x, std::vector<int64_t> axes,
+                   bool keepdims, bool noop_with_empty) {
+  const int64_t rank = x.dims.size();
+  if (axes.empty()) {
+    if (noop_with_empty) return x;
+    for (int64_t k = 0; k < rank; ++k) axes.push_back(k);
+  }
+  std::vector<bool> reduced(rank, false);
+  for (int64_t a : axes) reduced[NormAxis(a, rank)] = true;
+  std::vector<int64_t> kept_dims(rank), out_dims;
+  for (int64_t k = 0; k < rank; ++k) {
+    kept_dims[k] = reduced[k] ? 1 : x.dims[k];
+    if (keepdims || !reduced[k]) out_dims.push_back(kept_dims[k]);
+  }
+  ConstTensor out = ConstTensor::Make(x.type, out_dims);
+  std::vector<double> acc(out.Count(), op == "ReduceProd" ? 1.0 : 0.0);
+  std::vector<int64_t> seen(out.Count(), 0);
+  std::vector<int64_t> idx(rank, 0);
+  for (int64_t e = 0; e < x.Count(); ++e) {
+    int64_t o = 0;
+    for (int64_t k = 0; k < rank; ++k) o = o * kept_dims[k] + (reduced[k] ? 0 : idx[k]);
+    const double v = x.Get(e);
+    if (op == "ReduceProd")
+      acc[o] *= v;
+    else if (op == "ReduceMax")
+      acc[o] = seen[o] ? std::max(acc[o], v) : v;
+    else if (op == "ReduceMin")
+      acc[o] = seen[o] ? std::min(acc[o], v) : v;
+    else
+      acc[o] += v;
+    ++seen[o];
+    for (int64_t k = rank; k-- > 0;) {
+      if (++idx[k] < x.dims[k]) break;
+      idx[k] = 0;
+    }
+  }
+  for (int64_t o = 0; o < out.Count(); ++o) {
+    out.Set(o, op == "ReduceMean" && seen[o] ? acc[o] / seen[o] : acc[o]);
+  }
+  return out;
+}
+
+// Output dims of Reshape; `allowzero` keeps 0 as a real 0.
+std::vector<int64_t> ReshapeDims(const std::vector<int64_t>& in, const std::vector<int64_t>& shape,
+                                 bool allowzero) {
+  std::vector<int64_t> out(shape.size());
+  int64_t known = 1, infer = -1;
+  for (size_t k = 0; k < shape.size(); ++k) {
+    if (shape[k] == 0 && !allowzero) {
+      if (k >= in.size()) throw FoldError("shape has 0 at an axis the input lacks");
+      out[k] = in[k];
+    } else if (shape[k] == -1) {
+      if (infer >= 0) throw FoldError("shape has more than one -1");
+      infer = k;
+      continue;
+    } else {
+      out[k] = shape[k];
+    }
+    known *= out[k];
+  }
+  const int64_t n = DimsProduct(in);
+  if (infer >= 0) {
+    if (known == 0 || n % known) throw FoldError("cannot infer the -1 of the shape");
+    out[infer] = n / known;
+  } else if (known != n) {
+    throw FoldError("shape " + DimsString(shape) + " does not fit input " + DimsString(in));
+  }
+  return out;
+}
+
+std::vector<int64_t> AxesFrom(const onnx::NodeProto& node, int opset, int since, const Inputs& in,
+                              size_t input_index) {
+  if (opset >= since) {
+    return input_index < in.size() && in[input_index] ? in[input_index]->Ints()
+                                                      : std::vector<int64_t>{};
+  }
+  return AttrInts(node, "axes");
+}
+
+ConstTensor ConstantValue(const onnx::NodeProto& node, const std::string& base_dir) {
+  for (const auto& a : node.attribute()) {
+    if (a.name() == "value") return TensorFromProto(a.t(), base_dir);
+    if (a.name() == "value_float") {
+      ConstTensor t = ConstTensor::Make(kFloat, {});
+      t.Set(0, a.f());
+      return t;
+    }
+    if (a.name() == "value_floats") {
+      ConstTensor t = ConstTensor::Make(kFloat, {a.floats_size()});
+      for (int k = 0; k < a.floats_size(); ++k) t.Set(k, a.floats(k));
+      return t;
+    }
+    if (a.name() == "value_int") {
+      ConstTensor t = ConstTensor::Make(kInt64, {});
+      t.i[0] = a.i();
+      return t;
+    }
+    if (a.name() == "value_ints") return ConstTensor::Int64s({a.ints().begin(), a.ints().end()});
+  }
+  throw FoldError("Constant without a supported value attribute");
+}
+
+const std::set<std::string>& UnaryOps() {
+  static const std::set<std::string> ops = {"Neg",     "Abs",  "Sqrt", "Floor",      "Ceil",
+                                            "Round",   "Exp",  "Log",  "Reciprocal", "Relu",
+                                            "Sigmoid", "Tanh", "Erf",  "Sign",       "Not"};
+  return ops;
+}
+
+const std::set<std::string>& BinaryOps() {
+  static const std::set<std::string> ops = {
+      "Add", "Sub", "Mul",   "Div",  "Pow",     "Max",         "Min",
+      "Sum", "Mod", "Equal", "Less", "Greater", "LessOrEqual", "GreaterOrEqual",
+      "And", "Or",  "Xor"};
+  return ops;
+}
+
+std::vector<ConstTensor> One(ConstTensor&& t) {
+  std::vector<ConstTensor> v;
+  v.push_back(std::move(t));
+  return v;
+}
+
+}  // namespace
+
+bool CanEvaluate(const std::string& op) {
+  static const std::set<std::string> other = {
+      "Constant",  "Identity",        "Cast",       "Gather",  "Unsqueeze",  "Squeeze",
+      "Concat",    "ConstantOfShape", "Reshape",    "Flatten", "Transpose",  "Slice",
+      "Range",     "Expand",          "Where",      "Tile",    "ReduceProd", "ReduceSum",
+      "ReduceMax", "ReduceMin",       "ReduceMean", "Dropout", "CastLike"};
+  return other.count(op) || UnaryOps().count(op) || BinaryOps().count(op);
+}
+
+std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, const Inputs& in,
+                                      const std::string& base_dir) {
+  const std::string& op = node.op_type();
+  if (op == "Constant") return One(ConstantValue(node, base_dir));
+  if (op == "Identity" || op == "Dropout") return One(ConstTensor(Need(in, 0)));
+  if (op == "Cast")
+    return One(Cast(Need(in, 0), static_cast<int32_t>(AttrInt(node, "to", kFloat))));
+  if (op == "CastLike") return One(Cast(Need(in, 0), Need(in, 1).type));
+  if (UnaryOps().count(op)) return One(Unary(op, Need(in, 0)));
+  if (BinaryOps().count(op)) {
+    ConstTensor acc = Need(in, 0);
+    for (size_t k = 1; k < in.size(); ++k) acc = Elementwise(op, acc, Need(in, k), node);
+    return One(std::move(acc));
+  }
+  if (op == "Gather") return One(Gather(Need(in, 0), Need(in, 1), AttrInt(node, "axis", 0)));
+  if (op == "Concat") return One(Concat(in, AttrInt(node, "axis", 0)));
+  if (op == "Transpose") return One(Transpose(Need(in, 0), AttrInts(node, "perm")));
+  if (op == "Unsqueeze" || op == "Squeeze") {
+    ConstTensor out = Need(in, 0);
+    std::vector<int64_t> axes = AxesFrom(node, opset, 13, in, 1);
+    if (op == "Unsqueeze") {
+      const int64_t rank = out.dims.size() + axes.size();
+      std::vector<bool> inserted(rank, false);
+      for (int64_t a : axes) inserted[NormAxis(a, rank)] = true;
+      std::vector<int64_t> dims;
+      size_t src = 0;
+      for (int64_t k = 0; k < rank; ++k) dims.push_back(inserted[k] ? 1 : out.dims[src++]);
+      out.dims = dims;
+    } else {
+      const int64_t rank = out.dims.size();
+      std::vector<bool> removed(rank, axes.empty());
+      for (int64_t a : axes) removed[NormAxis(a, rank)] = true;
+      std::vector<int64_t> dims;
+      for (int64_t k = 0; k < rank; ++k) {
+        if (removed[k] && out.dims[k] != 1) {
+          if (!axes.empty()) throw FoldError("squeezes an axis whose size is not 1");
+          removed[k] = false;
+        }
+        if (!removed[k]) dims.push_back(out.dims[k]);
+      }
+      out.dims = dims;
+    }
+    return One(std::move(out));
+  }
+  if (op == "ConstantOfShape") {
+    std::vector<int64_t> dims = in.empty() || !in[0] ? std::vector<int64_t>{} : in[0]->Ints();
+    ConstTensor value = ConstTensor::Make(kFloat, {1});
+    if (const auto* a = FindAttr(node, "value")) value = TensorFromProto(a->t(), base_dir);
+    if (value.Count() != 1) throw FoldError("value must hold one element");
+    ConstTensor out = ConstTensor::Make(value.type, dims);
+    for (int64_t k = 0; k < out.Count(); ++k) CopyElement(value, 0, &out, k);
+    return One(std::move(out));
+  }
+  if (op == "Reshape") {
+    ConstTensor out = Need(in, 0);
+    out.dims = ReshapeDims(out.dims, Need(in, 1).Ints(), AttrInt(node, "allowzero", 0) != 0);
+    return One(std::move(out));
+  }
+  if (op == "Flatten") {
+    ConstTensor out = Need(in, 0);
+    const int64_t rank = out.dims.size();
+    int64_t axis = AttrInt(node, "axis", 1);
+    axis = axis == rank ? rank : NormAxis(axis, rank);
+    out.dims = {DimsProduct(out.dims, 0, axis), DimsProduct(out.dims, axis)};
+    return One(std::move(out));
+  }
+  if (op == "Slice") {
+    if (opset < 10) {
+      return One(Slice(Need(in, 0), AttrInts(node, "starts"), AttrInts(node, "ends"),
+                       AttrInts(node, "axes"), {}));
+    }
+    auto opt = [&](size_t k) {
+      return k < in.size() && in[k] ? in[k]->Ints() : std::vector<int64_t>{};
+    };
+    return One(Slice(Need(in, 0), Need(in, 1).Ints(), Need(in, 2).Ints(), opt(3), opt(4)));
+  }
+  if (op == "Range") {
+    const ConstTensor &start = Need(in, 0), &limit = Need(in, 1), &delta = Need(in, 2);
+    const double s = start.Get(0), l = limit.Get(0), d = delta.Get(0);
+    if (d == 0) throw FoldError("delta is 0");
+    const int64_t n = std::max<int64_t>(static_cast<int64_t>(std::ceil((l - s) / d)), 0);
+    ConstTensor out = ConstTensor::Make(start.type, {n});
+    for (int64_t k = 0; k < n; ++k) {
+      if (out.IsFloat()) {
+        out.Set(k, s + k * d);
+      } else {
+        out.SetInt(k, start.i[0] + k * delta.i[0]);
+      }
+    }
+    return One(std::move(out));
+  }
+  if (op == "Expand") {
+    const ConstTensor& x = Need(in, 0);
+    const std::vector<int64_t> dims = BroadcastShapes(x.dims, Need(in, 1).Ints());
+    ConstTensor out = ConstTensor::Make(x.type, dims);
+    const auto off = BroadcastOffsets(dims, x.dims);
+    for (int64_t k = 0; k < out.Count(); ++k) CopyElement(x, off[k], &out, k);
+    return One(std::move(out));
+  }
+  if (op == "Where") {
+    const ConstTensor &c = Need(in, 0), &x = Need(in, 1), &y = Need(in, 2);
+    const std::vector<int64_t> dims = BroadcastShapes(BroadcastShapes(c.dims, x.dims), y.dims);
+    ConstTensor out = ConstTensor::Make(x.type, dims);
+    const auto oc = BroadcastOffsets(dims, c.dims), ox = BroadcastOffsets(dims, x.dims),
+               oy = BroadcastOffsets(dims, y.dims);
+    for (int64_t k = 0; k < out.Count(); ++k) {
+      if (c.GetInt(oc[k])) {
+        CopyElement(x, ox[k], &out, k);
+      } else {
+        CopyElement(y, oy[k], &out, k);
+      }
+    }
+    return One(std::move(out));
+  }
+  if (op == "Tile") {
+    const ConstTensor& x = Need(in, 0);
+    const std::vector<int64_t> reps = Need(in, 1).Ints();
+    if (reps.size() != x.dims.size()) throw FoldError("repeats do not match the input rank");
+    std::vector<int64_t> dims(x.dims.size());
+    for (size_t k = 0; k < dims.size(); ++k) dims[k] = x.dims[k] * reps[k];
+    ConstTensor out = ConstTensor::Make(x.type, dims);
+    std::vector<int64_t> idx(dims.size(), 0);
+    for (int64_t e = 0; e < out.Count(); ++e) {
+      int64_t src = 0;
+      for (size_t k = 0; k < dims.size(); ++k) src = src * x.dims[k] + idx[k] % x.dims[k];
+      CopyElement(x, src, &out, e);
+      for (size_t k = dims.size(); k-- > 0;) {
+        if (++idx[k] < dims[k]) break;
+        idx[k] = 0;
+      }
+    }
+    return One(std::move(out));
+  }
+  if (op.rfind("Reduce", 0) == 0) {
+    const int since = op == "ReduceSum" ? 13 : 18;
+    return One(Reduce(op, Need(in, 0), AxesFrom(node, opset, since, in, 1),
+                      AttrInt(node, "keepdims", 1) != 0,
+                      AttrInt(node, "noop_with_empty_axes", 0) != 0));
+  }
+  throw FoldError("operator " + op + " cannot be evaluated on constants");
+}
+
+}  // namespace qzdl::onnx_import

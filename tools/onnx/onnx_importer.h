@@ -1,0 +1,56 @@
+// Importing ONNX models: an ONNX file becomes a net description (JSON) and
+// its weight blobs for the float runtime. See docs/onnx-import.md.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "runtime/weights_file.h"
+
+namespace qzdl {
+
+// Every failure of an import. The message is complete: it names the file, or
+// the node, its operator and the attribute or input at fault.
+struct OnnxImportError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+struct OnnxImportOptions {
+  // Dims for graph inputs, replacing the declared ones (batch first).
+  std::map<std::string, std::vector<int64_t>> input_shapes;
+  // Graph inputs that are really constants: name -> a serialized TensorProto.
+  // They become initializers before the import.
+  std::map<std::string, std::string> constant_inputs;
+};
+
+struct OnnxImportResult {
+  std::string net_json;           // the net description, ready to write
+  std::vector<WeightBlob> blobs;  // the weights, in layer order
+  int layer_count = 0;
+};
+
+// Imports the model in `path`. Throws OnnxImportError.
+OnnxImportResult ImportOnnxFile(const std::string& path, const OnnxImportOptions& options = {});
+
+// Imports a model held in memory; `source` names it in messages and
+// `base_dir` resolves external initializer data.
+OnnxImportResult ImportOnnxBytes(const std::string& bytes, const std::string& source,
+                                 const std::string& base_dir,
+                                 const OnnxImportOptions& options = {});
+
+// Imports `onnx_path` and writes the net description, the weights file and,
+// when `serial_path` is not empty, the serial model file. Nothing is written
+// unless the whole import succeeded; each file is replaced atomically.
+// Throws OnnxImportError.
+OnnxImportResult ConvertOnnxFile(const std::string& onnx_path, const std::string& json_path,
+                                 const std::string& weights_path, const std::string& serial_path,
+                                 const OnnxImportOptions& options = {});
+
+// Parses "name=1,3,224,224" into `options.input_shapes`. Throws
+// OnnxImportError on a malformed argument.
+void ParseInputShapeArg(const std::string& arg, OnnxImportOptions* options);
+
+}  // namespace qzdl

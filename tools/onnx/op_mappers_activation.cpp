@@ -1,0 +1,187 @@
+// Element-wise activations, Softmax and LogSoftmax, unary math, Identity.
+#include <onnx/onnx_pb.h>
+
+#include <cfloat>
+#include <cmath>
+#include <limits>
+
+#include "tools/onnx/converter.h"
+
+namespace qzdl::onnx_import {
+
+namespace {
+
+using json11::Json;
+
+void Simple(Converter& c, const std::string& type, const Json::object& param = {}) {
+  c.Emit(type, {c.In(0)}, {c.Out(0)}, param);
+}
+
+Json Num(float v) { return static_cast<double>(v); }
+
+void MapPRelu(Converter& c) {
+  const Shape& x = c.InShape(0);
+  const ConstTensor& slope = c.Const(1, "slope");
+  const int64_t n = slope.Count();
+  if (n == 1) {
+    const std::string layer = c.Emit("PReLU", {c.In(0)}, {c.Out(0)}, {{"channel_shared", true}});
+    c.Weight(layer, "slope", {1}, slope.Floats());
+    return;
+  }
+  // Per channel: slope dims, aligned to the right of x, are 1 except on axis 1.
+  bool per_channel = x.size() >= 2 && slope.dims.size() <= x.size() - 1 && n == x[1];
+  const size_t offset = x.size() - slope.dims.size();
+  for (size_t k = 0; per_channel && k < slope.dims.size(); ++k) {
+    if (k + offset != 1 && slope.dims[k] != 1) per_channel = false;
+  }
+  if (!per_channel) {
+    c.Fail("slope of shape " + DimsString(slope.dims) + " for input of shape " + DimsString(x) +
+           " is not one value per channel (axis 1) or one for all");
+  }
+  const std::string layer = c.Emit("PReLU", {c.In(0)}, {c.Out(0)}, {{"channel_shared", false}});
+  c.Weight(layer, "slope", {static_cast<int>(n)}, slope.Floats());
+}
+
+void MapClip(Converter& c) {
+  const double inf = std::numeric_limits<double>::infinity();
+  double lo = -inf, hi = inf;
+  if (c.Opset() < 11) {
+    lo = c.Float("min", -FLT_MAX);
+    hi = c.Float("max", FLT_MAX);
+  } else {
+    if (c.HasInput(1)) lo = c.Const(1, "min").Get(0);
+    if (c.HasInput(2)) hi = c.Const(2, "max").Get(0);
+  }
+  if (lo <= -FLT_MAX) lo = -inf;
+  if (hi >= FLT_MAX) hi = inf;
+  if (lo == -inf && hi == inf) {
+    c.Alias(0, c.In(0));
+  } else if (lo == 0 && hi == inf) {
+    Simple(c, "ReLU");
+  } else if (lo == 0 && hi > 0) {
+    Simple(c, "ReLUX", {{"threshold", hi}});
+  } else {
+    Json::object p;
+    if (lo != -inf) p["min"] = lo;
+    if (hi != inf) p["max"] = hi;
+    Simple(c, "Clip", p);
+  }
+}
+
+void MapSoftmax(Converter& c) {
+  const bool log = c.Op() == "LogSoftmax";
+  const std::string type = log ? "LogSoftmax" : "Softmax";
+  const int64_t rank = c.InRank(0);
+  if (c.Opset() >= 13) {
+    const int64_t axis = NormalizeAxis(c, c.Int("axis", -1), rank, "axis");
+    Simple(c, type, {{"axis", static_cast<int>(axis)}});
+    return;
+  }
+  // Before opset 13 the input is seen as 2-d: [outer, inner] split at axis.
+  const int64_t axis = rank == 0 ? 0 : NormalizeAxis(c, c.Int("axis", 1), rank, "axis");
+  if (axis == rank - 1) {
+    Simple(c, type, {{"axis", static_cast<int>(axis)}});
+    return;
+  }
+  const Shape& in = c.InShape(0);
+  int64_t outer = 1, inner = 1;
+  for (int64_t k = 0; k < rank; ++k) (k < axis ? outer : inner) *= in[k];
+  const std::string flat = c.NewTensor("2d"), soft = c.NewTensor("2d_out");
+  EmitReshape(c, c.In(0), in, flat, {outer, inner}, c.NewLayerName("to2d"));
+  c.Emit(type, {flat}, {soft}, {{"axis", 1}}, c.NewLayerName());
+  EmitReshape(c, soft, {outer, inner}, c.Out(0), in, c.NewLayerName("from2d"));
+}
+
+void MapUnary(Converter& c) {
+  static const std::map<std::string, std::string> ops = {{"Abs", "abs"},
+                                                         {"Neg", "neg"},
+                                                         {"Exp", "exp"},
+                                                         {"Log", "log"},
+                                                         {"Sqrt", "sqrt"},
+                                                         {"Floor", "floor"},
+                                                         {"Ceil", "ceil"},
+                                                         {"Erf", "erf"},
+                                                         {"Sin", "sin"},
+                                                         {"Cos", "cos"},
+                                                         {"Sign", "sign"},
+                                                         {"Round", "round"},
+                                                         {"Reciprocal", "reciprocal"}};
+  Simple(c, "UnaryOp", {{"operation", ops.at(c.Op())}});
+}
+
+void MapIdentity(Converter& c) {
+  if (c.Op() == "Dropout") {
+    c.Ignore("ratio");
+    c.Ignore("seed");
+    c.Ignore("is_test");
+    if (c.HasInput(2)) {
+      const ConstTensor& training = c.Const(2, "training_mode");
+      if (training.Count() && training.GetInt(0)) c.Fail("training_mode true is not supported");
+    }
+    if (c.OutputUsed(1)) c.Fail("output 1 (the mask) is not supported");
+  }
+  c.Alias(0, c.In(0));
+}
+
+// Tensors computed at run time are float: a cast to float changes nothing.
+void MapCast(Converter& c) {
+  if (c.Op() == "Cast") {
+    const int64_t to = c.Int("to", kFloat);
+    c.Ignore("saturate");
+    if (to != kFloat) {
+      c.BadAttr("to", TypeName(static_cast<int32_t>(to)), "tensors computed by the net are float");
+    }
+  } else if (c.IsConst(1) && c.Const(1, "target type").type != kFloat) {
+    c.Fail("casting to " + TypeName(c.Const(1, "target type").type) +
+           " is not supported; tensors computed by the net are float");
+  }
+  c.Alias(0, c.In(0));
+}
+
+void MapGelu(Converter& c) {
+  const std::string approx = c.Str("approximate", "none");
+  if (approx != "none" && approx != "tanh") c.BadAttr("approximate", "\"" + approx + "\"");
+  Simple(c, "Gelu", {{"approximate", approx}});
+}
+
+}  // namespace
+
+void AddActivationMappers(MapperTable& t) {
+  t["Relu"] = [](Converter& c) { Simple(c, "ReLU"); };
+  t["LeakyRelu"] = [](Converter& c) {
+    Simple(c, "LeakyRelu", {{"negative_slope", Num(c.Float("alpha", 0.01f))}});
+  };
+  t["PRelu"] = MapPRelu;
+  t["Elu"] = [](Converter& c) { Simple(c, "Elu", {{"alpha", Num(c.Float("alpha", 1.0f))}}); };
+  t["Selu"] = [](Converter& c) {
+    Simple(c, "Selu",
+           {{"alpha", Num(c.Float("alpha", 1.67326319217681884765625f))},
+            {"gamma", Num(c.Float("gamma", 1.05070102214813232421875f))}});
+  };
+  t["Sigmoid"] = [](Converter& c) { Simple(c, "Sigmoid"); };
+  t["Tanh"] = [](Converter& c) { Simple(c, "TanH"); };
+  t["HardSigmoid"] = [](Converter& c) {
+    Simple(c, "HardSigmoid",
+           {{"alpha", Num(c.Float("alpha", 0.2f))}, {"beta", Num(c.Float("beta", 0.5f))}});
+  };
+  t["HardSwish"] = [](Converter& c) { Simple(c, "Swish", {{"hard", true}}); };
+  t["Softplus"] = [](Converter& c) { Simple(c, "Softplus"); };
+  t["Mish"] = [](Converter& c) { Simple(c, "Mish"); };
+  t["Gelu"] = MapGelu;
+  t["qzdl.Gelu"] = [](Converter& c) { Simple(c, "Gelu", {{"approximate", "none"}}); };
+  t["qzdl.Swish"] = [](Converter& c) { Simple(c, "Swish"); };
+  t["qzdl.HardSwish"] = [](Converter& c) { Simple(c, "Swish", {{"hard", true}}); };
+  t["Clip"] = MapClip;
+  t["Softmax"] = MapSoftmax;
+  t["LogSoftmax"] = MapSoftmax;
+  for (const char* op : {"Abs", "Neg", "Exp", "Log", "Sqrt", "Floor", "Ceil", "Erf", "Sin", "Cos",
+                         "Sign", "Round", "Reciprocal"}) {
+    t[op] = MapUnary;
+  }
+  t["Identity"] = MapIdentity;
+  t["Cast"] = MapCast;
+  t["CastLike"] = MapCast;
+  t["Dropout"] = MapIdentity;
+}
+
+}  // namespace qzdl::onnx_import

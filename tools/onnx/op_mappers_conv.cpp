@@ -1,0 +1,471 @@
+// Convolution, pooling, normalization and fully connected operators.
+#include <onnx/onnx_pb.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "tools/onnx/converter.h"
+
+namespace qzdl::onnx_import {
+
+namespace {
+
+using json11::Json;
+
+std::string Ints(const std::vector<int64_t>& v) { return DimsString(v); }
+
+// Kernel window of a 1-d or 2-d Conv or pooling node, as 2-d values (a 1-d
+// window is 1 high).
+struct Window {
+  int64_t kh = 1, kw = 1, sh = 1, sw = 1, dh = 1, dw = 1;
+  int64_t pt = 0, pl = 0, pb = 0, pr = 0;
+  bool one_d = false;
+};
+
+// Number of spatial axes of input 0 (1 or 2).
+int SpatialRank(Converter& c) {
+  const int rank = c.InRank(0);
+  if (rank != 3 && rank != 4) {
+    c.Fail("input " + c.InputName(0) + " has shape " + Ints(c.InShape(0)) +
+           "; only 1-d and 2-d data ([N, C, L] or [N, C, H, W]) is supported");
+  }
+  return rank - 2;
+}
+
+// Reads strides, dilations and pads (with auto_pad) for `kernel` (ONNX
+// order, 1 or 2 entries).
+Window ReadWindow(Converter& c, const std::vector<int64_t>& kernel, bool has_dilations) {
+  const size_t sr = kernel.size();
+  const Shape& in = c.InShape(0);
+  auto list = [&](const std::string& name, int64_t def, size_t n) {
+    std::vector<int64_t> v = c.Ints(name);
+    if (v.empty()) v.assign(n, def);
+    if (v.size() != n) c.BadAttr(name, Ints(v), "expected " + std::to_string(n) + " entries");
+    return v;
+  };
+  const std::vector<int64_t> strides = list("strides", 1, sr);
+  const std::vector<int64_t> dil = has_dilations ? list("dilations", 1, sr) : Shape(sr, 1);
+  std::vector<int64_t> pads = list("pads", 0, 2 * sr);
+  const std::string auto_pad = c.Str("auto_pad", "NOTSET");
+  if (auto_pad == "VALID") {
+    pads.assign(2 * sr, 0);
+  } else if (auto_pad == "SAME_UPPER" || auto_pad == "SAME_LOWER") {
+    for (size_t k = 0; k < sr; ++k) {
+      const int64_t size = in[2 + k];
+      const int64_t out = (size + strides[k] - 1) / strides[k];
+      const int64_t extent = (kernel[k] - 1) * dil[k] + 1;
+      const int64_t total = std::max<int64_t>((out - 1) * strides[k] + extent - size, 0);
+      const int64_t small = total / 2, large = total - small;
+      pads[k] = auto_pad == "SAME_UPPER" ? small : large;
+      pads[k + sr] = auto_pad == "SAME_UPPER" ? large : small;
+    }
+  } else if (auto_pad != "NOTSET" && !auto_pad.empty()) {
+    c.BadAttr("auto_pad", "\"" + auto_pad + "\"");
+  }
+  for (int64_t p : pads) {
+    if (p < 0) c.BadAttr("pads", Ints(pads), "negative pads");
+  }
+  Window w;
+  w.one_d = sr == 1;
+  const size_t h = w.one_d ? SIZE_MAX : 0, x = sr - 1;
+  if (!w.one_d) {
+    w.kh = kernel[h], w.sh = strides[h], w.dh = dil[h], w.pt = pads[h], w.pb = pads[h + sr];
+  }
+  w.kw = kernel[x], w.sw = strides[x], w.dw = dil[x], w.pl = pads[x], w.pr = pads[x + sr];
+  return w;
+}
+
+void SetWindowParams(const Window& w, Json::object* p, bool dilations) {
+  (*p)["kernel_h"] = static_cast<int>(w.kh);
+  (*p)["kernel_w"] = static_cast<int>(w.kw);
+  (*p)["stride_h"] = static_cast<int>(w.sh);
+  (*p)["stride_w"] = static_cast<int>(w.sw);
+  (*p)["pad_top"] = static_cast<int>(w.pt);
+  (*p)["pad_bottom"] = static_cast<int>(w.pb);
+  (*p)["pad_left"] = static_cast<int>(w.pl);
+  (*p)["pad_right"] = static_cast<int>(w.pr);
+  if (dilations) {
+    (*p)["dilation_h"] = static_cast<int>(w.dh);
+    (*p)["dilation_w"] = static_cast<int>(w.dw);
+  }
+}
+
+// Emits `type` on input 0 to output 0; 1-d data goes through [N, C, 1, L].
+void EmitSpatial(Converter& c, const std::string& type, const Json::object& param, bool one_d,
+                 const std::function<void(const std::string&)>& weights = nullptr) {
+  std::string in = c.In(0);
+  const std::string& out = c.Out(0);
+  if (!one_d) {
+    const std::string layer = c.Emit(type, {in}, {out}, param);
+    if (weights) weights(layer);
+    return;
+  }
+  const Shape& in_shape = c.InShape(0);
+  const Shape& out_shape = c.OutShape(0);
+  const std::string in4 = c.NewTensor("2d");
+  EmitReshape(c, in, in_shape, in4, {in_shape[0], in_shape[1], 1, in_shape[2]},
+              c.NewLayerName("to2d"));
+  const std::string out4 = c.NewTensor("2d_out");
+  const std::string layer = c.Emit(type, {in4}, {out4}, param);
+  if (weights) weights(layer);
+  EmitReshape(c, out4, {out_shape[0], out_shape[1], 1, out_shape[2]}, out, out_shape,
+              c.NewLayerName("to1d"));
+}
+
+std::vector<int64_t> KernelShape(Converter& c, const Shape& weight_dims) {
+  std::vector<int64_t> kernel = c.Ints("kernel_shape");
+  const Shape from_w(weight_dims.begin() + 2, weight_dims.end());
+  if (!kernel.empty() && kernel != from_w) {
+    c.BadAttr("kernel_shape", Ints(kernel), "the weights have spatial shape " + Ints(from_w));
+  }
+  return from_w;
+}
+
+std::vector<float> BiasOf(Converter& c, int k, int64_t m) {
+  const ConstTensor& b = c.Const(k, "bias");
+  if (b.Count() != m) {
+    c.Fail("bias " + c.InputName(k) + " has shape " + Ints(b.dims) + ", expected [" +
+           std::to_string(m) + "]");
+  }
+  return b.Floats();
+}
+
+void MapConv(Converter& c) {
+  const int sr = SpatialRank(c);
+  const ConstTensor& w = c.Const(1, "weights");
+  if (static_cast<int>(w.dims.size()) != sr + 2) {
+    c.Fail("weights " + c.InputName(1) + " have shape " + Ints(w.dims) + ", expected " +
+           std::to_string(sr + 2) + " axes");
+  }
+  const Window win = ReadWindow(c, KernelShape(c, w.dims), true);
+  const int64_t group = c.Int("group", 1);
+  const int64_t m = w.dims[0];
+  Json::object p;
+  p["num_output"] = static_cast<int>(m);
+  SetWindowParams(win, &p, true);
+  p["group"] = static_cast<int>(group);
+  const bool bias = c.HasInput(2);
+  p["bias_term"] = bias;
+  std::vector<float> b = bias ? BiasOf(c, 2, m) : std::vector<float>{};
+  const std::vector<int> wdims = {static_cast<int>(m), static_cast<int>(w.dims[1]),
+                                  static_cast<int>(win.kh), static_cast<int>(win.kw)};
+  EmitSpatial(c, "Convolution", p, win.one_d, [&](const std::string& layer) {
+    c.Weight(layer, "weight", wdims, w.Floats());
+    if (bias) c.Weight(layer, "bias", {static_cast<int>(m)}, b);
+  });
+}
+
+void MapConvTranspose(Converter& c) {
+  const int sr = SpatialRank(c);
+  const ConstTensor& w = c.Const(1, "weights");
+  if (static_cast<int>(w.dims.size()) != sr + 2) {
+    c.Fail("weights " + c.InputName(1) + " have shape " + Ints(w.dims) + ", expected " +
+           std::to_string(sr + 2) + " axes");
+  }
+  const std::vector<int64_t> kernel = KernelShape(c, w.dims);
+  const int64_t group = c.Int("group", 1);
+  const int64_t cin = w.dims[0], mg = w.dims[1], m = mg * group, cg = cin / group;
+  if (cin % group) c.BadAttr("group", std::to_string(group), "does not divide the weights");
+  const Shape& in = c.InShape(0);
+  auto list = [&](const std::string& name, int64_t def) {
+    std::vector<int64_t> v = c.Ints(name);
+    if (v.empty()) v.assign(sr, def);
+    if (static_cast<int>(v.size()) != sr) c.BadAttr(name, Ints(v), "wrong number of entries");
+    return v;
+  };
+  const std::vector<int64_t> strides = list("strides", 1), dil = list("dilations", 1);
+  std::vector<int64_t> out_pad = list("output_padding", 0);
+  std::vector<int64_t> pads = c.Ints("pads");
+  if (pads.empty()) pads.assign(2 * sr, 0);
+  const std::vector<int64_t> out_shape = c.Ints("output_shape");
+  const std::string auto_pad = c.Str("auto_pad", "NOTSET");
+  if (auto_pad != "NOTSET" && auto_pad != "" && auto_pad != "VALID" && auto_pad != "SAME_UPPER" &&
+      auto_pad != "SAME_LOWER") {
+    c.BadAttr("auto_pad", "\"" + auto_pad + "\"");
+  }
+  if (auto_pad == "VALID") pads.assign(2 * sr, 0);
+  if (!out_shape.empty() || auto_pad == "SAME_UPPER" || auto_pad == "SAME_LOWER") {
+    if (!out_shape.empty() && static_cast<int>(out_shape.size()) != sr) {
+      c.BadAttr("output_shape", Ints(out_shape), "expected the spatial dims only");
+    }
+    for (int k = 0; k < sr; ++k) {
+      const int64_t target = out_shape.empty() ? in[2 + k] * strides[k] : out_shape[k];
+      const int64_t total =
+          strides[k] * (in[2 + k] - 1) + out_pad[k] + (kernel[k] - 1) * dil[k] + 1 - target;
+      // Halves rounded down, also for a negative total (a longer output).
+      const int64_t half = total >= 0 ? total / 2 : -((1 - total) / 2);
+      int64_t begin, end;
+      if (auto_pad == "SAME_UPPER") {
+        begin = half, end = total - half;
+      } else {
+        begin = total - half, end = half;
+      }
+      if (end < 0) {
+        out_pad[k] -= end;  // the output is longer than the natural one: extend at the end
+        end = 0;
+      }
+      if (begin < 0) c.BadAttr("output_shape", Ints(out_shape), "needs a negative leading pad");
+      pads[k] = begin, pads[k + sr] = end;
+    }
+  }
+  if (static_cast<int>(pads.size()) != 2 * sr) c.BadAttr("pads", Ints(pads), "wrong length");
+  for (int64_t p : pads) {
+    if (p < 0) c.BadAttr("pads", Ints(pads), "negative pads");
+  }
+  const bool one_d = sr == 1;
+  const int h = one_d ? -1 : 0, x = sr - 1;
+  Json::object p;
+  p["num_output"] = static_cast<int>(m);
+  p["kernel_h"] = one_d ? 1 : static_cast<int>(kernel[h]);
+  p["kernel_w"] = static_cast<int>(kernel[x]);
+  p["stride_h"] = one_d ? 1 : static_cast<int>(strides[h]);
+  p["stride_w"] = static_cast<int>(strides[x]);
+  p["dilation_h"] = one_d ? 1 : static_cast<int>(dil[h]);
+  p["dilation_w"] = static_cast<int>(dil[x]);
+  p["pad_top"] = one_d ? 0 : static_cast<int>(pads[h]);
+  p["pad_bottom"] = one_d ? 0 : static_cast<int>(pads[h + sr]);
+  p["pad_left"] = static_cast<int>(pads[x]);
+  p["pad_right"] = static_cast<int>(pads[x + sr]);
+  p["output_pad_h"] = one_d ? 0 : static_cast<int>(out_pad[h]);
+  p["output_pad_w"] = static_cast<int>(out_pad[x]);
+  p["group"] = static_cast<int>(group);
+  const bool bias = c.HasInput(2);
+  p["bias_term"] = bias;
+  std::vector<float> b = bias ? BiasOf(c, 2, m) : std::vector<float>{};
+  // [C, M/g, k...] -> [M, C/g, k...]
+  int64_t taps = 1;
+  for (int64_t k : kernel) taps *= k;
+  const std::vector<float> src = w.Floats();
+  std::vector<float> dst(src.size());
+  for (int64_t g = 0; g < group; ++g) {
+    for (int64_t o = 0; o < mg; ++o) {
+      for (int64_t ci = 0; ci < cg; ++ci) {
+        const float* from = &src[((g * cg + ci) * mg + o) * taps];
+        std::copy(from, from + taps, &dst[((g * mg + o) * cg + ci) * taps]);
+      }
+    }
+  }
+  const std::vector<int> wdims = {static_cast<int>(m), static_cast<int>(cg),
+                                  one_d ? 1 : static_cast<int>(kernel[h]),
+                                  static_cast<int>(kernel[x])};
+  EmitSpatial(c, "Deconvolution", p, one_d, [&](const std::string& layer) {
+    c.Weight(layer, "weight", wdims, dst);
+    if (bias) c.Weight(layer, "bias", {static_cast<int>(m)}, b);
+  });
+}
+
+void MapPool(Converter& c) {
+  const bool max = c.Op() == "MaxPool";
+  const int sr = SpatialRank(c);
+  std::vector<int64_t> kernel = c.Ints("kernel_shape");
+  if (static_cast<int>(kernel.size()) != sr) {
+    c.BadAttr("kernel_shape", Ints(kernel), "expected " + std::to_string(sr) + " entries");
+  }
+  const bool has_dil = c.HasAttr("dilations");
+  const Window w = ReadWindow(c, kernel, has_dil);
+  if (w.dh != 1 || w.dw != 1) c.BadAttr("dilations", Ints(c.Ints("dilations")));
+  Json::object p;
+  p["pool"] = max ? "max" : "ave";
+  SetWindowParams(w, &p, false);
+  p["ceil_mode"] = c.Int("ceil_mode", 0) != 0;
+  if (max) {
+    if (c.Int("storage_order", 0) != 0 && c.OutputUsed(1)) {
+      c.BadAttr("storage_order", "1");
+    }
+  } else {
+    p["count_include_pad"] = c.Int("count_include_pad", 0) != 0;
+  }
+  EmitSpatial(c, "Pooling", p, w.one_d);
+}
+
+void MapGlobalPool(Converter& c) {
+  const int sr = SpatialRank(c);
+  Json::object p = {{"pool", c.Op() == "GlobalMaxPool" ? "max" : "ave"}, {"global_pooling", true}};
+  EmitSpatial(c, "Pooling", p, sr == 1);
+}
+
+void MapBatchNorm(Converter& c) {
+  if (c.Int("training_mode", 0) != 0) c.BadAttr("training_mode", "1", "inference only");
+  if (c.Int("spatial", 1) != 1) c.BadAttr("spatial", "0");
+  c.Ignore("momentum");
+  c.Ignore("is_test");
+  c.Ignore("consumed_inputs");
+  const float eps = c.Float("epsilon", 1e-5f);
+  if (c.InRank(0) < 2) c.Fail("input " + c.InputName(0) + " needs a channel axis");
+  const int64_t channels = c.InShape(0)[1];
+  std::vector<std::vector<float>> w;
+  const char* names[] = {"scale", "bias", "mean", "variance"};
+  for (int k = 1; k <= 4; ++k) {
+    const ConstTensor& t = c.Const(k, names[k - 1]);
+    if (t.Count() != channels) {
+      c.Fail(std::string(names[k - 1]) + " " + c.InputName(k) + " has shape " + Ints(t.dims) +
+             ", expected [" + std::to_string(channels) + "]");
+    }
+    w.push_back(t.Floats());
+  }
+  const std::string layer = c.Emit("BatchNormal", {c.In(0)}, {c.Out(0)},
+                                   {{"affine", true}, {"eps", static_cast<double>(eps)}});
+  const std::vector<int> dims = {static_cast<int>(channels)};
+  c.Weight(layer, "mean", dims, w[2]);
+  c.Weight(layer, "variance", dims, w[3]);
+  c.Weight(layer, "scale", dims, w[0]);
+  c.Weight(layer, "bias", dims, w[1]);
+}
+
+void MapInstanceNorm(Converter& c) {
+  const float eps = c.Float("epsilon", 1e-5f);
+  if (c.InRank(0) < 2) c.Fail("input " + c.InputName(0) + " needs a channel axis");
+  const int64_t channels = c.InShape(0)[1];
+  const ConstTensor& scale = c.Const(1, "scale");
+  const ConstTensor& bias = c.Const(2, "bias");
+  if (scale.Count() != channels || bias.Count() != channels) {
+    c.Fail("scale and bias must have shape [" + std::to_string(channels) + "]");
+  }
+  const std::string layer =
+      c.Emit("InstanceNormalization", {c.In(0)}, {c.Out(0)}, {{"eps", static_cast<double>(eps)}});
+  c.Weight(layer, "scale", {static_cast<int>(channels)}, scale.Floats());
+  c.Weight(layer, "bias", {static_cast<int>(channels)}, bias.Floats());
+}
+
+void MapLrn(Converter& c) {
+  const int64_t size = c.Int("size", 0);
+  if (size < 1) c.BadAttr("size", std::to_string(size));
+  c.Emit("Lrn", {c.In(0)}, {c.Out(0)},
+         {{"size", static_cast<int>(size)},
+          {"alpha", static_cast<double>(c.Float("alpha", 1e-4f))},
+          {"beta", static_cast<double>(c.Float("beta", 0.75f))},
+          {"bias", static_cast<double>(c.Float("bias", 1.0f))}});
+}
+
+// InnerProduct on a 2-d input `a` of shape [rows, K] with weights [M, K].
+void EmitInnerProduct(Converter& c, const std::string& a, const std::string& out, int64_t m,
+                      int64_t k, const std::vector<float>& weight, const std::vector<float>* bias,
+                      const std::string& name = "") {
+  const std::string layer =
+      c.Emit("InnerProduct", {a}, {out},
+             {{"num_output", static_cast<int>(m)}, {"bias_term", bias != nullptr}}, name);
+  c.Weight(layer, "weight", {static_cast<int>(m), static_cast<int>(k)}, weight);
+  if (bias) c.Weight(layer, "bias", {static_cast<int>(m)}, *bias);
+}
+
+// Weights [M, K] from a constant B of shape [K, M] (or [M, K] when `trans`).
+std::vector<float> WeightsMK(const ConstTensor& b, bool trans, int64_t* m, int64_t* k) {
+  const std::vector<float> v = b.Floats();
+  if (trans) {
+    *m = b.dims[0], *k = b.dims[1];
+    return v;
+  }
+  *k = b.dims[0], *m = b.dims[1];
+  std::vector<float> out(v.size());
+  for (int64_t i = 0; i < *k; ++i) {
+    for (int64_t j = 0; j < *m; ++j) out[j * *k + i] = v[i * *m + j];
+  }
+  return out;
+}
+
+void MapGemm(Converter& c) {
+  const float alpha = c.Float("alpha", 1.0f), beta = c.Float("beta", 1.0f);
+  const bool trans_a = c.Int("transA", 0) != 0, trans_b = c.Int("transB", 0) != 0;
+  c.Ignore("broadcast");
+  if (c.IsConst(0)) c.Fail("input A must not be a constant (only B and C can be)");
+  const Shape& a_shape = c.InShape(0);
+  if (a_shape.size() != 2) c.Fail("input A has shape " + Ints(a_shape) + ", expected 2 axes");
+  const ConstTensor& b = c.Const(1, "B");
+  if (b.dims.size() != 2) c.Fail("input B has shape " + Ints(b.dims) + ", expected 2 axes");
+  int64_t m = 0, k = 0;
+  std::vector<float> w = WeightsMK(b, trans_b, &m, &k);
+  if (alpha != 1.0f) {
+    for (float& v : w) v *= alpha;
+  }
+  std::vector<float> bias;
+  if (c.HasInput(2)) {
+    const ConstTensor& cb = c.Const(2, "C");
+    const int64_t n = cb.Count();
+    const int64_t rows = n / std::max<int64_t>(m, 1);
+    if (n == 1) {
+      bias.assign(m, static_cast<float>(cb.Get(0)));
+    } else if (cb.dims.back() == m && n % m == 0) {
+      const std::vector<float> all = cb.Floats();
+      bias.assign(all.begin(), all.begin() + m);
+      for (int64_t r = 1; r < rows; ++r) {
+        if (!std::equal(bias.begin(), bias.end(), all.begin() + r * m)) {
+          c.Fail("input C of shape " + Ints(cb.dims) +
+                 " differs between rows; only a bias per "
+                 "output is supported");
+        }
+      }
+    } else {
+      c.Fail("input C has shape " + Ints(cb.dims) + "; only a bias per output is supported");
+    }
+    for (float& v : bias) v *= beta;
+  }
+  std::string a = c.In(0);
+  if (trans_a) {
+    const std::string t = c.NewTensor("transposed");
+    c.Emit("Permute", {a}, {t}, {{"order", Json::array{1, 0}}}, c.NewLayerName("transA"));
+    a = t;
+  }
+  if ((trans_a ? a_shape[0] : a_shape[1]) != k) {
+    c.Fail("input A of shape " + Ints(a_shape) + " does not fit B of shape " + Ints(b.dims));
+  }
+  EmitInnerProduct(c, a, c.Out(0), m, k, w, c.HasInput(2) ? &bias : nullptr);
+}
+
+void MapMatMul(Converter& c) {
+  if (c.IsConst(0)) c.Fail("input A is a constant; only a constant B is supported");
+  const ConstTensor& b = c.Const(1, "B");
+  if (b.dims.empty() || b.dims.size() > 2) {
+    c.Fail("input B has shape " + Ints(b.dims) + "; only 1-d and 2-d constants are supported");
+  }
+  const ConstTensor b2 = [&] {
+    ConstTensor t = b;
+    if (t.dims.size() == 1) t.dims.push_back(1);
+    return t;
+  }();
+  int64_t m = 0, k = 0;
+  const std::vector<float> w = WeightsMK(b2, false, &m, &k);
+  const Shape& a_shape = c.InShape(0);
+  if (a_shape.back() != k) {
+    c.Fail("input A of shape " + Ints(a_shape) + " does not fit B of shape " + Ints(b.dims));
+  }
+  const std::string& out = c.Out(0);
+  const Shape& out_shape = c.OutShape(0);
+  if (out_shape.empty()) c.Fail("the output would be a scalar, which the runtime does not hold");
+  // "qzdl.MatMulAdd" (MatMul and the Add of a bias, fused) has the bias as input 2.
+  std::vector<float> bias_values;
+  if (c.HasInput(2)) bias_values = c.Const(2, "bias").Floats();
+  const std::vector<float>* bias = c.HasInput(2) ? &bias_values : nullptr;
+  std::string a = c.In(0);
+  if (a_shape.size() == 2 && b.dims.size() == 2) {
+    EmitInnerProduct(c, a, out, m, k, w, bias);
+    return;
+  }
+  // Other ranks run as [rows, K] x [K, M]; -1 keeps the row count open, so
+  // the batch can still change.
+  const std::string a2 = c.NewTensor("2d");
+  c.Emit("Reshape", {a}, {a2}, {{"shapes", JsonInts({-1, k})}}, c.NewLayerName("to2d"));
+  const std::string y2 = c.NewTensor("2d_out");
+  EmitInnerProduct(c, a2, y2, m, k, w, bias, c.NewLayerName());
+  Shape shapes = out_shape;
+  if (a_shape.size() >= 2 && !shapes.empty()) shapes[0] = -1;
+  c.Emit("Reshape", {y2}, {out}, {{"shapes", JsonInts(shapes)}}, c.NewLayerName("from2d"));
+}
+
+}  // namespace
+
+void AddConvMappers(MapperTable& t) {
+  t["Conv"] = MapConv;
+  t["ConvTranspose"] = MapConvTranspose;
+  t["MaxPool"] = MapPool;
+  t["AveragePool"] = MapPool;
+  t["GlobalAveragePool"] = MapGlobalPool;
+  t["GlobalMaxPool"] = MapGlobalPool;
+  t["BatchNormalization"] = MapBatchNorm;
+  t["InstanceNormalization"] = MapInstanceNorm;
+  t["LRN"] = MapLrn;
+  t["Gemm"] = MapGemm;
+  t["MatMul"] = MapMatMul;
+  t["qzdl.MatMulAdd"] = MapMatMul;
+}
+
+}  // namespace qzdl::onnx_import

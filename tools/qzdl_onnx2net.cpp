@@ -1,0 +1,69 @@
+// qzdl_onnx2net: converts an ONNX model into a net description and weights.
+//
+//   qzdl_onnx2net model.onnx out.json out.bin [--input-shape NAME=D0,D1,...]...
+//                 [--serial out.fb] [--constant-input NAME=TENSOR.pb]...
+//
+// Nothing is written unless the whole conversion succeeds. Errors go to
+// standard error as one line and give exit status 1 (2 for a bad command line).
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "tools/onnx/onnx_importer.h"
+
+namespace {
+
+int Usage() {
+  fprintf(stderr,
+          "usage: qzdl_onnx2net model.onnx out.json out.bin [--input-shape NAME=D0,D1,...]... "
+          "[--serial out.fb] [--constant-input NAME=TENSOR.pb]...\n");
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string positional[3];
+  int count = 0;
+  std::string serial;
+  qzdl::OnnxImportOptions options;
+  try {
+    for (int i = 1; i < argc; ++i) {
+      const std::string arg = argv[i];
+      if (arg == "--input-shape" && i + 1 < argc) {
+        qzdl::ParseInputShapeArg(argv[++i], &options);
+      } else if (arg == "--serial" && i + 1 < argc) {
+        serial = argv[++i];
+      } else if (arg == "--constant-input" && i + 1 < argc) {
+        const std::string item = argv[++i];
+        const size_t eq = item.find('=');
+        if (eq == std::string::npos || eq == 0) return Usage();
+        std::ifstream f(item.substr(eq + 1), std::ios::binary);
+        if (!f) throw qzdl::OnnxImportError("cannot read \"" + item.substr(eq + 1) + "\"");
+        std::ostringstream bytes;
+        bytes << f.rdbuf();
+        options.constant_inputs[item.substr(0, eq)] = bytes.str();
+      } else if (!arg.empty() && arg[0] == '-') {
+        return Usage();
+      } else if (count < 3) {
+        positional[count++] = arg;
+      } else {
+        return Usage();
+      }
+    }
+    if (count != 3) return Usage();
+    const qzdl::OnnxImportResult result =
+        qzdl::ConvertOnnxFile(positional[0], positional[1], positional[2], serial, options);
+    printf("qzdl_onnx2net: %s -> %s (%d layers), %s (%zu blobs)%s%s\n", positional[0].c_str(),
+           positional[1].c_str(), result.layer_count, positional[2].c_str(), result.blobs.size(),
+           serial.empty() ? "" : ", ", serial.c_str());
+    return 0;
+  } catch (const qzdl::OnnxImportError& e) {
+    fprintf(stderr, "qzdl_onnx2net: %s\n", e.what());
+    return 1;
+  } catch (const std::exception& e) {
+    fprintf(stderr, "qzdl_onnx2net: %s\n", e.what());
+    return 1;
+  }
+}
