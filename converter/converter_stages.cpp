@@ -5,12 +5,10 @@
 // conversion stops at the first check of Convert with "Failed to load input
 // data.", and nothing below that check runs.
 #include "converter/converter.h"
+#include "dataloader/data_loader.h"
 
 namespace qzdl {
 namespace modelConverter {
-
-// Leaves data_loader null: no calibration source is known to this build.
-void Converter::GenerateDataLoader() {}
 
 void Converter::InitObservers() {}
 
@@ -32,9 +30,11 @@ INT8Config* Converter::DumpQuantizationConfig() { return nullptr; }
 
 void Converter::MergeInt8Config() {}
 
-long Converter::DataSize() { return 0; }
+long Converter::DataSize() { return data_loader->GetSize(); }
 
-float* Converter::NextBatch(const std::string& name, int batch) { return nullptr; }
+float* Converter::NextBatch(const std::string& name, int batch) {
+  return data_loader->GetBatch(name, batch);
+}
 
 void Converter::SearcherInit() {}
 

@@ -1,0 +1,78 @@
+#!/usr/bin/python3
+"""Writes the demo calibration set of the example net examples/small_cnn:
+eight 32 x 32 RGB PNG pictures and the list file that names them, under
+examples/small_cnn/calibration/.
+
+The pictures are synthetic (gradients, stripes, a disc, checkers), drawn by
+formula so that the set is the same on every run; PNG is written with the
+standard library alone (zlib + struct). The list holds paths relative to the
+repository root, so the converter is run from there:
+
+  build/tools/qzdl_NewConverter -j examples/small_cnn/net.json \\
+      -m examples/small_cnn/net.bin -o /tmp/small_cnn_int8.bin \\
+      -s examples/small_cnn/calibration/list.txt
+
+Run from anywhere: /usr/bin/python3 scripts/make_demo_calibration.py
+"""
+
+import math
+import os
+import struct
+import zlib
+
+ROOT = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+REL_DIR = "examples/small_cnn/calibration"
+OUT_DIR = os.path.join(ROOT, REL_DIR)
+SIZE = 32
+
+
+def png(path, width, height, pixel):
+    """An 8-bit RGB PNG; pixel(x, y) gives (r, g, b)."""
+    rows = bytearray()
+    for y in range(height):
+        rows.append(0)  # filter: none
+        for x in range(width):
+            rows.extend(max(0, min(255, int(v))) for v in pixel(x, y))
+
+    def chunk(kind, data):
+        body = kind + data
+        return struct.pack(">I", len(data)) + body + struct.pack(">I", zlib.crc32(body) & 0xFFFFFFFF)
+
+    header = struct.pack(">IIBBBBB", width, height, 8, 2, 0, 0, 0)
+    with open(path, "wb") as f:
+        f.write(b"\x89PNG\r\n\x1a\n")
+        f.write(chunk(b"IHDR", header))
+        f.write(chunk(b"IDAT", zlib.compress(bytes(rows), 9)))
+        f.write(chunk(b"IEND", b""))
+
+
+def disc(x, y):
+    d = math.hypot(x - 15.5, y - 15.5)
+    return (230, 80, 40) if d < 11 else (20, 40 + 4 * y, 90)
+
+
+PICTURES = [
+    lambda x, y: (8 * x, 8 * y, 128),
+    lambda x, y: (255 - 8 * y, 60, 8 * x),
+    lambda x, y: ((x // 4) % 2 * 200 + 30, 120, 90),
+    lambda x, y: (90, (y // 3) % 2 * 180 + 40, 200 - 5 * x),
+    disc,
+    lambda x, y: ((x // 8 + y // 8) % 2 * 230 + 10,) * 3,
+    lambda x, y: (128 + 100 * math.sin(x / 3.0), 128 + 100 * math.cos(y / 4.0), 7 * (x + y) % 256),
+    lambda x, y: (40 + 6 * x, 40 + 6 * x, 220 - 6 * y),
+]
+
+
+def main():
+    os.makedirs(OUT_DIR, exist_ok=True)
+    lines = []
+    for i, picture in enumerate(PICTURES):
+        name = "picture_%02d.png" % i
+        png(os.path.join(OUT_DIR, name), SIZE, SIZE, picture)
+        lines.append(REL_DIR + "/" + name)
+    with open(os.path.join(OUT_DIR, "list.txt"), "w") as f:
+        f.write("\n".join(lines) + "\n")
+
+
+if __name__ == "__main__":
+    main()
