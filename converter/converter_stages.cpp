@@ -1,16 +1,13 @@
 // The stages of a conversion that stand between the driver's fixed steps, and
 // the driver's calls into the data loader, the searcher and the weights tuner.
 //
-// In this build none of them has work to do: no data loader is made, so a
-// conversion stops at the first check of Convert with "Failed to load input
-// data.", and nothing below that check runs.
+// Stages still without work here leave the conversion's result as it is:
+// the ranges are observed, and nothing is written yet.
 #include "converter/converter.h"
 #include "dataloader/data_loader.h"
 
 namespace qzdl {
 namespace modelConverter {
-
-void Converter::InitObservers() {}
 
 void Converter::InitWeightObservers() {}
 

@@ -10,6 +10,10 @@
 #include "dataloader/transform.h"
 #include "runtime/data.h"
 
+namespace qzg {
+class QZSession;
+}
+
 namespace dataLoader {
 
 // How a Loader gets its bytes.
@@ -61,6 +65,9 @@ class Loader {
   // Image samples (loader_samples.cpp). The image at its own size as
   // [1, 3, H, W], and at the item's height and width.
   void load_image_to_data(qzdl::Data<float>* target);
+  // The sample's image session: its own file decoded (a file that does not
+  // decode ends the run with a log line naming it), or the shared session.
+  qzg::QZSession* OpenImage();
   void load_image_to_data_with_resize(qzdl::Data<float>* target);
   // NPY samples: the array's elements as a flat [1, elementCount] tensor.
   void load_npy_to_data(qzdl::Data<float>* target);

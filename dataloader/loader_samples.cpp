@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 
 #include "dataloader/cnpy.h"
 #include "dataloader/loader.h"
@@ -60,11 +61,19 @@ void Loader::LoadImage(float* output, TransformHandle* handle, Data<float>* scra
   transform(handle, scratch, data);
 }
 
-void Loader::load_image_to_data(Data<float>* target) {
+qzg::QZSession* Loader::OpenImage() {
   qzg::QZSession* session = nullptr;
   if (!file_path.empty()) {
     session = qzg::QZSession::CreateSession();
-    session->ReadImg(file_path.c_str());
+    try {
+      session->ReadImg(file_path.c_str());
+    } catch (const std::runtime_error& e) {
+      // A calibration image that does not decode ends the run with its name.
+      session->Destroy();
+      qzdl::qlogInstance.QZLOG(e.what());
+      fflush(stdout);
+      exit(-1);
+    }
   } else {
     session = static_cast<qzg::QZSession*>(shared_ptr);
   }
@@ -73,6 +82,11 @@ void Loader::load_image_to_data(Data<float>* target) {
         "image sample \"" + data->GetName() + "\" has neither a file nor a session",
         new qzdl::QZDLInitException());
   }
+  return session;
+}
+
+void Loader::load_image_to_data(Data<float>* target) {
+  qzg::QZSession* session = OpenImage();
   const int height = session->GetImgHeight();
   const int width = session->GetImgWidth();
   target->Resize({1, 3, height, width});
@@ -88,18 +102,7 @@ void Loader::load_image_to_data(Data<float>* target) {
 }
 
 void Loader::load_image_to_data_with_resize(Data<float>* target) {
-  qzg::QZSession* session = nullptr;
-  if (!file_path.empty()) {
-    session = qzg::QZSession::CreateSession();
-    session->ReadImg(file_path.c_str());
-  } else {
-    session = static_cast<qzg::QZSession*>(shared_ptr);
-  }
-  if (session == nullptr) {
-    qzdl::throw_exception(
-        "image sample \"" + data->GetName() + "\" has neither a file nor a session",
-        new qzdl::QZDLInitException());
-  }
+  qzg::QZSession* session = OpenImage();
   // The item's size; the image's own size is not read.
   const int height = data->GetDim(2);
   const int width = data->GetDim(3);

@@ -28,6 +28,9 @@ class ConverterTestAccess {
   static bool HasSearcher(const Converter& c) { return c.searcher != nullptr; }
   static bool HasTuner(const Converter& c) { return c.weights_tuner != nullptr; }
   static size_t ObserverCount(const Converter& c) { return c.observers.size(); }
+  static const std::map<std::string, Observer*>& Observers(const Converter& c) {
+    return c.observers;
+  }
   static bool SpareFieldsEmpty(const Converter& c) {
     return c.spare_counts.empty() && c.spare_names.empty() && c.spare_values.empty() &&
            c.weight_observers.empty();
@@ -181,7 +184,8 @@ TEST_F(ConverterTest, InputsNaiveOutputsTheMode) {
   EXPECT_FALSE(ConverterTestAccess::HasSearcher(*c));
   EXPECT_FALSE(ConverterTestAccess::HasTuner(*c));
   EXPECT_TRUE(ConverterTestAccess::SpareFieldsEmpty(*c));
-  EXPECT_EQ(ConverterTestAccess::ObserverCount(*c), 0u);
+  // One observer per tensor: the keys of the method table.
+  EXPECT_EQ(ConverterTestAccess::ObserverCount(*c), methods.size());
 }
 
 TEST_F(ConverterTest, ConstructorOutputInOrder) {
@@ -316,3 +320,120 @@ TEST_F(ConverterTest, ConvertWithoutDataEndsWith255) {
 
 }  // namespace
 }  // namespace qzdl::modelConverter
+
+// ---- InitObservers -----------------------------------------------------------
+
+#include "quantization/coverage_observer.h"
+#include "quantization/entropy_observer.h"
+#include "quantization/histogram_observer.h"
+#include "quantization/mse_observer.h"
+
+namespace qzdl {
+namespace modelConverter {
+namespace {
+
+using staticQuantization::CoverageObserver;
+using staticQuantization::EntropyObserver;
+using staticQuantization::EnumObserver;
+using staticQuantization::HistogramObserver;
+using staticQuantization::MeanSquareErrorObserver;
+
+class InitObserversTest : public ConverterTest {};
+
+TEST_F(InitObserversTest, OneObserverPerTensorNamedByItsKey) {
+  std::string out;
+  test::NetBuilder net;
+  // "x" is written twice (in place): one key, one observer.
+  net.Input("data", {1, 2, 2, 2})
+      .Layer("a", "ReLU", {"data"}, {"x"})
+      .Layer("b", "ReLU", {"x"}, {"x"});
+  auto c = Make(ParamFor(net, 2), &out);
+  const auto& observers = ConverterTestAccess::Observers(*c);
+  ASSERT_EQ(observers.size(), 2u);
+  for (const auto& kv : observers) EXPECT_EQ(kv.second->name, kv.first);
+  EXPECT_EQ(observers.at("data")->GetObserverType(), 0);
+  auto* entropy = dynamic_cast<EntropyObserver*>(observers.at("x"));
+  ASSERT_NE(entropy, nullptr);
+  EXPECT_EQ(entropy->bits, 8);
+  EXPECT_EQ(entropy->bins, 23205);
+  EXPECT_EQ(entropy->upsample, 128);
+}
+
+TEST_F(InitObserversTest, ClassesAndSettingsByMethod) {
+  std::string out;
+  ConverterParam p = ParamFor(test::PlainNet(), 4);
+  p.symmetrical = true;
+  auto mse = Make(p, &out);
+  auto* m = dynamic_cast<MeanSquareErrorObserver*>(ConverterTestAccess::Observers(*mse).at("a"));
+  ASSERT_NE(m, nullptr);
+  EXPECT_TRUE(m->symmetric);
+  EXPECT_EQ(m->bits, 8);
+  EXPECT_EQ(m->steps, 500);
+
+  auto hist = Make(ParamFor(test::PlainNet(), 5), &out);
+  auto* h = dynamic_cast<HistogramObserver*>(ConverterTestAccess::Observers(*hist).at("b"));
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->bins, 2048);
+  EXPECT_EQ(h->dst_bins, 256);
+  EXPECT_EQ(h->upsample, 128);
+  EXPECT_EQ(h->histogram, std::vector<int>(2048, 0));
+
+  auto avg = Make(ParamFor(test::PlainNet(), 1), &out);
+  EXPECT_EQ(ConverterTestAccess::Observers(*avg).at("a")->GetObserverType(), 1);
+
+  auto cosine = Make(ParamFor(test::PlainNet(), 8), &out);
+  auto* e = dynamic_cast<EnumObserver*>(ConverterTestAccess::Observers(*cosine).at("a"));
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(e->GetObserverType(), 8);
+  EXPECT_EQ(e->observers.size(), 7u);
+}
+
+TEST_F(InitObserversTest, AdaQuantModesUsePeakObservers) {
+  for (int mode : {6, 7}) {
+    std::string out;
+    auto c = Make(ParamFor(test::PlainNet(), mode), &out);
+    for (const auto& kv : ConverterTestAccess::Observers(*c)) {
+      EXPECT_EQ(kv.second->GetObserverType(), 0) << kv.first;
+      EXPECT_EQ(kv.second->GetObserverTypeString(), "Naive");
+    }
+  }
+}
+
+TEST_F(InitObserversTest, CoverageFromConfigFileTakesTheParameterRatio) {
+  WriteFile(dir_ + "/config.json", R"({"CalibrationMethod": {"a": "COVERAGE"}})");
+  ConverterParam p = ParamFor(test::PlainNet(), 0);
+  p.coverage = 0.9990f;
+  std::string out;
+  auto c = Make(p, &out);
+  auto* cov = dynamic_cast<CoverageObserver*>(ConverterTestAccess::Observers(*c).at("a"));
+  ASSERT_NE(cov, nullptr);
+  EXPECT_EQ(cov->coverage_ratio, 0.9990f);
+  EXPECT_EQ(ConverterTestAccess::Observers(*c).at("b")->GetObserverType(), 0);
+}
+
+TEST_F(InitObserversTest, TotalIsOneInBatchModeAndTheItemCountWhenFrugal) {
+  for (bool frugal : {false, true}) {
+    SCOPED_TRACE(frugal);
+    ConverterParam p = ParamFor(test::PlainNet(), 3);
+    p.random_input = 5;
+    p.frugal = frugal;
+    std::string out;
+    auto c = Make(p, &out);
+    auto* cov = dynamic_cast<CoverageObserver*>(ConverterTestAccess::Observers(*c).at("a"));
+    ASSERT_NE(cov, nullptr);
+    EXPECT_EQ(cov->total, frugal ? 5 : 1);
+
+    ConverterParam q = ParamFor(test::PlainNet(), 8);
+    q.random_input = 5;
+    q.frugal = frugal;
+    auto d = Make(q, &out);
+    auto* e = dynamic_cast<EnumObserver*>(ConverterTestAccess::Observers(*d).at("b"));
+    ASSERT_NE(e, nullptr);
+    for (int i = 3; i < 7; ++i)
+      EXPECT_EQ(static_cast<CoverageObserver*>(e->observers[i])->total, frugal ? 5 : 1);
+  }
+}
+
+}  // namespace
+}  // namespace modelConverter
+}  // namespace qzdl
