@@ -11,7 +11,11 @@ PACKAGES=(
   libflatbuffers-dev flatbuffers-compiler
   libopenblas-dev
   libnlopt-dev zlib1g-dev
+  libstb-dev
+  libonnx-dev libprotobuf-dev protobuf-compiler
 )
+# oneDNN: convolution and GEMM on x86-64 (docs/gemm-backend.md).
+if [ "$(dpkg --print-architecture)" = "amd64" ]; then PACKAGES+=(libdnnl-dev); fi
 missing=()
 for p in "${PACKAGES[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

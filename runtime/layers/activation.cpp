@@ -2,12 +2,32 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 
 #include "runtime/kernels/parallel.h"
 
 namespace qzdl {
 
 namespace {
+
+// x > 0 ? x : x * slope (NaN gives x * slope, a NaN), as a select of bits.
+// Written as `x > 0 ? x : x * slope`, GCC keeps a branch per element: under
+// the default trapping-math rules it may not compute x * slope for elements
+// that do not need it, so the loop is not vectorized, and the branch
+// mispredicts on data of mixed signs. Here the product is always computed and
+// the result picked by a mask: the same bits, and the loop vectorizes.
+inline float PositiveOrScaled(float x, float slope) {
+  const float scaled = x * slope;
+  const uint32_t keep = 0u - static_cast<uint32_t>(x > 0.0f);
+  uint32_t bits_x, bits_scaled;
+  std::memcpy(&bits_x, &x, sizeof bits_x);
+  std::memcpy(&bits_scaled, &scaled, sizeof bits_scaled);
+  const uint32_t bits = (bits_x & keep) | (bits_scaled & ~keep);
+  float y;
+  std::memcpy(&y, &bits, sizeof y);
+  return y;
+}
 
 // y[i] = fn(x[i]) over the whole tensor; x and y may be the same buffer.
 template <typename Fn>
@@ -37,7 +57,7 @@ void ReluLayer<float>::LoadParam(const ParamReader& param) {
 template <>
 void ReluLayer<float>::Run() {
   const float slope = negative_slope_;
-  MapElements(this->in(), this->out(), [slope](float x) { return x > 0.0f ? x : x * slope; });
+  MapElements(this->in(), this->out(), [slope](float x) { return PositiveOrScaled(x, slope); });
 }
 
 // ---- ReLUX ----------------------------------------------------------------
@@ -54,9 +74,14 @@ void ReluXLayer<float>::LoadParam(const ParamReader& param) {
 template <>
 void ReluXLayer<float>::Run() {
   const float t = threshold_;
-  // Written so that NaN stays NaN, as with ReLU.
-  MapElements(this->in(), this->out(),
-              [t](float x) { return x > 0.0f ? (x < t ? x : t) : (x <= 0.0f ? 0.0f : x); });
+  // NaN stays NaN, as with ReLU: both comparisons are false for it. Two
+  // plain selects vectorize into a compare and a blend each; the nested form
+  // x > 0 ? (x < t ? x : t) : (x <= 0 ? 0 : x) gives the same bits but ran
+  // at less than half the speed.
+  MapElements(this->in(), this->out(), [t](float x) {
+    const float capped = x >= t ? t : x;
+    return x <= 0.0f ? 0.0f : capped;
+  });
 }
 
 // ---- LeakyRelu ------------------------------------------------------------
@@ -70,7 +95,7 @@ void LeakyReluLayer<float>::LoadParam(const ParamReader& param) {
 template <>
 void LeakyReluLayer<float>::Run() {
   const float slope = negative_slope_;
-  MapElements(this->in(), this->out(), [slope](float x) { return x > 0.0f ? x : x * slope; });
+  MapElements(this->in(), this->out(), [slope](float x) { return PositiveOrScaled(x, slope); });
 }
 
 // ---- PReLU ----------------------------------------------------------------
@@ -108,7 +133,7 @@ void PReluLayer<float>::Run() {
   const float* slope = this->weight(0)->GetCpuData();
   if (channel_shared_) {
     const float s = slope[0];
-    MapElements(in, this->out(), [s](float v) { return v > 0.0f ? v : v * s; });
+    MapElements(in, this->out(), [s](float v) { return PositiveOrScaled(v, s); });
     return;
   }
   const int64_t channels = in->GetDim(1);
@@ -121,7 +146,7 @@ void PReluLayer<float>::Run() {
           const float s = slope[p % channels];
           const float* xp = x + p * inner;
           float* yp = y + p * inner;
-          for (int64_t i = 0; i < inner; ++i) yp[i] = xp[i] > 0.0f ? xp[i] : xp[i] * s;
+          for (int64_t i = 0; i < inner; ++i) yp[i] = PositiveOrScaled(xp[i], s);
         }
       },
       std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(inner, 1)));

@@ -67,6 +67,7 @@ bool KeepsShape(const std::string& op) {
                                             "Sigmoid",
                                             "HardSigmoid",
                                             "HardSwish",
+                                            "Swish",
                                             "Tanh",
                                             "Softplus",
                                             "Softsign",
@@ -86,6 +87,8 @@ bool KeepsShape(const std::string& op) {
                                             "Reciprocal",
                                             "LRN",
                                             "InstanceNormalization",
+                                            "RMSNormalization",
+                                            "GroupNormalization",
                                             "BatchNormalization",
                                             "Celu",
                                             "ThresholdedRelu"};

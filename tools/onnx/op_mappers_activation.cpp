@@ -34,6 +34,8 @@ void MapPRelu(Converter& c) {
   for (size_t k = 0; per_channel && k < slope.dims.size(); ++k) {
     if (k + offset != 1 && slope.dims[k] != 1) per_channel = false;
   }
+  // Before set 7 PRelu did not broadcast: a 1-d slope holds one value per channel.
+  if (c.Opset() < 7 && x.size() >= 2 && slope.dims.size() == 1 && n == x[1]) per_channel = true;
   if (!per_channel) {
     c.Fail("slope of shape " + DimsString(slope.dims) + " for input of shape " + DimsString(x) +
            " is not one value per channel (axis 1) or one for all");
@@ -165,6 +167,8 @@ void AddActivationMappers(MapperTable& t) {
            {{"alpha", Num(c.Float("alpha", 0.2f))}, {"beta", Num(c.Float("beta", 0.5f))}});
   };
   t["HardSwish"] = [](Converter& c) { Simple(c, "Swish", {{"hard", true}}); };
+  // Set 24: x * sigmoid(alpha * x).
+  t["Swish"] = [](Converter& c) { Simple(c, "Swish", {{"beta", Num(c.Float("alpha", 1.0f))}}); };
   t["Softplus"] = [](Converter& c) { Simple(c, "Softplus"); };
   t["Mish"] = [](Converter& c) { Simple(c, "Mish"); };
   t["Gelu"] = MapGelu;

@@ -378,24 +378,24 @@ void MapGemm(Converter& c) {
     for (float& v : w) v *= alpha;
   }
   std::vector<float> bias;
-  if (c.HasInput(2)) {
+  // A computed C, or a constant one that is not one bias per output, is
+  // added after the product: beta * C through a Power layer, then an
+  // element-wise or broadcast sum.
+  bool separate_c = c.HasInput(2) && !c.IsConst(2);
+  if (c.HasInput(2) && !separate_c) {
     const ConstTensor& cb = c.Const(2, "C");
     const int64_t n = cb.Count();
     const int64_t rows = n / std::max<int64_t>(m, 1);
     if (n == 1) {
       bias.assign(m, static_cast<float>(cb.Get(0)));
-    } else if (cb.dims.back() == m && n % m == 0) {
+    } else if (!cb.dims.empty() && cb.dims.back() == m && n % m == 0) {
       const std::vector<float> all = cb.Floats();
       bias.assign(all.begin(), all.begin() + m);
       for (int64_t r = 1; r < rows; ++r) {
-        if (!std::equal(bias.begin(), bias.end(), all.begin() + r * m)) {
-          c.Fail("input C of shape " + Ints(cb.dims) +
-                 " differs between rows; only a bias per "
-                 "output is supported");
-        }
+        separate_c |= !std::equal(bias.begin(), bias.end(), all.begin() + r * m);
       }
     } else {
-      c.Fail("input C has shape " + Ints(cb.dims) + "; only a bias per output is supported");
+      separate_c = true;
     }
     for (float& v : bias) v *= beta;
   }
@@ -408,7 +408,24 @@ void MapGemm(Converter& c) {
   if ((trans_a ? a_shape[0] : a_shape[1]) != k) {
     c.Fail("input A of shape " + Ints(a_shape) + " does not fit B of shape " + Ints(b.dims));
   }
-  EmitInnerProduct(c, a, c.Out(0), m, k, w, c.HasInput(2) ? &bias : nullptr);
+  if (!separate_c) {
+    EmitInnerProduct(c, a, c.Out(0), m, k, w, c.HasInput(2) ? &bias : nullptr);
+    return;
+  }
+  const std::string product = c.NewTensor("product");
+  EmitInnerProduct(c, a, product, m, k, w, nullptr, c.NewLayerName("product"));
+  std::string addend = c.In(2);
+  if (beta != 1.0f) {
+    const std::string scaled = c.NewTensor("beta_c");
+    c.Emit("Power", {addend}, {scaled}, {{"scale", static_cast<double>(beta)}},
+           c.NewLayerName("beta"));
+    addend = scaled;
+  }
+  if (c.InShape(2) == c.OutShape(0)) {
+    c.Emit("Eltwise", {product, addend}, {c.Out(0)}, {{"operation", "sum"}});
+  } else {
+    c.Emit("BroadcastOp", {product, addend}, {c.Out(0)}, {{"operation", "add"}});
+  }
 }
 
 void MapMatMul(Converter& c) {

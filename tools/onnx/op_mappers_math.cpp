@@ -153,13 +153,27 @@ void MapPow(Converter& c) {
   }
 }
 
-void MapReduceMean(Converter& c) {
+// ReduceMean, and the reductions built on a sum: the mean over the axes
+// times their element count, between an element-wise step before (square,
+// abs, exp) and one after (sqrt, log).
+void MapReduce(Converter& c) {
+  const std::string& op = c.Op();
   const int64_t rank = c.InRank(0);
-  // Axes are an attribute before opset 18 and an input from then on.
+  // Axes are an attribute before opset 18 (13 for ReduceSum) and an input from then on.
   std::vector<int64_t> axes = c.Ints("axes");
   if (c.HasInput(1)) axes = c.Const(1, "axes").Ints();
   const bool keepdims = c.Int("keepdims", 1) != 0;
-  if (axes.empty() && c.Int("noop_with_empty_axes", 0) != 0) {
+  std::string before, after;
+  if (op == "ReduceSumSquare" || op == "ReduceL2") before = "square";
+  if (op == "ReduceL1") before = "abs";
+  if (op == "ReduceLogSumExp") before = "exp";
+  if (op == "ReduceL2") after = "sqrt";
+  if (op == "ReduceLogSum" || op == "ReduceLogSumExp") after = "log";
+  const bool noop = c.Int("noop_with_empty_axes", 0) != 0;
+  if (axes.empty() && noop) {
+    if (!before.empty() || !after.empty()) {
+      c.Fail("noop_with_empty_axes is supported for ReduceMean and ReduceSum only");
+    }
     c.Alias(0, c.In(0));
     return;
   }
@@ -173,7 +187,7 @@ void MapReduceMean(Converter& c) {
         "the output would be a scalar, which the runtime does not hold (keepdims is 0 and "
         "every axis is reduced)");
   }
-  if (rank == 4 && set == std::set<int64_t>{2, 3}) {
+  if (op == "ReduceMean" && rank == 4 && set == std::set<int64_t>{2, 3}) {
     // The mean over H and W is global average pooling.
     Json::object p = {{"pool", "ave"}, {"global_pooling", true}};
     if (keepdims) {
@@ -185,9 +199,110 @@ void MapReduceMean(Converter& c) {
     }
     return;
   }
-  c.Emit(
-      "ReduceMean", {c.In(0)}, {c.Out(0)},
-      {{"axes", JsonInts(std::vector<int64_t>(set.begin(), set.end()))}, {"keepdims", keepdims}});
+  const Json::object reduce = {{"axes", JsonInts(std::vector<int64_t>(set.begin(), set.end()))},
+                               {"keepdims", keepdims}};
+  if (op == "ReduceMean") {
+    c.Emit("ReduceMean", {c.In(0)}, {c.Out(0)}, reduce);
+    return;
+  }
+  std::string x = c.In(0);
+  if (!before.empty()) {
+    const std::string t = c.NewTensor(before);
+    c.Emit("UnaryOp", {x}, {t}, {{"operation", before}}, c.NewLayerName(before));
+    x = t;
+  }
+  int64_t count = 1;
+  for (int64_t a : set) count *= c.InShape(0)[a];
+  const std::string mean = c.NewTensor("mean");
+  c.Emit("ReduceMean", {x}, {mean}, reduce, c.NewLayerName("mean"));
+  const std::string sum = after.empty() ? c.Out(0) : c.NewTensor("sum");
+  c.Emit("Power", {mean}, {sum}, {{"scale", static_cast<double>(count)}},
+         after.empty() ? "" : c.NewLayerName("sum"));
+  if (!after.empty()) c.Emit("UnaryOp", {sum}, {c.Out(0)}, {{"operation", after}});
+}
+
+// (x - mean) / sqrt(var + eps) over `axes` of tensor `x` into `out` (with
+// `rms`: x / sqrt(mean(x^2) + eps)): ReduceMean, BroadcastOp sub, UnaryOp
+// square, ReduceMean, Power (shift eps, power -0.5), BroadcastOp mul. The
+// mean and the inverse deviation go to `mean_out` / `inv_out` when given.
+// `name` names the last layer ("" for the node's own name).
+void EmitNormalize(Converter& c, const std::string& x, const std::vector<int64_t>& axes, double eps,
+                   bool rms, const std::string& mean_out, const std::string& inv_out,
+                   const std::string& out, const std::string& name) {
+  const Json::object reduce = {{"axes", JsonInts(axes)}, {"keepdims", true}};
+  std::string centred = x;
+  if (!rms) {
+    const std::string mean = mean_out.empty() ? c.NewTensor("mean") : mean_out;
+    c.Emit("ReduceMean", {x}, {mean}, reduce, c.NewLayerName("mean"));
+    centred = c.NewTensor("centred");
+    c.Emit("BroadcastOp", {x, mean}, {centred}, {{"operation", "sub"}}, c.NewLayerName("centre"));
+  }
+  const std::string square = c.NewTensor("square");
+  c.Emit("UnaryOp", {centred}, {square}, {{"operation", "square"}}, c.NewLayerName("square"));
+  const std::string variance = c.NewTensor("variance");
+  c.Emit("ReduceMean", {square}, {variance}, reduce, c.NewLayerName("variance"));
+  const std::string inv = inv_out.empty() ? c.NewTensor("inv_std") : inv_out;
+  c.Emit("Power", {variance}, {inv}, {{"power", -0.5}, {"shift", eps}}, c.NewLayerName("inv_std"));
+  c.Emit("BroadcastOp", {centred, inv}, {out}, {{"operation", "mul"}}, name);
+}
+
+// LayerNormalization and RMSNormalization over the axes from `axis` on, then
+// BroadcastOp products with the scale and the sum with the bias. The Mean and
+// InvStdDev outputs are the intermediate tensors.
+void MapNormalization(Converter& c) {
+  const bool rms = c.Op() == "RMSNormalization";
+  const int64_t rank = c.InRank(0);
+  const int64_t axis = NormalizeAxis(c, c.Int("axis", -1), rank, "axis");
+  const double eps = c.Float("epsilon", 1e-5f);
+  c.Int("stash_type", 1);  // sums run in double here whatever it asks
+  std::vector<int64_t> axes;
+  for (int64_t a = axis; a < rank; ++a) axes.push_back(a);
+  const bool has_scale = c.HasInput(1), has_bias = !rms && c.HasInput(2);
+  const std::string normed = has_scale ? c.NewTensor("normalized") : c.Out(0);
+  EmitNormalize(c, c.In(0), axes, eps, rms, !rms && c.OutputUsed(1) ? c.Out(1) : "",
+                !rms && c.OutputUsed(2) ? c.Out(2) : "", normed,
+                has_scale ? c.NewLayerName("normalize") : "");
+  if (!has_scale) return;
+  const std::string scaled = has_bias ? c.NewTensor("scaled") : c.Out(0);
+  c.Emit("BroadcastOp", {normed, c.In(1)}, {scaled}, {{"operation", "mul"}},
+         has_bias ? c.NewLayerName("scale") : "");
+  if (has_bias) c.Emit("BroadcastOp", {scaled, c.In(2)}, {c.Out(0)}, {{"operation", "add"}});
+}
+
+// GroupNormalization: the input seen as [N, groups, -1] is normalized over its
+// last axis, reshaped back, and a Scale layer applies the per-channel scale
+// and bias (one value per group before set 21, repeated over its channels).
+void MapGroupNormalization(Converter& c) {
+  const Shape& x = c.InShape(0);
+  if (x.size() < 2) c.Fail("input " + c.InputName(0) + " needs a channel axis");
+  const int64_t groups = c.Int("num_groups", 0), channels = x[1];
+  if (groups < 1 || channels % groups != 0) c.BadAttr("num_groups", std::to_string(groups));
+  const double eps = c.Float("epsilon", 1e-5f);
+  c.Int("stash_type", 1);
+  std::vector<float> scale = c.Const(1, "scale").Floats(), bias = c.Const(2, "bias").Floats();
+  for (std::vector<float>* v : {&scale, &bias}) {
+    if (static_cast<int64_t>(v->size()) == groups && groups != channels && c.Opset() < 21) {
+      std::vector<float> per_channel;
+      for (int64_t ch = 0; ch < channels; ++ch)
+        per_channel.push_back((*v)[ch / (channels / groups)]);
+      *v = per_channel;
+    }
+    if (static_cast<int64_t>(v->size()) != channels) {
+      c.Fail("scale and bias must hold one value per channel (" + std::to_string(channels) + ")");
+    }
+  }
+  const std::string grouped = c.NewTensor("grouped");
+  c.Emit("Reshape", {c.In(0)}, {grouped}, {{"shapes", JsonInts({0, groups, -1})}},
+         c.NewLayerName("group"));
+  const std::string normed = c.NewTensor("normalized");
+  EmitNormalize(c, grouped, {2}, eps, false, "", "", normed, c.NewLayerName("normalize"));
+  Shape back = x;
+  back[0] = 0;
+  const std::string ungrouped = c.NewTensor("ungrouped");
+  c.Emit("Reshape", {normed}, {ungrouped}, {{"shapes", JsonInts(back)}}, c.NewLayerName("ungroup"));
+  const std::string layer = c.Emit("Scale", {ungrouped}, {c.Out(0)}, {{"bias_term", true}});
+  c.Weight(layer, "scale", {static_cast<int>(channels)}, scale);
+  c.Weight(layer, "bias", {static_cast<int>(channels)}, bias);
 }
 
 }  // namespace
@@ -196,7 +311,13 @@ void AddMathMappers(MapperTable& t) {
   for (const char* op : {"Add", "Sub", "Mul", "Div"}) t[op] = MapBinary;
   for (const char* op : {"Sum", "Mean", "Max", "Min"}) t[op] = MapVariadic;
   t["Pow"] = MapPow;
-  t["ReduceMean"] = MapReduceMean;
+  t["LayerNormalization"] = MapNormalization;
+  t["RMSNormalization"] = MapNormalization;
+  t["GroupNormalization"] = MapGroupNormalization;
+  for (const char* op : {"ReduceMean", "ReduceSum", "ReduceSumSquare", "ReduceL1", "ReduceL2",
+                         "ReduceLogSum", "ReduceLogSumExp"}) {
+    t[op] = MapReduce;
+  }
 }
 
 }  // namespace qzdl::onnx_import

@@ -406,7 +406,8 @@ void MapResize(Converter& c) {
       p["align_corners"] = true;
     } else if (ctm != "half_pixel" && !(ctm == "pytorch_half_pixel" && oh > 1 && ow > 1)) {
       c.BadAttr("coordinate_transformation_mode", "\"" + ctm + "\"",
-                "linear resizing supports half_pixel, pytorch_half_pixel and align_corners");
+                "linear resizing supports half_pixel, align_corners, and pytorch_half_pixel "
+                "with output sizes above 1");
     }
     p["mode"] = "bilinear";
   } else {

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "elementwise_test_support.h"
 
 namespace qzdl {
@@ -132,6 +134,38 @@ TEST(ActivationLayers, ExactValuesAtTheBends) {
             (std::vector<float>{-4.0f * 0.01f, -3.0f * 0.01f, -1.5f * 0.01f, 0, 1.5f, 3, 4}));
   EXPECT_EQ(test::RunLayer("Elu", {{"alpha", 0.5}}, {x}).values[3], 0.0f);
   EXPECT_EQ(test::RunLayer("Sigmoid", {}, {x}).values[3], 0.5f);
+}
+
+// The select kernels of ReLU, LeakyRelu, PReLU and ReLUX against the plain
+// element formulas, bit for bit, on special values: signed zeros, infinities,
+// NaN, subnormals and the threshold itself, over a tensor long enough for the
+// vector loops and their remainders.
+TEST(ActivationLayers, SelectKernelsKeepEveryBit) {
+  const float inf = std::numeric_limits<float>::infinity();
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float sub = std::numeric_limits<float>::denorm_min();
+  const std::vector<float> special = {0.0f, -0.0f, inf,  -inf, nan,   -nan,   sub,  -sub,
+                                      6.0f, -6.0f, 5.9f, 6.1f, 1e38f, -1e38f, 1.0f, -1.0f};
+  Tensor x{{3, 37}, {}};
+  for (int k = 0; k < 3 * 37; ++k) x.values.push_back(special[k % special.size()] * (k % 3 + 1));
+  for (float slope : {0.0f, 0.01f, -0.5f}) {
+    std::vector<float> want;
+    for (float v : x.values) want.push_back(v > 0.0f ? v : v * slope);
+    const char* type = slope == 0.0f ? "ReLU" : "LeakyRelu";
+    EXPECT_EQ(test::Bits(test::RunLayer(type, {{"negative_slope", slope}}, {x}).values),
+              test::Bits(want))
+        << type << " " << slope;
+    EXPECT_EQ(test::Bits(test::RunLayer("PReLU", {{"channel_shared", true}}, {x},
+                                        {{"slope", {1}, {slope}}})
+                             .values),
+              test::Bits(want))
+        << "PReLU " << slope;
+  }
+  std::vector<float> want;
+  for (float v : x.values)
+    want.push_back(v > 0.0f ? (v < 6.0f ? v : 6.0f) : (v <= 0.0f ? 0.0f : v));
+  EXPECT_EQ(test::Bits(test::RunLayer("ReLUX", {{"threshold", 6.0}}, {x}).values),
+            test::Bits(want));
 }
 
 TEST(ActivationLayers, Accessors) {
