@@ -8,26 +8,6 @@
 namespace qzdl {
 
 template <>
-void LogSoftmaxLayer<float>::LoadParam(const ParamReader& param) {
-  this->ExpectCounts(1, 1, 1, 1);
-  axis_ = param.Int("axis", 1);
-}
-
-template <>
-void LogSoftmaxLayer<float>::Reshape() {
-  const Data<float>* x = this->in();
-  const int rank = x->NumAxes();
-  const int axis = axis_ < 0 ? axis_ + rank : axis_;
-  if (axis < 0 || axis >= rank)
-    this->Fail("param \"axis\" is " + std::to_string(axis_) + ", out of range for input \"" +
-               x->GetName() + "\" of shape " + DimsToString(x->GetDims()));
-  dim_ = x->GetDim(axis);
-  inner_ = x->Count(axis + 1);
-  outer_ = x->Count(0) / (dim_ * inner_);
-  this->out()->Resize(x->GetDims());
-}
-
-template <>
 void LogSoftmaxLayer<float>::Run() {
   const float* x = this->in()->GetCpuData();
   float* y = this->out()->GetCpuData();

@@ -3,26 +3,15 @@
 
 #include <cstdint>
 
-#include "runtime/layer.h"
+#include "runtime/layers/softmax.h"
 
 namespace qzdl {
 
+// Takes the axis param and the shape work of "Softmax"; only the kernel differs.
 template <typename T>
-class LogSoftmaxLayer : public Layer<T> {
- public:
-  void LoadParam(const ParamReader& param) override;
-  void Reshape() override;
-  bool InPlaceSafe() const override { return true; }
-  // The axis as given (may be negative).
-  int Axis() const { return axis_; }
-
+class LogSoftmaxLayer : public SoftmaxLayer<T> {
  protected:
   void Run() override;
-
- private:
-  int axis_ = 1;
-  // Resolved at Reshape: the input is outer x dim x inner.
-  int64_t outer_ = 1, dim_ = 1, inner_ = 1;
 };
 
 }  // namespace qzdl

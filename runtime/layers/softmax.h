@@ -1,6 +1,8 @@
 // "Softmax" over one axis: y = exp(x - max) / sum(exp(x - max)).
 #pragma once
 
+#include <cstdint>
+
 #include "runtime/layer.h"
 
 namespace qzdl {
@@ -17,10 +19,11 @@ class SoftmaxLayer : public Layer<T> {
  protected:
   void Run() override;
 
- private:
-  int axis_ = 1;
   // Resolved at Reshape: the input is outer x dim x inner.
   int64_t outer_ = 1, dim_ = 1, inner_ = 1;
+
+ private:
+  int axis_ = 1;
 };
 
 }  // namespace qzdl
