@@ -80,6 +80,22 @@ std::string TempDir(const std::string& name) {
   return dir;
 }
 
+std::string BuildError(const NetBuilder& b) {
+  bool threw = false;
+  const std::string log = CaptureStdout([&] {
+    try {
+      b.Build();
+    } catch (std::exception* e) {
+      threw = true;
+      delete e;
+    }
+  });
+  EXPECT_TRUE(threw) << "the build did not fail";
+  const size_t start = log.find("]: ");
+  if (start == std::string::npos || log.back() != '\n') return "log line: " + log;
+  return log.substr(start + 3, log.size() - start - 4);
+}
+
 std::string CaptureStdout(const std::function<void()>& fn) {
   testing::internal::CaptureStdout();
   fn();

@@ -47,6 +47,10 @@ std::vector<float> RandomVector(size_t n, uint32_t seed, float lo = -1.0f, float
 // A fresh empty directory under the test temp area.
 std::string TempDir(const std::string& name);
 
+// Builds `b`, which must fail, and returns the logged message without its
+// time stamp and without the log line's own final newline.
+std::string BuildError(const NetBuilder& b);
+
 // Runs `fn` and returns what it wrote to standard output.
 std::string CaptureStdout(const std::function<void()>& fn);
 

@@ -95,22 +95,7 @@ void ExpectClose(const Blob& got, const Blob& want, double atol = kAtol, double 
   EXPECT_LE(test::ToleranceRatio(got.values, want.values, atol, rtol), 1.0);
 }
 
-// The message of the failure that building `nb` logs, without the time stamp.
-std::string BuildError(const test::NetBuilder& nb) {
-  bool thrown = false;
-  const std::string out = test::CaptureStdout([&] {
-    try {
-      nb.Build();
-    } catch (std::exception* e) {
-      thrown = true;
-      delete e;
-    }
-  });
-  EXPECT_TRUE(thrown);
-  const size_t at = out.find("]: ");
-  if (at == std::string::npos || out.back() != '\n') return "log line: " + out;
-  return out.substr(at + 3, out.size() - at - 4);
-}
+using test::BuildError;
 
 // ---------------------------------------------------------------------------
 // ONNX test data

@@ -26,24 +26,7 @@ std::vector<float> OutputValues(Net<float>* net, int index = 0) {
   return std::vector<float>(y, y + net->GetOutputCount(index));
 }
 
-// The message logged by a failing build, without the time stamp.
-std::string BuildError(const test::NetBuilder& b) {
-  bool threw = false;
-  const std::string log = test::CaptureStdout([&] {
-    try {
-      b.Build();
-    } catch (std::exception* e) {
-      threw = true;
-      delete e;
-    }
-  });
-  EXPECT_TRUE(threw) << "the build did not fail";
-  const size_t start = log.find("]: ");
-  if (start == std::string::npos) return log;
-  std::string message = log.substr(start + 3);
-  while (!message.empty() && message.back() == '\n') message.pop_back();
-  return message;
-}
+using test::BuildError;
 
 // ---------------------------------------------------------------------------
 // PriorBox

@@ -84,23 +84,6 @@ inline Tensor RunLayer(const std::string& type, const json11::Json::object& para
   return out;
 }
 
-// The message logged by a failing build, without the time stamp.
-inline std::string BuildError(const NetBuilder& b) {
-  bool threw = false;
-  const std::string log = CaptureStdout([&] {
-    try {
-      b.Build();
-    } catch (std::exception* e) {
-      threw = true;
-      delete e;
-    }
-  });
-  EXPECT_TRUE(threw) << "the build did not fail";
-  const size_t start = log.find("]: ");
-  std::string message = start == std::string::npos ? log : log.substr(start + 3);
-  while (!message.empty() && message.back() == '\n') message.pop_back();
-  return message;
-}
 
 // Runs `fn` with OpenMP limited to `threads` threads.
 inline void WithThreads(int threads, const std::function<void()>& fn) {

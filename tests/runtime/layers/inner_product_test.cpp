@@ -254,21 +254,7 @@ TEST(InnerProductLayer, RereadsWeightsChangedBetweenRuns) {
 // ---------------------------------------------------------------------------
 // Errors
 
-std::string BuildError(const test::NetBuilder& nb) {
-  bool thrown = false;
-  const std::string out = test::CaptureStdout([&] {
-    try {
-      nb.Build();
-    } catch (std::exception* e) {
-      thrown = true;
-      delete e;
-    }
-  });
-  EXPECT_TRUE(thrown);
-  const size_t at = out.find("]: ");
-  if (at == std::string::npos || out.back() != '\n') return "log line: " + out;
-  return out.substr(at + 3, out.size() - at - 4);
-}
+using test::BuildError;
 
 TEST(InnerProductErrors, ParamsShapesAndWeights) {
   const std::string at = "net description: layer \"fc\" (InnerProduct): ";

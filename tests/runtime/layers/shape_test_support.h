@@ -78,24 +78,7 @@ inline std::vector<Tensor> RunLayer(const std::string& type, const json11::Json:
   return result;
 }
 
-// The message logged by a failing build, without the time stamp.
-inline std::string BuildError(const NetBuilder& b) {
-  bool threw = false;
-  const std::string log = CaptureStdout([&] {
-    try {
-      b.Build();
-    } catch (std::exception* e) {
-      threw = true;
-      delete e;
-    }
-  });
-  EXPECT_TRUE(threw) << "the build did not fail";
-  const size_t start = log.find("]: ");
-  if (start == std::string::npos) return log;
-  std::string message = log.substr(start + 3);
-  while (!message.empty() && message.back() == '\n') message.pop_back();
-  return message;
-}
+using test::BuildError;
 
 // The build error of input "x" of `dims` -> one layer "l" of `type`.
 inline std::string LayerError(const std::string& type, const json11::Json::object& param,
