@@ -8,6 +8,7 @@
 #include <iostream>
 #include <iterator>
 
+#include "runtime/atomic_file.h"
 #include "runtime/json11.h"
 #include "runtime/log.h"
 
@@ -155,9 +156,11 @@ void ConverterParam::dumpJsonFile(std::string path) {
       {"weight_tuning", weight_tuning},
       {"max_data_num", max_data_num},
   };
-  std::ofstream file(path);
-  file << json.dump();
-  file.close();
+  // Replaced whole or not at all; a failure is reported and the run goes on.
+  std::string error;
+  if (!WriteFileAtomically(path, json.dump(), &error)) {
+    fprintf(stderr, "Warning: parameter file not written: %s\n", error.c_str());
+  }
 }
 
 std::string CalibrationModeName(int mode) {

@@ -28,7 +28,9 @@ class ConverterParam {
   // all read as the empty string, 0, 0.0 or false.
   void loadFromJsonFile(std::string path);
   // Writes the 25 file-backed fields as one JSON object, keys in sorted order,
-  // with no line end behind it. A failure to open is not reported.
+  // with no line end behind it. The file is replaced atomically (through a
+  // temporary file and a rename); a failure leaves the old file, is reported
+  // on standard error and does not end the run.
   void dumpJsonFile(std::string path);
 
   // Most items StaticSearch hands to the int8 optimizer; no option reaches it.

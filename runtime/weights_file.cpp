@@ -1,8 +1,5 @@
 #include "runtime/weights_file.h"
 
-#include <unistd.h>
-
-#include <cstdio>
 #include <cstring>
 
 #include "runtime/errors.h"
@@ -133,19 +130,6 @@ std::string SerializeWeights(const std::vector<WeightBlob>& blobs) {
     }
   }
   return out;
-}
-
-bool WriteFileAtomically(const std::string& path, const std::string& contents) {
-  const std::string tmp = path + ".tmp." + std::to_string(getpid());
-  FILE* f = std::fopen(tmp.c_str(), "wb");
-  if (f == nullptr) return false;
-  const bool ok = std::fwrite(contents.data(), 1, contents.size(), f) == contents.size() &&
-                  std::fflush(f) == 0 && fsync(fileno(f)) == 0;
-  if (std::fclose(f) != 0 || !ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
-    std::remove(tmp.c_str());
-    return false;
-  }
-  return true;
 }
 
 }  // namespace qzdl

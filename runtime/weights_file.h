@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "runtime/atomic_file.h"  // WriteFileAtomically, used with these files
+
 namespace qzdl {
 
 struct WeightBlob {
@@ -30,10 +32,5 @@ std::vector<WeightBlob> ParseWeights(const char* bytes, int64_t length, const st
 
 // The file image of `blobs`.
 std::string SerializeWeights(const std::vector<WeightBlob>& blobs);
-
-// Writes `contents` to `path` through a temporary file in the same folder and
-// a rename, so that readers see the old file or the new one, never a part.
-// Returns false (and leaves no temporary behind) on failure.
-bool WriteFileAtomically(const std::string& path, const std::string& contents);
 
 }  // namespace qzdl

@@ -45,6 +45,7 @@ wanted() { [[ -z "$ONLY" || ",$ONLY," == *",$1,"* ]]; }
 # Softmax is left out.
 randomise_light() {
   "$PY" - "$1" "$2" <<'EOF'
+import os
 import sys
 import numpy as np
 import onnx
@@ -74,7 +75,15 @@ if last.op_type == "Softmax" and last.output[0] == g.output[0].name:
     g.output.append(out)
 del g.node[:]
 g.node.extend(keep)
-onnx.save(model, sys.argv[2])
+# Through a temporary file and a rename: an interrupted run leaves no partial model.
+tmp = "%s.tmp.%d" % (sys.argv[2], os.getpid())
+try:
+    onnx.save(model, tmp)
+    os.replace(tmp, sys.argv[2])
+except BaseException:
+    if os.path.exists(tmp):
+        os.unlink(tmp)
+    raise
 EOF
 }
 

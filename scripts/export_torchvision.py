@@ -232,8 +232,17 @@ def export(name, make, out_dir, opset, size):
     for o in out_names:
         axes[o] = {0: "batch"}
     path = os.path.join(out_dir, "%s_op%d.onnx" % (name, opset))
-    torch.onnx.export(model, x, path, opset_version=opset, input_names=["input"],
-                      output_names=out_names, dynamic_axes=axes, do_constant_folding=True)
+    # Exported beside the target and renamed over it once complete, so that an
+    # interrupted export never leaves a partial model that a later run reuses.
+    tmp = "%s.tmp.%d" % (path, os.getpid())
+    try:
+        torch.onnx.export(model, x, tmp, opset_version=opset, input_names=["input"],
+                          output_names=out_names, dynamic_axes=axes, do_constant_folding=True)
+        os.replace(tmp, path)
+    except BaseException:
+        if os.path.exists(tmp):
+            os.unlink(tmp)
+        raise
     print("%s: %d parameters, input [1, 3, %d, %d] -> %s" %
           (name, sum(p.numel() for p in model.parameters()), size, size, path))
     return path

@@ -26,6 +26,22 @@ OUT_DIR = os.path.join(ROOT, REL_DIR)
 SIZE = 32
 
 
+def write_atomically(path, data):
+    """Writes bytes to path through path.tmp.<pid> and a rename, so that an
+    interrupted run leaves the old file or the new one, never a part."""
+    tmp = "%s.tmp.%d" % (path, os.getpid())
+    try:
+        with open(tmp, "wb") as f:
+            f.write(data)
+            f.flush()
+            os.fsync(f.fileno())
+        os.replace(tmp, path)
+    except BaseException:
+        if os.path.exists(tmp):
+            os.unlink(tmp)
+        raise
+
+
 def png(path, width, height, pixel):
     """An 8-bit RGB PNG; pixel(x, y) gives (r, g, b)."""
     rows = bytearray()
@@ -39,11 +55,8 @@ def png(path, width, height, pixel):
         return struct.pack(">I", len(data)) + body + struct.pack(">I", zlib.crc32(body) & 0xFFFFFFFF)
 
     header = struct.pack(">IIBBBBB", width, height, 8, 2, 0, 0, 0)
-    with open(path, "wb") as f:
-        f.write(b"\x89PNG\r\n\x1a\n")
-        f.write(chunk(b"IHDR", header))
-        f.write(chunk(b"IDAT", zlib.compress(bytes(rows), 9)))
-        f.write(chunk(b"IEND", b""))
+    write_atomically(path, b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", header) +
+                     chunk(b"IDAT", zlib.compress(bytes(rows), 9)) + chunk(b"IEND", b""))
 
 
 def disc(x, y):
@@ -70,8 +83,7 @@ def main():
         name = "picture_%02d.png" % i
         png(os.path.join(OUT_DIR, name), SIZE, SIZE, picture)
         lines.append(REL_DIR + "/" + name)
-    with open(os.path.join(OUT_DIR, "list.txt"), "w") as f:
-        f.write("\n".join(lines) + "\n")
+    write_atomically(os.path.join(OUT_DIR, "list.txt"), ("\n".join(lines) + "\n").encode())
 
 
 if __name__ == "__main__":

@@ -62,10 +62,26 @@ layer("prob", "Softmax", ["fc"], ["prob"], axis=1)
 
 net = {"inputs": [{"name": "data", "dims": [1, 3, 32, 32]}], "layers": layers}
 
+
+
+def write_atomically(path, data):
+    """Writes bytes to path through path.tmp.<pid> and a rename, so that an
+    interrupted run leaves the old file or the new one, never a part."""
+    tmp = "%s.tmp.%d" % (path, os.getpid())
+    try:
+        with open(tmp, "wb") as f:
+            f.write(data)
+            f.flush()
+            os.fsync(f.fileno())
+        os.replace(tmp, path)
+    except BaseException:
+        if os.path.exists(tmp):
+            os.unlink(tmp)
+        raise
+
+
 os.makedirs(OUT, exist_ok=True)
-with open(os.path.join(OUT, "net.json"), "w") as f:
-    json.dump(net, f, indent=1)
-    f.write("\n")
+write_atomically(os.path.join(OUT, "net.json"), (json.dumps(net, indent=1) + "\n").encode())
 
 data = bytearray(b"QZWT" + struct.pack("<III", 1, len(blobs), 0))
 for layer_name, blob_name, dims, values in blobs:
@@ -73,6 +89,5 @@ for layer_name, blob_name, dims, values in blobs:
         data += struct.pack("<I", len(s)) + s.encode()
     data += struct.pack("<I", len(dims)) + struct.pack("<%di" % len(dims), *dims)
     data += struct.pack("<IQ", 0, len(values)) + struct.pack("<%df" % len(values), *values)
-with open(os.path.join(OUT, "net.bin"), "wb") as f:
-    f.write(data)
+write_atomically(os.path.join(OUT, "net.bin"), bytes(data))
 print("wrote", OUT, file=sys.stderr)

@@ -37,6 +37,18 @@ function parseArgs(argv) {
 
 function fileName(name) { return name.replace(/[^A-Za-z0-9_.-]/g, '_') + '.f32'; }
 
+// Through FILE.tmp.<pid> and a rename: an interrupted run leaves no partial file.
+function writeFileAtomically(file, data) {
+  const tmp = `${file}.tmp.${process.pid}`;
+  try {
+    fs.writeFileSync(tmp, data);
+    fs.renameSync(tmp, file);
+  } catch (e) {
+    fs.rmSync(tmp, {force: true});
+    throw e;
+  }
+}
+
 // mulberry32 and Box-Muller: the same values on every machine.
 function normals(count, seed) {
   let s = seed >>> 0;
@@ -76,7 +88,7 @@ async function main() {
       data = new Float32Array(bytes.buffer.slice(bytes.byteOffset, bytes.byteOffset + bytes.length));
     } else {
       data = normals(count, a.seed + 7919 * index);
-      fs.writeFileSync(file, Buffer.from(data.buffer));
+      writeFileAtomically(file, Buffer.from(data.buffer));
     }
     feeds[input.name] = new ort.Tensor('float32', data, dims);
   });
@@ -95,7 +107,7 @@ async function main() {
   for (const name of session.outputNames) {
     const t = results[name];
     const data = Float32Array.from(t.data);
-    fs.writeFileSync(path.join(a.outputsDir, fileName(name)), Buffer.from(data.buffer));
+    writeFileAtomically(path.join(a.outputsDir, fileName(name)), Buffer.from(data.buffer));
     outputs.push({name, dims: t.dims});
   }
   const batch = a.batch > 0 ? a.batch : net.inputs[0].dims[0];

@@ -15,7 +15,9 @@
 // and cosine similarity. Prints one "forward:" line with the time per pass and
 // images per second (batch * passes / time), one "compare:" line per output.
 // --profile also runs the passes layer by layer and prints the time spent per
-// layer type and in the slowest layers.
+// layer type and in the slowest layers. Output files are replaced atomically
+// (runtime/atomic_file.h); one that cannot be written is reported as
+// `qzdl_forward: cannot write "<file>": <reason>` and gives exit status 1.
 #include <algorithm>
 #include <cctype>
 #include <chrono>
@@ -27,6 +29,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime/atomic_file.h"
 #include "runtime/create_net.h"
 
 namespace {
@@ -176,8 +179,12 @@ int main(int argc, char** argv) {
     const float* got = net->GetFloatOutputData(o);
     const int64_t count = net->GetOutputData(o)->Count(0);
     if (!outputs_dir.empty()) {
-      std::ofstream f(outputs_dir + "/" + FileName(name), std::ios::binary);
-      f.write(reinterpret_cast<const char*>(got), count * sizeof(float));
+      std::string error;
+      const std::string bytes(reinterpret_cast<const char*>(got), count * sizeof(float));
+      if (!qzdl::WriteFileAtomically(outputs_dir + "/" + FileName(name), bytes, &error)) {
+        fprintf(stderr, "qzdl_forward: %s\n", error.c_str());
+        status = 1;
+      }
     }
     if (compare_dir.empty()) continue;
     std::vector<float> want;

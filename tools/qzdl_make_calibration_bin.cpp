@@ -7,17 +7,19 @@
 //
 //   qzdl_make_calibration_bin <image folder> [output file]
 //
-// The output defaults to calibration.bin in the current directory.
+// The output defaults to calibration.bin in the current directory. It is
+// replaced atomically (runtime/atomic_file.h); a failure to write it gives
+// `cannot write "<output>": <reason>` and exit status 1.
 #include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "runtime/atomic_file.h"
 #include "runtime/image/qz_session.h"
 
 namespace {
@@ -84,15 +86,15 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  std::ofstream out(output, std::ios::binary | std::ios::trunc);
+  // Written beside the output and renamed over it once complete: an earlier
+  // set stays as it was until then, and a failed or interrupted run leaves it.
+  qzdl::AtomicFileWriter out(output);
   for (int i = 0; i < kRecords; ++i) {
     const std::vector<unsigned char>& record = records[static_cast<size_t>(i) % records.size()];
-    out.write(reinterpret_cast<const char*>(record.data()),
-              static_cast<std::streamsize>(kRecordBytes));
+    out.Write(record.data(), kRecordBytes);
   }
-  out.close();
-  if (!out) {
-    fprintf(stderr, "cannot write %s\n", output.c_str());
+  if (!out.Commit()) {
+    fprintf(stderr, "%s\n", out.error().c_str());
     return 1;
   }
   printf("%s: %d records of %d x %d x 3 bytes from %zu image(s) in %s\n", output.c_str(), kRecords,

@@ -3,8 +3,10 @@
 //   qzdl_onnx2net model.onnx out.json out.bin [--input-shape NAME=D0,D1,...]...
 //                 [--serial out.fb] [--constant-input NAME=TENSOR.pb]...
 //
-// Nothing is written unless the whole conversion succeeds. Errors go to
-// standard error as one line and give exit status 1 (2 for a bad command line).
+// Nothing is written unless the whole conversion succeeds, and then each
+// output is replaced whole, never left half-written (docs/atomic-writes.md).
+// Errors go to standard error as one line and give exit status 1 (2 for a bad
+// command line).
 #include <cstdio>
 #include <fstream>
 #include <sstream>

@@ -34,6 +34,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime/atomic_file.h"
 #include "runtime/create_net.h"
 #include "runtime/log.h"
 #include "runtime/weights_file.h"
@@ -532,12 +533,13 @@ int main(int argc, char** argv) {
     for (const auto& r : sorted) printf("%5d  %s\n", -r.first, r.second.c_str());
   }
   if (!opt.write_pass.empty()) {
-    std::ofstream f(opt.write_pass);
-    f << "# ONNX test cases that import and match their stored outputs on the float runtime.\n"
-         "# Written by scripts/onnx_conformance.sh; CTest runs them (qzdl_onnx_conformance).\n";
-    for (const std::string& key : passed) f << key << "\n";
-    if (!f) {
-      fprintf(stderr, "qzdl_onnx_conformance: cannot write \"%s\"\n", opt.write_pass.c_str());
+    std::string text =
+        "# ONNX test cases that import and match their stored outputs on the float runtime.\n"
+        "# Written by scripts/onnx_conformance.sh; CTest runs them (qzdl_onnx_conformance).\n";
+    for (const std::string& key : passed) text += key + "\n";
+    std::string error;
+    if (!qzdl::WriteFileAtomically(opt.write_pass, text, &error)) {
+      fprintf(stderr, "qzdl_onnx_conformance: %s\n", error.c_str());
       return 1;
     }
   }

@@ -25,7 +25,8 @@ const char kNoDefaultSet[] =
 
 // The output with every log line's time stamp replaced by "<time>".
 std::string StampFree(const std::string& out) {
-  static const std::regex stamp(R"(\[[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\d \d\d:\d\d:\d\d \d{4} \]: )");
+  static const std::regex stamp(
+      R"(\[[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\d \d\d:\d\d:\d\d \d{4} \]: )");
   return std::regex_replace(out, stamp, "[<time> ]: ");
 }
 
@@ -249,6 +250,25 @@ TEST_F(NewConverterTest, DumpedFileKeepsTheSentinel) {
   ProcessResult again = Run({"-I", "plain.json"});
   ExpectNoDataEnd(again);
   EXPECT_TRUE(HasLine(again.out, "  --expectant_cos:      false"));
+}
+
+TEST_F(NewConverterTest, DumpReplacesTheOldFileWhole) {
+  WriteFile(run_dir_ + "/dump.json", std::string(2000, 'x'));
+  ProcessResult r = Run({"-O", "dump.json"});
+  ASSERT_TRUE(r.exited);
+  EXPECT_EQ(r.status, 255);
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(ReadFile(run_dir_ + "/dump.json"), kDefaultParameterFile);
+  // Nothing else is left in the folder: no temporary file.
+  EXPECT_EQ(system(("test \"$(ls -A '" + run_dir_ + "')\" = dump.json").c_str()), 0);
+}
+
+TEST_F(NewConverterTest, DumpThatCannotBeWrittenIsReportedAndTheRunGoesOn) {
+  ProcessResult r = RunWithNet({"-O", "missing/dump.json"});
+  ExpectNoDataEnd(r);
+  EXPECT_EQ(r.err,
+            "Warning: parameter file not written: cannot write \"missing/dump.json\": No such "
+            "file or directory\n");
 }
 
 TEST_F(NewConverterTest, AverageTurnsFrugalOn) {
