@@ -192,10 +192,23 @@ void FromBytes(const std::string& raw, ConstTensor* t) {
 std::string ReadExternal(const onnx::TensorProto& proto, const std::string& base_dir) {
   std::string location;
   int64_t offset = 0, length = -1;
+  auto number = [](const std::string& key, const std::string& text) {
+    size_t used = 0;
+    long long v = -1;
+    try {
+      v = std::stoll(text, &used);
+    } catch (const std::exception&) {
+      used = 0;
+    }
+    if (used == 0 || used != text.size() || v < 0) {
+      throw FoldError("has external data " + key + " \"" + text + "\", not a number of bytes");
+    }
+    return static_cast<int64_t>(v);
+  };
   for (const auto& kv : proto.external_data()) {
     if (kv.key() == "location") location = kv.value();
-    if (kv.key() == "offset") offset = std::stoll(kv.value());
-    if (kv.key() == "length") length = std::stoll(kv.value());
+    if (kv.key() == "offset") offset = number("offset", kv.value());
+    if (kv.key() == "length") length = number("length", kv.value());
   }
   if (location.empty()) throw FoldError("has external data without a location");
   const std::string path = base_dir.empty() ? location : base_dir + "/" + location;
@@ -204,7 +217,7 @@ std::string ReadExternal(const onnx::TensorProto& proto, const std::string& base
   f.seekg(0, std::ios::end);
   const int64_t size = f.tellg();
   if (length < 0) length = size - offset;
-  if (offset < 0 || offset + length > size) {
+  if (size < 0 || offset > size || length > size - offset) {
     throw FoldError("has external data past the end of \"" + path + "\"");
   }
   std::string bytes(length, '\0');
@@ -247,7 +260,31 @@ void ConstTensor::SetInt(int64_t k, int64_t v) {
   }
 }
 
+int64_t CountUpTo(const std::vector<int64_t>& dims, int64_t limit) {
+  for (int64_t d : dims) {
+    if (d <= 0) return 0;
+  }
+  int64_t n = 1;
+  for (int64_t d : dims) {
+    if (n > limit / d) return -1;
+    n *= d;
+  }
+  return n;
+}
+
 ConstTensor ConstTensor::Make(int32_t type, const std::vector<int64_t>& dims) {
+  for (int64_t d : dims) {
+    if (d < 0) throw FoldError("would have a negative dimension in " + DimsString(dims));
+  }
+  if (CountUpTo(dims, kMaxComputedElements) < 0) {
+    throw FoldError("would have shape " + DimsString(dims) + ", more than " +
+                    std::to_string(kMaxComputedElements) +
+                    " elements (the limit for constants computed while importing)");
+  }
+  return Sized(type, dims);
+}
+
+ConstTensor ConstTensor::Sized(int32_t type, const std::vector<int64_t>& dims) {
   ConstTensor t;
   t.type = type;
   t.dims = dims;
@@ -275,14 +312,26 @@ ConstTensor TensorFromProto(const onnx::TensorProto& proto, const std::string& b
   for (int64_t d : dims) {
     if (d < 0) throw FoldError("has a negative dimension in " + DimsString(dims));
   }
-  ConstTensor t = ConstTensor::Make(type, dims);
-  const int64_t n = t.Count();
+  // The values are counted before anything is allocated: damaged dims must
+  // not make the importer ask for more memory than the data could fill.
+  const int64_t element_size = static_cast<int64_t>(ElementSize(type));
+  const int64_t n = CountUpTo(dims, INT64_MAX / 16);
+  if (n < 0) throw FoldError("has shape " + DimsString(dims) + ", too many elements");
+  std::string external;
+  const std::string* raw = nullptr;
   if (proto.data_location() == onnx::TensorProto::EXTERNAL) {
-    FromBytes(ReadExternal(proto, base_dir), &t);
-    return t;
+    external = ReadExternal(proto, base_dir);
+    raw = &external;
+  } else if (proto.has_raw_data()) {
+    raw = &proto.raw_data();
   }
-  if (proto.has_raw_data()) {
-    FromBytes(proto.raw_data(), &t);
+  if (raw) {
+    if (static_cast<int64_t>(raw->size()) != n * element_size) {
+      throw FoldError("holds " + std::to_string(raw->size()) + " bytes of data, expected " +
+                      std::to_string(n * element_size) + " for shape " + DimsString(dims));
+    }
+    ConstTensor t = ConstTensor::Sized(type, dims);
+    FromBytes(*raw, &t);
     return t;
   }
   auto check = [&](int64_t have) {
@@ -291,34 +340,49 @@ ConstTensor TensorFromProto(const onnx::TensorProto& proto, const std::string& b
                       " for shape " + DimsString(dims));
     }
   };
+  int64_t have = 0;
   switch (type) {
     case kFloat:
-      check(proto.float_data_size());
+      have = proto.float_data_size();
+      break;
+    case kDouble:
+      have = proto.double_data_size();
+      break;
+    case kInt64:
+      have = proto.int64_data_size();
+      break;
+    case kUint32:
+    case kUint64:
+      have = proto.uint64_data_size();
+      break;
+    default:
+      have = proto.int32_data_size();
+      break;
+  }
+  check(have);
+  ConstTensor t = ConstTensor::Sized(type, dims);
+  switch (type) {
+    case kFloat:
       for (int64_t k = 0; k < n; ++k) t.f[k] = proto.float_data(k);
       break;
     case kDouble:
-      check(proto.double_data_size());
       for (int64_t k = 0; k < n; ++k) t.f[k] = proto.double_data(k);
       break;
     case kInt64:
-      check(proto.int64_data_size());
       for (int64_t k = 0; k < n; ++k) t.i[k] = proto.int64_data(k);
       break;
     case kUint32:
     case kUint64:
-      check(proto.uint64_data_size());
       for (int64_t k = 0; k < n; ++k) t.i[k] = static_cast<int64_t>(proto.uint64_data(k));
       break;
     case kFloat16:
     case kBfloat16:
-      check(proto.int32_data_size());
       for (int64_t k = 0; k < n; ++k) {
         const uint16_t bits = static_cast<uint16_t>(proto.int32_data(k));
         t.f[k] = type == kFloat16 ? HalfToFloat(bits) : Bfloat16ToFloat(bits);
       }
       break;
     default:
-      check(proto.int32_data_size());
       for (int64_t k = 0; k < n; ++k) t.i[k] = WrapInt(type, proto.int32_data(k));
       break;
   }

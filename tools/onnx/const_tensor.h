@@ -36,6 +36,15 @@ bool IsFloatType(int32_t type);
 // "float", "int64", ... for messages.
 std::string TypeName(int32_t type);
 
+// Constants computed while importing (ConstantOfShape, Expand, Tile,
+// Range...) hold at most this many elements; exporters' shape arithmetic
+// stays far below it, and a damaged model cannot ask for gigabytes.
+constexpr int64_t kMaxComputedElements = int64_t{1} << 26;
+
+// The number of elements of `dims`, or -1 when it exceeds `limit` (also for
+// products that would overflow). Negative dims count as 0.
+int64_t CountUpTo(const std::vector<int64_t>& dims, int64_t limit);
+
 // A constant tensor. Values of floating types live in `f` (float32 values
 // rounded to float32), integer and bool values in `i`.
 struct ConstTensor {
@@ -53,8 +62,12 @@ struct ConstTensor {
   // Stores `v` at k, converted to this tensor's type.
   void Set(int64_t k, double v);
   void SetInt(int64_t k, int64_t v);
-  // An empty tensor of `type` and `dims` (zeros).
+  // An empty tensor of `type` and `dims` (zeros). Throws FoldError for
+  // negative dims or more than kMaxComputedElements elements.
   static ConstTensor Make(int32_t type, const std::vector<int64_t>& dims);
+  // The same without the limit, for values read from the model (whose data
+  // was counted first).
+  static ConstTensor Sized(int32_t type, const std::vector<int64_t>& dims);
   static ConstTensor Int64s(const std::vector<int64_t>& values);
 };
 

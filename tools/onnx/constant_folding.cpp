@@ -503,7 +503,12 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
     if (op == "Unsqueeze") {
       const int64_t rank = out.dims.size() + axes.size();
       std::vector<bool> inserted(rank, false);
-      for (int64_t a : axes) inserted[NormAxis(a, rank)] = true;
+      for (int64_t a : axes) {
+        const int64_t k = NormAxis(a, rank);
+        // Each inserted axis takes one place of the output's rank.
+        if (inserted[k]) throw FoldError("axes name axis " + std::to_string(k) + " twice");
+        inserted[k] = true;
+      }
       std::vector<int64_t> dims;
       size_t src = 0;
       for (int64_t k = 0; k < rank; ++k) dims.push_back(inserted[k] ? 1 : out.dims[src++]);
@@ -558,9 +563,18 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
   }
   if (op == "Range") {
     const ConstTensor &start = Need(in, 0), &limit = Need(in, 1), &delta = Need(in, 2);
+    if (start.Count() != 1 || limit.Count() != 1 || delta.Count() != 1) {
+      throw FoldError("start, limit and delta must hold one value each");
+    }
     const double s = start.Get(0), l = limit.Get(0), d = delta.Get(0);
     if (d == 0) throw FoldError("delta is 0");
-    const int64_t n = std::max<int64_t>(static_cast<int64_t>(std::ceil((l - s) / d)), 0);
+    const double count = std::ceil((l - s) / d);
+    // NaN and counts past the limit are refused before the conversion.
+    if (!(count <= static_cast<double>(kMaxComputedElements))) {
+      throw FoldError("would hold more than " + std::to_string(kMaxComputedElements) +
+                      " values (the limit for constants computed while importing)");
+    }
+    const int64_t n = std::max<int64_t>(static_cast<int64_t>(count), 0);
     ConstTensor out = ConstTensor::Make(start.type, {n});
     for (int64_t k = 0; k < n; ++k) {
       if (out.IsFloat()) {
@@ -615,8 +629,12 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
   }
   if (op.rfind("Reduce", 0) == 0) {
     const int since = op == "ReduceSum" ? 13 : 18;
-    return One(Reduce(op, Need(in, 0), AxesFrom(node, opset, since, in, 1),
-                      AttrInt(node, "keepdims", 1) != 0,
+    const int64_t keepdims = AttrInt(node, "keepdims", 1);
+    if (keepdims != 0 && keepdims != 1) {
+      throw FoldError("attribute \"keepdims\" value " + std::to_string(keepdims) +
+                      " is not supported (it must be 0 or 1)");
+    }
+    return One(Reduce(op, Need(in, 0), AxesFrom(node, opset, since, in, 1), keepdims == 1,
                       AttrInt(node, "noop_with_empty_axes", 0) != 0));
   }
   throw FoldError("operator " + op + " cannot be evaluated on constants");

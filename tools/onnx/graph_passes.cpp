@@ -1,14 +1,13 @@
 #include "tools/onnx/graph_passes.h"
 
-#include <onnx/defs/schema.h>
 #include <onnx/onnx_pb.h>
-#include <onnx/shape_inference/implementation.h>
 
 #include <cmath>
 #include <map>
 #include <set>
 
 #include "tools/onnx/converter.h"
+#include "tools/onnx/graph_checks.h"
 
 namespace qzdl::onnx_import {
 
@@ -327,12 +326,7 @@ void FoldConstants(onnx::ModelProto* model, int opset, Converter* c) {
   }
   const int max_passes = graph->node_size() + 2;
   for (int pass = 0; pass < max_passes; ++pass) {
-    try {
-      onnx::ShapeInferenceOptions options(false, 0, false);
-      onnx::shape_inference::InferShapes(*model, onnx::OpSchemaRegistry::Instance(), options);
-    } catch (const std::exception& e) {
-      throw ImportError(std::string("ONNX shape inference failed: ") + e.what());
-    }
+    InferShapesChecked(model);
     ReadShapes(*graph, c);
     const bool filled = FillKnownShapes(graph, c);
     const bool folded = FoldPass(graph, opset, c);

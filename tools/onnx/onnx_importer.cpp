@@ -5,11 +5,16 @@
 #include <onnx/shape_inference/implementation.h>
 
 #include <fstream>
+#include <new>
 #include <set>
 #include <sstream>
+#include <utility>
+#include <vector>
 
+#include "runtime/atomic_file.h"
 #include "runtime/serial_weights.h"
 #include "tools/onnx/converter.h"
+#include "tools/onnx/graph_checks.h"
 #include "tools/onnx/graph_passes.h"
 
 namespace qzdl {
@@ -187,6 +192,7 @@ OnnxImportResult Import(onnx::ModelProto& model, const std::string& source,
   const int opset = DefaultOpset(model, source);
   onnx::GraphProto* graph = model.mutable_graph();
   Converter c(opset, base_dir);
+  onnx_import::CheckNames(*graph);
   onnx_import::NameNodes(graph);
   const std::vector<NetInput> inputs = PrepareInputs(graph, options, base_dir, c);
   CheckReferences(*graph, c, inputs);
@@ -196,6 +202,7 @@ OnnxImportResult Import(onnx::ModelProto& model, const std::string& source,
                             "): operator domain " + Quote(node.domain()) + " is not supported");
     }
   }
+  onnx_import::CheckNodes(*graph, opset);
   onnx_import::FoldConstants(&model, opset, &c);
   onnx_import::FusePatterns(graph, &c);
 
@@ -269,6 +276,8 @@ OnnxImportResult ImportOnnxBytes(const std::string& bytes, const std::string& so
     return Import(model, source, base_dir, options);
   } catch (const onnx_import::FoldError& e) {
     throw OnnxImportError(Quote(source) + ": " + e.what());
+  } catch (const std::bad_alloc&) {
+    throw OnnxImportError(Quote(source) + ": out of memory while importing");
   }
 }
 
@@ -285,17 +294,13 @@ OnnxImportResult ConvertOnnxFile(const std::string& onnx_path, const std::string
                                  const std::string& weights_path, const std::string& serial_path,
                                  const OnnxImportOptions& options) {
   OnnxImportResult result = ImportOnnxFile(onnx_path, options);
-  const std::string weights = SerializeWeights(result.blobs);
-  const std::string serial = serial_path.empty() ? "" : SerializeSerialWeights(result.blobs);
-  if (!WriteFileAtomically(json_path, result.net_json)) {
-    throw OnnxImportError("cannot write " + Quote(json_path));
-  }
-  if (!WriteFileAtomically(weights_path, weights)) {
-    throw OnnxImportError("cannot write " + Quote(weights_path));
-  }
-  if (!serial_path.empty() && !WriteFileAtomically(serial_path, serial)) {
-    throw OnnxImportError("cannot write " + Quote(serial_path));
-  }
+  std::vector<std::pair<std::string, std::string>> files;
+  files.emplace_back(json_path, result.net_json);
+  files.emplace_back(weights_path, SerializeWeights(result.blobs));
+  if (!serial_path.empty()) files.emplace_back(serial_path, SerializeSerialWeights(result.blobs));
+  // All files are written before any is renamed into place.
+  std::string error;
+  if (!WriteFilesAtomically(files, &error)) throw OnnxImportError(error);
   return result;
 }
 

@@ -43,8 +43,10 @@ OnnxImportResult ImportOnnxBytes(const std::string& bytes, const std::string& so
 
 // Imports `onnx_path` and writes the net description, the weights file and,
 // when `serial_path` is not empty, the serial model file. Nothing is written
-// unless the whole import succeeded; each file is replaced atomically.
-// Throws OnnxImportError.
+// unless the whole import succeeded; then all files are written to temporary
+// files beside them and only renamed into place once all are complete
+// (WriteFilesAtomically). Throws OnnxImportError, on a write failure with
+// `cannot write "<path>": <reason>`.
 OnnxImportResult ConvertOnnxFile(const std::string& onnx_path, const std::string& json_path,
                                  const std::string& weights_path, const std::string& serial_path,
                                  const OnnxImportOptions& options = {});

@@ -442,6 +442,7 @@ void MapMatMul(Converter& c) {
   int64_t m = 0, k = 0;
   const std::vector<float> w = WeightsMK(b2, false, &m, &k);
   const Shape& a_shape = c.InShape(0);
+  if (a_shape.empty()) c.Fail("input A is a scalar; MatMul needs at least 1 axis");
   if (a_shape.back() != k) {
     c.Fail("input A of shape " + Ints(a_shape) + " does not fit B of shape " + Ints(b.dims));
   }

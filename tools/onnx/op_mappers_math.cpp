@@ -162,7 +162,13 @@ void MapReduce(Converter& c) {
   // Axes are an attribute before opset 18 (13 for ReduceSum) and an input from then on.
   std::vector<int64_t> axes = c.Ints("axes");
   if (c.HasInput(1)) axes = c.Const(1, "axes").Ints();
-  const bool keepdims = c.Int("keepdims", 1) != 0;
+  // ONNX keeps the reduced axes for 1 only; other values would make the
+  // layers disagree with the shapes of shape inference.
+  const int64_t keepdims_value = c.Int("keepdims", 1);
+  if (keepdims_value != 0 && keepdims_value != 1) {
+    c.BadAttr("keepdims", std::to_string(keepdims_value), "it must be 0 or 1");
+  }
+  const bool keepdims = keepdims_value == 1;
   std::string before, after;
   if (op == "ReduceSumSquare" || op == "ReduceL2") before = "square";
   if (op == "ReduceL1") before = "abs";
