@@ -125,6 +125,15 @@ TEST(SquaredErrorKernels, GenericIsAlwaysAvailableAndLast) {
   }
 }
 
+#if !defined(__x86_64__)
+// Off x86-64 (NEON on 64-bit Arm) the portable kernel is the only one, so
+// every test over Kernels() and the range search run it.
+TEST(SquaredErrorKernels, OnlyTheGenericKernelOffX86) {
+  ASSERT_EQ(1u, Kernels().size());
+  EXPECT_EQ(std::string("generic"), kernels::BestSquaredErrorKernel().name);
+}
+#endif
+
 TEST(SquaredErrorKernels, RoundClipLanesMatchRoundClip) {
   std::vector<float> in;
   // Every half-integer of the grid and its neighbours, both signs.
