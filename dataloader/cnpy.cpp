@@ -47,9 +47,9 @@ uint64_t RemainingBytes(FILE* file) {
   const off_t here = ftello(file);
   if (here < 0 || fseeko(file, 0, SEEK_END) != 0) return std::numeric_limits<uint64_t>::max();
   const off_t end = ftello(file);
-  if (fseeko(file, here, SEEK_SET) != 0 || end < here) {
-    return std::numeric_limits<uint64_t>::max();
-  }
+  if (fseeko(file, here, SEEK_SET) != 0) return std::numeric_limits<uint64_t>::max();
+  // A member's skip may seek past the end: nothing remains there.
+  if (end < here) return 0;
   return static_cast<uint64_t>(end - here);
 }
 

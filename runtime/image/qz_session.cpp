@@ -100,6 +100,14 @@ void QZSession::ReadImg(const char* path) {
     throw std::runtime_error("ReadImg: cannot decode image file \"" + std::string(path) +
                              "\": " + (reason != nullptr ? reason : "unknown error"));
   }
+  // stb accepts some headers that declare no rows or columns (a BMP of
+  // height 0, say) and hands back a buffer for them: that is no picture.
+  if (width < 1 || height < 1) {
+    stbi_image_free(rgb);
+    throw std::runtime_error("ReadImg: cannot decode image file \"" + std::string(path) +
+                             "\": empty image (" + std::to_string(width) + " x " +
+                             std::to_string(height) + ")");
+  }
   const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
   pixels_ = new unsigned char[pixels * 3];
   for (size_t i = 0; i < pixels; ++i) {

@@ -572,6 +572,24 @@ TEST_F(CnpyTest, TruncatedNameOrExtraFieldFails) {
                      "npz_load: failed fread");
 }
 
+TEST_F(CnpyTest, ExtraFieldPastTheEndOfTheWantedMemberFails) {
+  // The by-name form seeks over the extra field before it knows the member
+  // is the one wanted; reading that member must then find nothing left, not
+  // trust its size fields (4 MiB deflated into 4 GiB) and allocate them.
+  const std::string x = NpyFile(Header("<f4", false, "(1,)"), Floats({1}));
+  Member m = Deflated("x.npy", x);
+  m.compressed = 4u << 20;
+  m.uncompressed = 0xffffffabu;
+  m.extra = std::string(200, 'e');
+  const std::string cut = LocalHeader(m).substr(0, 30 + 5 + 10);
+  ExpectRuntimeError([&] { cnpy::npz_load(Write("extra3.npz", cut), "x"); },
+                     "load_the_npy_file: failed fread");
+  m.method = 0;
+  ExpectRuntimeError(
+      [&] { cnpy::npz_load(Write("extra4.npz", LocalHeader(m).substr(0, 45)), "x"); },
+      "parse_npy_header: failed fread");
+}
+
 TEST_F(CnpyTest, ShortMemberNameIsAClearError) {
   const std::string x = NpyFile(Header("<f4", false, "(1,)"), Floats({1}));
   const std::string path = Write("shortname.npz", Zip({Stored("x", x)}));

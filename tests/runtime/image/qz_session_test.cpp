@@ -251,6 +251,23 @@ TEST(QZSessionTest, TextFileIsAnErrorNamingTheFile) { ExpectDecodeFailure("not_a
 
 TEST(QZSessionTest, MissingFileIsAnErrorNamingTheFile) { ExpectDecodeFailure("missing.png"); }
 
+// The decoder hands back a buffer for a header with no rows; the session
+// refuses it rather than scaling from an empty picture.
+TEST(QZSessionTest, ImageWithNoRowsIsAnErrorNamingTheFile) {
+  ExpectDecodeFailure("zero_height.bmp");
+  const std::string path = kImageDir + "zero_height.bmp";
+  qzg::QZSession* session = qzg::QZSession::CreateSession();
+  try {
+    session->ReadImg(path.c_str());
+    ADD_FAILURE() << "decoded";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(
+        e.what(),
+        ("ReadImg: cannot decode image file \"" + path + "\": empty image (4 x 0)").c_str());
+  }
+  session->Destroy();
+}
+
 TEST(RgbSplitTest, PlanesOneBehindTheOtherInPixelByteOrder) {
   // Two BGR pixels: (blue 1, green 2, red 3) and (4, 5, 6).
   unsigned char pixels[] = {1, 2, 3, 4, 5, 6};
