@@ -1,0 +1,117 @@
+// Writes the seed corpora of the fuzz targets (scripts/fuzz_seeds.sh):
+//   make_seeds <source dir> <onnx test data dir> <corpus dir>
+// Seeds come from the repository's example net and fixtures, a few literal
+// inputs, and small ONNX node test models with the nets imported from them.
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+
+#include "runtime/serial_weights.h"
+#include "runtime/weights_file.h"
+#include "small_net.h"
+#include "tools/onnx/onnx_importer.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string Read(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw std::runtime_error("cannot read " + path.string());
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+void Write(const fs::path& path, const std::string& bytes) {
+  fs::create_directories(path.parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << bytes;
+  if (!out) throw std::runtime_error("cannot write " + path.string());
+}
+
+void CopyAll(const fs::path& from, const fs::path& to, const std::string& extension) {
+  for (const auto& entry : fs::directory_iterator(from)) {
+    if (entry.path().extension() == extension) {
+      Write(to / entry.path().filename(), Read(entry.path()));
+    }
+  }
+}
+
+// The op of a node test: "test_averagepool_2d_pads" -> "averagepool".
+std::string OpOf(const std::string& test) {
+  const std::string rest = test.substr(5);
+  return rest.substr(0, rest.find('_'));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 4) {
+    std::fprintf(stderr, "usage: %s <source dir> <onnx test data dir> <corpus dir>\n", argv[0]);
+    return 2;
+  }
+  const fs::path src(argv[1]), onnx_tests(argv[2]), out(argv[3]);
+  try {
+    const std::string net_json = Read(src / "examples/small_cnn/net.json");
+    const std::string net_bin = Read(src / "examples/small_cnn/net.bin");
+
+    // Net descriptions: the example net with and without its weights, the
+    // small fuzzing nets, and the nets imported from ONNX node tests below.
+    Write(out / "net_json/small_cnn", net_json + std::string(1, '\0') + net_bin);
+    Write(out / "net_json/small_cnn_no_weights", net_json);
+    Write(out / "net_json/two_inputs", qzdl_fuzz::kTwoInputs);
+
+    // Weights: whole, cut short, and an empty container.
+    Write(out / "weights/small_cnn.bin", net_bin);
+    Write(out / "weights/small_cnn_cut.bin", net_bin.substr(0, net_bin.size() / 2));
+    Write(out / "weights/empty.bin", qzdl::SerializeWeights({}));
+
+    const auto blobs =
+        qzdl::ParseWeights(net_bin.data(), static_cast<int64_t>(net_bin.size()), "net.bin");
+    Write(out / "serial_model/small_cnn.fb", qzdl::SerializeSerialWeights(blobs));
+    Write(out / "serial_model/empty.fb", qzdl::SerializeSerialWeights({}));
+
+    CopyAll(src / "tests/fixtures/npy", out / "npy", ".npy");
+    CopyAll(src / "tests/fixtures/npy", out / "npz", ".npz");
+    for (const char* ext : {".png", ".bmp", ".jpg"}) {
+      CopyAll(src / "tests/fixtures/images", out / "image", ext);
+    }
+
+    Write(out / "list_set/two_lines", "a.png\nb.png\n");
+    Write(out / "list_set/crlf_blank", "a.png\r\n\r\nc.npy");
+    Write(out / "text_set/six_values", "1 2.5 -3e2 4\n5 6\n");
+    Write(out / "text_set/short_bad", "1 x 3");
+
+    // One small passing ONNX node test per op, and its imported net.
+    std::ifstream list(src / "tests/tools/onnx/conformance_pass.txt");
+    std::set<std::string> ops;
+    std::string line;
+    int models = 0, nets = 0;
+    while (std::getline(list, line)) {
+      if (line.rfind("node/test_", 0) != 0) continue;
+      const std::string test = line.substr(5);
+      if (!ops.insert(OpOf(test)).second) continue;
+      const fs::path model = onnx_tests / line / "model.onnx";
+      if (!fs::exists(model) || fs::file_size(model) > 4096) continue;
+      const std::string bytes = Read(model);
+      Write(out / "onnx_import" / (test + ".onnx"), bytes);
+      ++models;
+      try {
+        const auto result = qzdl::ImportOnnxBytes(bytes, model.string(), model.parent_path());
+        const std::string weights = qzdl::SerializeWeights(result.blobs);
+        if (result.net_json.size() + weights.size() <= 8192) {
+          Write(out / "net_json" / test, result.net_json + std::string(1, '\0') + weights);
+          ++nets;
+        }
+      } catch (const std::exception&) {
+      }
+    }
+    std::printf("%d ONNX seeds, %d imported nets\n", models, nets);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "%s\n", e.what());
+    return 1;
+  }
+  return 0;
+}
