@@ -20,26 +20,12 @@ import os
 import struct
 import zlib
 
+from atomic_write import write_atomically
+
 ROOT = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
 REL_DIR = "examples/small_cnn/calibration"
 OUT_DIR = os.path.join(ROOT, REL_DIR)
 SIZE = 32
-
-
-def write_atomically(path, data):
-    """Writes bytes to path through path.tmp.<pid> and a rename, so that an
-    interrupted run leaves the old file or the new one, never a part."""
-    tmp = "%s.tmp.%d" % (path, os.getpid())
-    try:
-        with open(tmp, "wb") as f:
-            f.write(data)
-            f.flush()
-            os.fsync(f.fileno())
-        os.replace(tmp, path)
-    except BaseException:
-        if os.path.exists(tmp):
-            os.unlink(tmp)
-        raise
 
 
 def png(path, width, height, pixel):

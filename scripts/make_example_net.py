@@ -8,6 +8,8 @@ import random
 import struct
 import sys
 
+from atomic_write import write_atomically
+
 OUT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "examples", "small_cnn")
 rng = random.Random(20261120)
 
@@ -61,24 +63,6 @@ blob("fc", "bias", [10], randn(10, 0.05))
 layer("prob", "Softmax", ["fc"], ["prob"], axis=1)
 
 net = {"inputs": [{"name": "data", "dims": [1, 3, 32, 32]}], "layers": layers}
-
-
-
-def write_atomically(path, data):
-    """Writes bytes to path through path.tmp.<pid> and a rename, so that an
-    interrupted run leaves the old file or the new one, never a part."""
-    tmp = "%s.tmp.%d" % (path, os.getpid())
-    try:
-        with open(tmp, "wb") as f:
-            f.write(data)
-            f.flush()
-            os.fsync(f.fileno())
-        os.replace(tmp, path)
-    except BaseException:
-        if os.path.exists(tmp):
-            os.unlink(tmp)
-        raise
-
 
 os.makedirs(OUT, exist_ok=True)
 write_atomically(os.path.join(OUT, "net.json"), (json.dumps(net, indent=1) + "\n").encode())

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "runtime/create_net.h"
+#include "small_net.h"
 
 namespace qzdl_fuzz {
 
@@ -81,6 +82,18 @@ qzdl::Net<float>* TryCreateNet(const std::string& text, const std::string& weigh
     delete error;
     return nullptr;
   }
+}
+
+qzdl::Net<float>* TwoInputNet() {
+  static qzdl::Net<float>* net = [] {
+    qzdl::Net<float>* created = TryCreateNet(kTwoInputs, "", false);
+    if (created == nullptr) {
+      std::fprintf(stderr, "the two-input net of the data-set targets cannot be created\n");
+      std::abort();
+    }
+    return created;
+  }();
+  return net;
 }
 
 }  // namespace qzdl_fuzz

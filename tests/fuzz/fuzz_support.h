@@ -28,4 +28,8 @@ std::string ScratchFolder();
 // QZDLInitException pointer).
 qzdl::Net<float>* TryCreateNet(const std::string& text, const std::string& weights, bool frugal);
 
+// The net of small_net.h's kTwoInputs, created once for the life of the
+// process (the data-set targets read samples for its inputs "a" and "b").
+qzdl::Net<float>* TwoInputNet();
+
 }  // namespace qzdl_fuzz

@@ -7,12 +7,10 @@
 
 #include "dataloader/data_loader.h"
 #include "fuzz_support.h"
-#include "small_net.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   qzdl_fuzz::QuietStdout();
-  static qzdl::Net<float>* net = qzdl_fuzz::TryCreateNet(qzdl_fuzz::kTwoInputs, "", false);
-  if (net == nullptr) __builtin_trap();
+  qzdl::Net<float>* net = qzdl_fuzz::TwoInputNet();
   const std::string path = qzdl_fuzz::WriteInput(data, size, "list.txt");
   {
     dataLoader::DataLoader loader(net, dataLoader::Image);
