@@ -41,8 +41,17 @@ std::string DimsString(const std::vector<int64_t>& dims) {
 int64_t DimsProduct(const std::vector<int64_t>& dims, size_t from, size_t to) {
   to = std::min(to, dims.size());
   from = std::min(from, to);
-  return std::accumulate(dims.begin() + from, dims.begin() + to, int64_t{1},
-                         std::multiplies<int64_t>());
+  // An empty tensor may have other dims of any size (ConstantOfShape of
+  // [0, 2^62, 100]): a 0 makes the product 0, and a product past the int64
+  // range saturates instead of overflowing.
+  for (size_t k = from; k < to; ++k) {
+    if (dims[k] == 0) return 0;
+  }
+  int64_t n = 1;
+  for (size_t k = from; k < to; ++k) {
+    if (__builtin_mul_overflow(n, dims[k], &n)) return std::numeric_limits<int64_t>::max();
+  }
+  return n;
 }
 
 namespace {
@@ -232,13 +241,13 @@ int64_t ConstTensor::Count() const { return DimsProduct(dims); }
 
 std::vector<int64_t> ConstTensor::Ints() const {
   std::vector<int64_t> out(Count());
-  for (int64_t k = 0; k < Count(); ++k) out[k] = GetInt(k);
+  for (int64_t k = 0, total = Count(); k < total; ++k) out[k] = GetInt(k);
   return out;
 }
 
 std::vector<float> ConstTensor::Floats() const {
   std::vector<float> out(Count());
-  for (int64_t k = 0; k < Count(); ++k) out[k] = static_cast<float>(Get(k));
+  for (int64_t k = 0, total = Count(); k < total; ++k) out[k] = static_cast<float>(Get(k));
   return out;
 }
 
@@ -248,7 +257,7 @@ void ConstTensor::Set(int64_t k, double v) {
   } else if (type == kBool) {
     i[k] = v != 0;
   } else {
-    i[k] = WrapInt(type, static_cast<int64_t>(v));
+    i[k] = WrapInt(type, SaturatingInt(v));
   }
 }
 

@@ -2,8 +2,10 @@
 // results of constant folding.
 #pragma once
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -41,6 +43,15 @@ std::string TypeName(int32_t type);
 // stays far below it, and a damaged model cannot ask for gigabytes.
 constexpr int64_t kMaxComputedElements = int64_t{1} << 26;
 
+// `v` as an int64, truncated toward zero. Values beyond the int64 range
+// saturate and NaN becomes 0 (a plain cast of those is undefined behaviour).
+inline int64_t SaturatingInt(double v) {
+  if (std::isnan(v)) return 0;
+  if (v >= 9223372036854775808.0) return std::numeric_limits<int64_t>::max();
+  if (v <= -9223372036854775808.0) return std::numeric_limits<int64_t>::min();
+  return static_cast<int64_t>(v);
+}
+
 // The number of elements of `dims`, or -1 when it exceeds `limit` (also for
 // products that would overflow). Negative dims count as 0.
 int64_t CountUpTo(const std::vector<int64_t>& dims, int64_t limit);
@@ -56,7 +67,7 @@ struct ConstTensor {
   bool IsFloat() const { return IsFloatType(type); }
   int64_t Count() const;
   double Get(int64_t k) const { return IsFloat() ? f[k] : static_cast<double>(i[k]); }
-  int64_t GetInt(int64_t k) const { return IsFloat() ? static_cast<int64_t>(f[k]) : i[k]; }
+  int64_t GetInt(int64_t k) const { return IsFloat() ? SaturatingInt(f[k]) : i[k]; }
   std::vector<int64_t> Ints() const;
   std::vector<float> Floats() const;
   // Stores `v` at k, converted to this tensor's type.
@@ -86,7 +97,7 @@ std::vector<int64_t> BroadcastShapes(const std::vector<int64_t>& a, const std::v
 // "[1, 3, 224, 224]".
 std::string DimsString(const std::vector<int64_t>& dims);
 
-// The product of dims[from, to).
+// The product of dims[from, to): 0 when one is 0, saturating at the int64 maximum.
 int64_t DimsProduct(const std::vector<int64_t>& dims, size_t from = 0, size_t to = SIZE_MAX);
 
 }  // namespace qzdl::onnx_import

@@ -7,6 +7,8 @@
 #include <map>
 #include <set>
 
+#include "tools/onnx/fold_elementwise.h"
+
 namespace qzdl::onnx_import {
 
 namespace {
@@ -45,165 +47,11 @@ int64_t NormAxis(int64_t axis, int64_t rank) {
   return axis < 0 ? axis + rank : axis;
 }
 
-// For each element of `out`, the offset of the element of `in` it reads
-// under broadcasting.
-std::vector<int64_t> BroadcastOffsets(const std::vector<int64_t>& out,
-                                      const std::vector<int64_t>& in) {
-  const size_t rank = out.size();
-  std::vector<int64_t> stride(rank, 0);
-  int64_t s = 1;
-  for (size_t k = 0; k < in.size(); ++k) {
-    const size_t ax = in.size() - 1 - k;
-    const size_t ox = rank - 1 - k;
-    stride[ox] = in[ax] == 1 ? 0 : s;
-    s *= in[ax];
-  }
-  const int64_t n = DimsProduct(out);
-  std::vector<int64_t> offsets(n);
-  std::vector<int64_t> idx(rank, 0);
-  int64_t off = 0;
-  for (int64_t e = 0; e < n; ++e) {
-    offsets[e] = off;
-    for (size_t ax = rank; ax-- > 0;) {
-      ++idx[ax];
-      off += stride[ax];
-      if (idx[ax] < out[ax]) break;
-      off -= stride[ax] * idx[ax];
-      idx[ax] = 0;
-    }
-  }
-  return offsets;
-}
-
-ConstTensor Elementwise(const std::string& op, const ConstTensor& a, const ConstTensor& b,
-                        const onnx::NodeProto& node) {
-  static const std::set<std::string> compare = {"Equal",          "Less", "Greater", "LessOrEqual",
-                                                "GreaterOrEqual", "And",  "Or",      "Xor"};
-  const std::vector<int64_t> dims = BroadcastShapes(a.dims, b.dims);
-  const bool is_compare = compare.count(op) > 0;
-  ConstTensor out = ConstTensor::Make(is_compare ? kBool : a.type, dims);
-  const auto oa = BroadcastOffsets(dims, a.dims), ob = BroadcastOffsets(dims, b.dims);
-  const bool fp = a.IsFloat() || b.IsFloat();
-  const bool fmod = AttrInt(node, "fmod", 0) != 0;
-  for (int64_t k = 0; k < out.Count(); ++k) {
-    if (!fp && !is_compare) {
-      const int64_t x = a.i[oa[k]], y = b.i[ob[k]];
-      int64_t r = 0;
-      if (op == "Add" || op == "Sum")
-        r = x + y;
-      else if (op == "Sub")
-        r = x - y;
-      else if (op == "Mul")
-        r = x * y;
-      else if (op == "Max")
-        r = std::max(x, y);
-      else if (op == "Min")
-        r = std::min(x, y);
-      else if (op == "Div" || op == "Mod") {
-        if (y == 0) throw FoldError("integer division by zero");
-        if (op == "Div") {
-          r = x / y;
-        } else {
-          r = x % y;
-          if (!fmod && r != 0 && ((r < 0) != (y < 0))) r += y;
-        }
-      } else if (op == "Pow") {
-        r = static_cast<int64_t>(std::pow(static_cast<double>(x), static_cast<double>(y)));
-      }
-      out.SetInt(k, r);
-      continue;
-    }
-    const double x = a.Get(oa[k]), y = b.Get(ob[k]);
-    double r = 0;
-    if (op == "Add" || op == "Sum")
-      r = x + y;
-    else if (op == "Sub")
-      r = x - y;
-    else if (op == "Mul")
-      r = x * y;
-    else if (op == "Div")
-      r = x / y;
-    else if (op == "Pow")
-      r = std::pow(x, y);
-    else if (op == "Max")
-      r = std::max(x, y);
-    else if (op == "Min")
-      r = std::min(x, y);
-    else if (op == "Mod")
-      r = fmod ? std::fmod(x, y) : x - std::floor(x / y) * y;
-    else if (op == "Equal")
-      r = x == y;
-    else if (op == "Less")
-      r = x < y;
-    else if (op == "Greater")
-      r = x > y;
-    else if (op == "LessOrEqual")
-      r = x <= y;
-    else if (op == "GreaterOrEqual")
-      r = x >= y;
-    else if (op == "And")
-      r = (x != 0) && (y != 0);
-    else if (op == "Or")
-      r = (x != 0) || (y != 0);
-    else if (op == "Xor")
-      r = (x != 0) != (y != 0);
-    out.Set(k, r);
-  }
-  return out;
-}
-
-ConstTensor Unary(const std::string& op, const ConstTensor& x) {
-  ConstTensor out = x;
-  if (op == "Not") out.type = kBool, out.i.resize(x.Count()), out.f.clear();
-  for (int64_t k = 0; k < x.Count(); ++k) {
-    const double v = x.Get(k);
-    double r = v;
-    if (op == "Neg")
-      r = -v;
-    else if (op == "Abs")
-      r = std::fabs(v);
-    else if (op == "Sqrt")
-      r = std::sqrt(v);
-    else if (op == "Floor")
-      r = std::floor(v);
-    else if (op == "Ceil")
-      r = std::ceil(v);
-    else if (op == "Round")
-      r = std::nearbyint(v);
-    else if (op == "Exp")
-      r = std::exp(v);
-    else if (op == "Log")
-      r = std::log(v);
-    else if (op == "Reciprocal")
-      r = 1.0 / v;
-    else if (op == "Relu")
-      r = std::max(v, 0.0);
-    else if (op == "Sigmoid")
-      r = 1.0 / (1.0 + std::exp(-v));
-    else if (op == "Tanh")
-      r = std::tanh(v);
-    else if (op == "Erf")
-      r = std::erf(v);
-    else if (op == "Sign")
-      r = (v > 0) - (v < 0);
-    else if (op == "Not")
-      r = v == 0;
-    if (x.IsFloat() || op == "Not") {
-      out.Set(k, r);
-    } else if (op == "Neg" || op == "Abs" || op == "Sign" || op == "Relu") {
-      out.SetInt(k, static_cast<int64_t>(r));
-    } else if (op != "Floor" && op != "Ceil" && op != "Round") {
-      throw FoldError("operator " + op + " on " + TypeName(x.type) + " is not supported");
-    }
-  }
-  return out;
-}
-
 ConstTensor Cast(const ConstTensor& x, int32_t to) {
   ConstTensor out = ConstTensor::Make(to, x.dims);
-  for (int64_t k = 0; k < x.Count(); ++k) {
+  for (int64_t k = 0, total = x.Count(); k < total; ++k) {
     if (x.IsFloat() && !out.IsFloat() && to != kBool) {
-      out.SetInt(k, static_cast<int64_t>(std::trunc(x.f[k])));
+      out.SetInt(k, SaturatingInt(x.f[k]));
     } else if (x.IsFloat()) {
       out.Set(k, x.f[k]);
     } else {
@@ -211,6 +59,17 @@ ConstTensor Cast(const ConstTensor& x, int32_t to) {
     }
   }
   return out;
+}
+
+// Fails unless the tensors, which the operator constrains to one element
+// type, have the same type (`what` names them in the message).
+void NeedSameType(const std::vector<const ConstTensor*>& ts, const std::string& what) {
+  for (const ConstTensor* t : ts) {
+    if (t->type != ts[0]->type) {
+      throw FoldError(what + " differ in element type (" + TypeName(ts[0]->type) + " and " +
+                      TypeName(t->type) + ")");
+    }
+  }
 }
 
 // Copies element `from` of `src` to element `to` of `dst` (same type).
@@ -255,6 +114,13 @@ ConstTensor Concat(const Inputs& in, int64_t axis) {
   for (size_t k = 0; k < in.size(); ++k) {
     const ConstTensor& t = Need(in, k);
     if (static_cast<int64_t>(t.dims.size()) != rank) throw FoldError("inputs differ in rank");
+    NeedSameType({&first, &t}, "inputs");
+    for (int64_t d = 0; d < rank; ++d) {
+      if (d != axis && t.dims[d] != first.dims[d]) {
+        throw FoldError("inputs of shapes " + DimsString(first.dims) + " and " +
+                        DimsString(t.dims) + " differ outside axis " + std::to_string(axis));
+      }
+    }
     dims[axis] += t.dims[axis];
   }
   ConstTensor out = ConstTensor::Make(first.type, dims);
@@ -280,7 +146,13 @@ ConstTensor Transpose(const ConstTensor& x, std::vector<int64_t> perm) {
   if (perm.empty()) {
     for (size_t k = 0; k < rank; ++k) perm.push_back(rank - 1 - k);
   }
-  if (perm.size() != rank) throw FoldError("perm does not match the input rank");
+  std::vector<int64_t> sorted = perm;
+  std::sort(sorted.begin(), sorted.end());
+  for (size_t k = 0; k < sorted.size(); ++k) {
+    if (sorted.size() != rank || sorted[k] != static_cast<int64_t>(k)) {
+      throw FoldError("perm " + DimsString(perm) + " is not a permutation of the input's axes");
+    }
+  }
   std::vector<int64_t> dims(rank), in_stride(rank, 1);
   for (size_t k = rank; k-- > 1;) in_stride[k - 1] = in_stride[k] * x.dims[k];
   std::vector<int64_t> stride(rank);
@@ -290,7 +162,7 @@ ConstTensor Transpose(const ConstTensor& x, std::vector<int64_t> perm) {
   }
   ConstTensor out = ConstTensor::Make(x.type, dims);
   std::vector<int64_t> idx(rank, 0);
-  for (int64_t e = 0; e < out.Count(); ++e) {
+  for (int64_t e = 0, total = out.Count(); e < total; ++e) {
     int64_t src = 0;
     for (size_t k = 0; k < rank; ++k) src += idx[k] * stride[k];
     CopyElement(x, src, &out, e);
@@ -315,18 +187,22 @@ ConstTensor Slice(const ConstTensor& x, std::vector<int64_t> starts, std::vector
   }
   std::vector<int64_t> begin(rank, 0), step(rank, 1), dims = x.dims;
   for (size_t k = 0; k < starts.size(); ++k) {
-    const int64_t ax = NormAxis(axes[k], rank), n = x.dims[ax], s = steps[k];
-    if (s == 0) throw FoldError("a step is 0");
+    const int64_t ax = NormAxis(axes[k], rank), n = x.dims[ax];
+    if (steps[k] == 0) throw FoldError("a step is 0");
+    // A step longer than the axis takes one element, as n + 1 does; the
+    // clamp keeps the arithmetic below within the int64 range.
+    const int64_t lim = n < INT64_MAX ? n + 1 : n;
+    const int64_t s = std::clamp<int64_t>(steps[k], -lim, lim);
     int64_t b = starts[k] < 0 ? starts[k] + n : starts[k];
     int64_t e = ends[k] < 0 ? ends[k] + n : ends[k];
     if (s > 0) {
       b = std::clamp<int64_t>(b, 0, n);
       e = std::clamp<int64_t>(e, 0, n);
-      dims[ax] = e > b ? (e - b + s - 1) / s : 0;
+      dims[ax] = e > b ? (e - b - 1) / s + 1 : 0;
     } else {
       b = std::clamp<int64_t>(b, -1, n - 1);
       e = std::clamp<int64_t>(e, -1, n - 1);
-      dims[ax] = b > e ? (b - e - s - 1) / -s : 0;
+      dims[ax] = b > e ? (b - e - 1) / -s + 1 : 0;
     }
     begin[ax] = b;
     step[ax] = s;
@@ -334,7 +210,7 @@ ConstTensor Slice(const ConstTensor& x, std::vector<int64_t> starts, std::vector
   ConstTensor out = ConstTensor::Make(x.type, dims);
   std::vector<int64_t> in_stride(rank, 1), idx(rank, 0);
   for (int64_t k = rank; k-- > 1;) in_stride[k - 1] = in_stride[k] * x.dims[k];
-  for (int64_t e = 0; e < out.Count(); ++e) {
+  for (int64_t e = 0, total = out.Count(); e < total; ++e) {
     int64_t src = 0;
     for (int64_t k = 0; k < rank; ++k) src += (begin[k] + idx[k] * step[k]) * in_stride[k];
     CopyElement(x, src, &out, e);
@@ -364,7 +240,7 @@ ConstTensor Reduce(const std::string& op, const ConstTensor& x, std::vector<int6
   std::vector<double> acc(out.Count(), op == "ReduceProd" ? 1.0 : 0.0);
   std::vector<int64_t> seen(out.Count(), 0);
   std::vector<int64_t> idx(rank, 0);
-  for (int64_t e = 0; e < x.Count(); ++e) {
+  for (int64_t e = 0, total = x.Count(); e < total; ++e) {
     int64_t o = 0;
     for (int64_t k = 0; k < rank; ++k) o = o * kept_dims[k] + (reduced[k] ? 0 : idx[k]);
     const double v = x.Get(e);
@@ -382,7 +258,7 @@ ConstTensor Reduce(const std::string& op, const ConstTensor& x, std::vector<int6
       idx[k] = 0;
     }
   }
-  for (int64_t o = 0; o < out.Count(); ++o) {
+  for (int64_t o = 0, total = out.Count(); o < total; ++o) {
     out.Set(o, op == "ReduceMean" && seen[o] ? acc[o] / seen[o] : acc[o]);
   }
   return out;
@@ -392,7 +268,7 @@ ConstTensor Reduce(const std::string& op, const ConstTensor& x, std::vector<int6
 std::vector<int64_t> ReshapeDims(const std::vector<int64_t>& in, const std::vector<int64_t>& shape,
                                  bool allowzero) {
   std::vector<int64_t> out(shape.size());
-  int64_t known = 1, infer = -1;
+  int64_t infer = -1;
   for (size_t k = 0; k < shape.size(); ++k) {
     if (shape[k] == 0 && !allowzero) {
       if (k >= in.size()) throw FoldError("shape has 0 at an axis the input lacks");
@@ -401,14 +277,20 @@ std::vector<int64_t> ReshapeDims(const std::vector<int64_t>& in, const std::vect
       if (infer >= 0) throw FoldError("shape has more than one -1");
       infer = k;
       continue;
+    } else if (shape[k] < 0) {
+      throw FoldError("shape " + DimsString(shape) + " has a negative entry other than -1");
     } else {
       out[k] = shape[k];
     }
-    known *= out[k];
   }
+  std::vector<int64_t> known_dims;  // all but the inferred axis
+  for (size_t k = 0; k < out.size(); ++k) {
+    if (static_cast<int64_t>(k) != infer) known_dims.push_back(out[k]);
+  }
+  const int64_t known = CountUpTo(known_dims, INT64_MAX);  // -1 past the int64 range
   const int64_t n = DimsProduct(in);
   if (infer >= 0) {
-    if (known == 0 || n % known) throw FoldError("cannot infer the -1 of the shape");
+    if (known <= 0 || n % known) throw FoldError("cannot infer the -1 of the shape");
     out[infer] = n / known;
   } else if (known != n) {
     throw FoldError("shape " + DimsString(shape) + " does not fit input " + DimsString(in));
@@ -448,21 +330,6 @@ ConstTensor ConstantValue(const onnx::NodeProto& node, const std::string& base_d
   throw FoldError("Constant without a supported value attribute");
 }
 
-const std::set<std::string>& UnaryOps() {
-  static const std::set<std::string> ops = {"Neg",     "Abs",  "Sqrt", "Floor",      "Ceil",
-                                            "Round",   "Exp",  "Log",  "Reciprocal", "Relu",
-                                            "Sigmoid", "Tanh", "Erf",  "Sign",       "Not"};
-  return ops;
-}
-
-const std::set<std::string>& BinaryOps() {
-  static const std::set<std::string> ops = {
-      "Add", "Sub", "Mul",   "Div",  "Pow",     "Max",         "Min",
-      "Sum", "Mod", "Equal", "Less", "Greater", "LessOrEqual", "GreaterOrEqual",
-      "And", "Or",  "Xor"};
-  return ops;
-}
-
 std::vector<ConstTensor> One(ConstTensor&& t) {
   std::vector<ConstTensor> v;
   v.push_back(std::move(t));
@@ -491,7 +358,8 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
   if (UnaryOps().count(op)) return One(Unary(op, Need(in, 0)));
   if (BinaryOps().count(op)) {
     ConstTensor acc = Need(in, 0);
-    for (size_t k = 1; k < in.size(); ++k) acc = Elementwise(op, acc, Need(in, k), node);
+    for (size_t k = 1; k < in.size(); ++k)
+      acc = Elementwise(op, acc, Need(in, k), AttrInt(node, "fmod", 0) != 0);
     return One(std::move(acc));
   }
   if (op == "Gather") return One(Gather(Need(in, 0), Need(in, 1), AttrInt(node, "axis", 0)));
@@ -535,7 +403,7 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
     if (const auto* a = FindAttr(node, "value")) value = TensorFromProto(a->t(), base_dir);
     if (value.Count() != 1) throw FoldError("value must hold one element");
     ConstTensor out = ConstTensor::Make(value.type, dims);
-    for (int64_t k = 0; k < out.Count(); ++k) CopyElement(value, 0, &out, k);
+    for (int64_t k = 0, total = out.Count(); k < total; ++k) CopyElement(value, 0, &out, k);
     return One(std::move(out));
   }
   if (op == "Reshape") {
@@ -563,6 +431,7 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
   }
   if (op == "Range") {
     const ConstTensor &start = Need(in, 0), &limit = Need(in, 1), &delta = Need(in, 2);
+    NeedSameType({&start, &limit, &delta}, "start, limit and delta");
     if (start.Count() != 1 || limit.Count() != 1 || delta.Count() != 1) {
       throw FoldError("start, limit and delta must hold one value each");
     }
@@ -574,13 +443,16 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
       throw FoldError("would hold more than " + std::to_string(kMaxComputedElements) +
                       " values (the limit for constants computed while importing)");
     }
-    const int64_t n = std::max<int64_t>(static_cast<int64_t>(count), 0);
+    const int64_t n = count > 0 ? static_cast<int64_t>(count) : 0;  // also below -2^63
     ConstTensor out = ConstTensor::Make(start.type, {n});
     for (int64_t k = 0; k < n; ++k) {
       if (out.IsFloat()) {
         out.Set(k, s + k * d);
       } else {
-        out.SetInt(k, start.i[0] + k * delta.i[0]);
+        // Wraps around like the integer arithmetic above.
+        const uint64_t v = static_cast<uint64_t>(start.i[0]) +
+                           static_cast<uint64_t>(k) * static_cast<uint64_t>(delta.i[0]);
+        out.SetInt(k, static_cast<int64_t>(v));
       }
     }
     return One(std::move(out));
@@ -590,16 +462,17 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
     const std::vector<int64_t> dims = BroadcastShapes(x.dims, Need(in, 1).Ints());
     ConstTensor out = ConstTensor::Make(x.type, dims);
     const auto off = BroadcastOffsets(dims, x.dims);
-    for (int64_t k = 0; k < out.Count(); ++k) CopyElement(x, off[k], &out, k);
+    for (int64_t k = 0, total = out.Count(); k < total; ++k) CopyElement(x, off[k], &out, k);
     return One(std::move(out));
   }
   if (op == "Where") {
     const ConstTensor &c = Need(in, 0), &x = Need(in, 1), &y = Need(in, 2);
+    NeedSameType({&x, &y}, "X and Y");
     const std::vector<int64_t> dims = BroadcastShapes(BroadcastShapes(c.dims, x.dims), y.dims);
     ConstTensor out = ConstTensor::Make(x.type, dims);
     const auto oc = BroadcastOffsets(dims, c.dims), ox = BroadcastOffsets(dims, x.dims),
                oy = BroadcastOffsets(dims, y.dims);
-    for (int64_t k = 0; k < out.Count(); ++k) {
+    for (int64_t k = 0, total = out.Count(); k < total; ++k) {
       if (c.GetInt(oc[k])) {
         CopyElement(x, ox[k], &out, k);
       } else {
@@ -613,10 +486,17 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
     const std::vector<int64_t> reps = Need(in, 1).Ints();
     if (reps.size() != x.dims.size()) throw FoldError("repeats do not match the input rank");
     std::vector<int64_t> dims(x.dims.size());
-    for (size_t k = 0; k < dims.size(); ++k) dims[k] = x.dims[k] * reps[k];
+    for (size_t k = 0; k < dims.size(); ++k) {
+      if (reps[k] < 0) throw FoldError("repeats " + DimsString(reps) + " has a negative entry");
+      if (x.dims[k] > 0 && reps[k] > kMaxComputedElements / x.dims[k]) {
+        throw FoldError("would hold more than " + std::to_string(kMaxComputedElements) +
+                        " values (the limit for constants computed while importing)");
+      }
+      dims[k] = x.dims[k] * reps[k];
+    }
     ConstTensor out = ConstTensor::Make(x.type, dims);
     std::vector<int64_t> idx(dims.size(), 0);
-    for (int64_t e = 0; e < out.Count(); ++e) {
+    for (int64_t e = 0, total = out.Count(); e < total; ++e) {
       int64_t src = 0;
       for (size_t k = 0; k < dims.size(); ++k) src = src * x.dims[k] + idx[k] % x.dims[k];
       CopyElement(x, src, &out, e);

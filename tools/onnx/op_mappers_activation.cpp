@@ -51,8 +51,17 @@ void MapClip(Converter& c) {
     lo = c.Float("min", -FLT_MAX);
     hi = c.Float("max", FLT_MAX);
   } else {
-    if (c.HasInput(1)) lo = c.Const(1, "min").Get(0);
-    if (c.HasInput(2)) hi = c.Const(2, "max").Get(0);
+    // min and max are scalars: one value each.
+    auto bound = [&c](int k, const char* what) {
+      const ConstTensor& t = c.Const(k, what);
+      if (t.Count() != 1) {
+        c.Fail(std::string(what) + " holds " + std::to_string(t.Count()) +
+               " values; it must hold one");
+      }
+      return t.Get(0);
+    };
+    if (c.HasInput(1)) lo = bound(1, "min");
+    if (c.HasInput(2)) hi = bound(2, "max");
   }
   if (lo <= -FLT_MAX) lo = -inf;
   if (hi >= FLT_MAX) hi = inf;

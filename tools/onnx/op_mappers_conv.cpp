@@ -115,6 +115,12 @@ void EmitSpatial(Converter& c, const std::string& type, const Json::object& para
 std::vector<int64_t> KernelShape(Converter& c, const Shape& weight_dims) {
   std::vector<int64_t> kernel = c.Ints("kernel_shape");
   const Shape from_w(weight_dims.begin() + 2, weight_dims.end());
+  for (int64_t k : from_w) {
+    if (k < 1) {
+      c.Fail("weights " + c.InputName(1) + " have shape " + Ints(weight_dims) +
+             ": the kernel is empty");
+    }
+  }
   if (!kernel.empty() && kernel != from_w) {
     c.BadAttr("kernel_shape", Ints(kernel), "the weights have spatial shape " + Ints(from_w));
   }
@@ -139,6 +145,7 @@ void MapConv(Converter& c) {
   }
   const Window win = ReadWindow(c, KernelShape(c, w.dims), true);
   const int64_t group = c.Int("group", 1);
+  if (group < 1) c.BadAttr("group", std::to_string(group), "must be positive");
   const int64_t m = w.dims[0];
   Json::object p;
   p["num_output"] = static_cast<int>(m);
@@ -164,8 +171,14 @@ void MapConvTranspose(Converter& c) {
   }
   const std::vector<int64_t> kernel = KernelShape(c, w.dims);
   const int64_t group = c.Int("group", 1);
-  const int64_t cin = w.dims[0], mg = w.dims[1], m = mg * group, cg = cin / group;
-  if (cin % group) c.BadAttr("group", std::to_string(group), "does not divide the weights");
+  if (group < 1) c.BadAttr("group", std::to_string(group), "must be positive");
+  const int64_t cin = w.dims[0], mg = w.dims[1];
+  // A group within the input channels also keeps mg * group within the
+  // weights' element count.
+  if (cin % group || group > std::max<int64_t>(cin, 1)) {
+    c.BadAttr("group", std::to_string(group), "does not divide the weights");
+  }
+  const int64_t m = mg * group, cg = cin / group;
   const Shape& in = c.InShape(0);
   auto list = [&](const std::string& name, int64_t def) {
     std::vector<int64_t> v = c.Ints(name);
@@ -237,7 +250,8 @@ void MapConvTranspose(Converter& c) {
   for (int64_t k : kernel) taps *= k;
   const std::vector<float> src = w.Floats();
   std::vector<float> dst(src.size());
-  for (int64_t g = 0; g < group; ++g) {
+  // Empty weights (a channel count of 0) have nothing to move.
+  for (int64_t g = 0; g < group && !src.empty(); ++g) {
     for (int64_t o = 0; o < mg; ++o) {
       for (int64_t ci = 0; ci < cg; ++ci) {
         const float* from = &src[((g * cg + ci) * mg + o) * taps];
@@ -388,7 +402,7 @@ void MapGemm(Converter& c) {
     const int64_t rows = n / std::max<int64_t>(m, 1);
     if (n == 1) {
       bias.assign(m, static_cast<float>(cb.Get(0)));
-    } else if (!cb.dims.empty() && cb.dims.back() == m && n % m == 0) {
+    } else if (!cb.dims.empty() && cb.dims.back() == m && m > 0 && n >= m && n % m == 0) {
       const std::vector<float> all = cb.Floats();
       bias.assign(all.begin(), all.begin() + m);
       for (int64_t r = 1; r < rows; ++r) {

@@ -35,7 +35,7 @@ void MapReshape(Converter& c) {
   const bool allowzero = c.Int("allowzero", 0) != 0;
   const Shape& in = c.InShape(0);
   Shape out(target.size());
-  int64_t known = 1, infer = -1;
+  int64_t infer = -1;
   for (size_t k = 0; k < target.size(); ++k) {
     if (target[k] == 0 && !allowzero) {
       if (k >= in.size()) c.Fail("shape " + DimsString(target) + " copies a missing axis");
@@ -48,10 +48,13 @@ void MapReshape(Converter& c) {
     } else {
       out[k] = target[k];
     }
-    known *= out[k];
   }
-  if (infer >= 0) out[infer] = known ? Product(in) / known : 0;
-  if (Product(out) != Product(in)) {
+  if (infer >= 0) {
+    out[infer] = 1;
+    const int64_t known = CountUpTo(out, INT64_MAX);  // -1 past the int64 range
+    out[infer] = known > 0 ? Product(in) / known : 0;
+  }
+  if (CountUpTo(out, INT64_MAX) != Product(in)) {
     c.Fail("shape " + DimsString(target) + " does not fit input of shape " + DimsString(in));
   }
   EmitReshape(c, c.In(0), in, c.Out(0), out);
@@ -81,6 +84,9 @@ void MapSqueeze(Converter& c) {
   const int64_t rank = squeeze ? in.size() : in.size() + given.size();
   std::set<int64_t> axes;
   for (int64_t a : given) axes.insert(NormalizeAxis(c, a, rank, "axes"));
+  if (!squeeze && axes.size() != given.size()) {
+    c.Fail("axes " + DimsString(given) + " name an axis more than once");
+  }
   Shape out;
   if (squeeze) {
     if (given.empty()) {
@@ -118,7 +124,7 @@ void MapTranspose(Converter& c) {
   }
   std::vector<int64_t> sorted = perm;
   std::sort(sorted.begin(), sorted.end());
-  for (int64_t k = 0; k < rank; ++k) {
+  for (int64_t k = 0; k < static_cast<int64_t>(sorted.size()); ++k) {
     if (static_cast<int64_t>(sorted.size()) != rank || sorted[k] != k) {
       c.BadAttr("perm", DimsString(perm), "not a permutation of the input's axes");
     }
@@ -154,8 +160,14 @@ void MapSplit(Converter& c) {
     const int64_t piece = (total + n - 1) / n;  // the last piece takes the rest
     for (int k = 0; k < n; ++k) sizes.push_back(std::min(piece, total - piece * k));
   }
-  if (static_cast<int>(sizes.size()) != n ||
-      std::accumulate(sizes.begin(), sizes.end(), int64_t{0}) != total) {
+  // Each piece within the axis first, so that the sum cannot overflow.
+  bool fits = static_cast<int>(sizes.size()) == n;
+  int64_t sum = 0;
+  for (int64_t s : sizes) {
+    fits &= s >= 0 && s <= total;
+    if (fits) sum += s;
+  }
+  if (!fits || sum != total) {
     c.Fail("split " + DimsString(sizes) + " does not cut axis " + std::to_string(axis) +
            " of size " + std::to_string(total) + " into " + std::to_string(n) + " outputs");
   }
@@ -315,7 +327,7 @@ bool NearestMatches(int64_t in, int64_t out, double scale, const std::string& ct
       return false;
     }
     src = std::clamp<double>(src, 0, in - 1);
-    const int64_t ours = std::min<int64_t>(static_cast<int64_t>(std::floor(dst * r)), in - 1);
+    const int64_t ours = std::min<int64_t>(SaturatingInt(std::floor(dst * r)), in - 1);
     if (static_cast<int64_t>(src) != ours) return false;
   }
   return true;
@@ -354,7 +366,7 @@ void MapResize(Converter& c) {
       if (policy != "stretch") c.BadAttr("keep_aspect_ratio_policy", "\"" + policy + "\"");
       if (c.HasInput(2)) scales = from_tensor(2, "scales");
       if (c.HasInput(3)) {
-        for (double v : from_tensor(3, "sizes")) sizes.push_back(static_cast<int64_t>(v));
+        for (double v : from_tensor(3, "sizes")) sizes.push_back(SaturatingInt(v));
       }
       if (!scales.empty() && !sizes.empty()) c.Fail("both scales and sizes are given");
       std::vector<int64_t> axes = c.Ints("axes");
@@ -379,8 +391,8 @@ void MapResize(Converter& c) {
       (!sizes.empty() && (sizes[0] != in[0] || sizes[1] != in[1]))) {
     c.Fail("only H and W can be resized");
   }
-  const int64_t oh = sizes.empty() ? static_cast<int64_t>(std::floor(in[2] * scales[2])) : sizes[2];
-  const int64_t ow = sizes.empty() ? static_cast<int64_t>(std::floor(in[3] * scales[3])) : sizes[3];
+  const int64_t oh = sizes.empty() ? SaturatingInt(std::floor(in[2] * scales[2])) : sizes[2];
+  const int64_t ow = sizes.empty() ? SaturatingInt(std::floor(in[3] * scales[3])) : sizes[3];
   if (c.Int("antialias", 0) != 0 && (oh < in[2] || ow < in[3])) {
     c.BadAttr("antialias", "1", "when downsampling");
   }
@@ -457,7 +469,8 @@ void MapExpand(Converter& c) {
     x = t;
   }
   Shape reps(out.size());
-  for (size_t k = 0; k < out.size(); ++k) reps[k] = out[k] / padded[k];
+  // An axis of size 0 stays 0 (broadcasting keeps it): repeated once.
+  for (size_t k = 0; k < out.size(); ++k) reps[k] = padded[k] ? out[k] / padded[k] : 1;
   c.Emit("Tile", {x}, {c.Out(0)}, {{"repeats", JsonInts(reps)}});
 }
 

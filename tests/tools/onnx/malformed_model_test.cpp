@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <onnx/onnx_pb.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,13 @@ onnx::NodeProto* AddNode(onnx::ModelProto* m, const std::string& op, const std::
   for (const auto& in : inputs) n->add_input(in);
   for (const auto& out : outputs) n->add_output(out);
   return n;
+}
+
+void SetInt(onnx::NodeProto* n, const std::string& name, int64_t v) {
+  auto* a = n->add_attribute();
+  a->set_name(name);
+  a->set_type(onnx::AttributeProto::INT);
+  a->set_i(v);
 }
 
 void SetInts(onnx::NodeProto* n, const std::string& name, const std::vector<int64_t>& v) {
@@ -189,10 +197,7 @@ TEST(MalformedModel, RequiredInputEmpty) {
 
 TEST(MalformedModel, AttributeOfTheWrongType) {
   onnx::ModelProto m = ConvModel();
-  auto* a = m.mutable_graph()->mutable_node(0)->add_attribute();
-  a->set_name("strides");
-  a->set_type(onnx::AttributeProto::INT);
-  a->set_i(1);
+  SetInt(m.mutable_graph()->mutable_node(0), "strides", 1);
   EXPECT_EQ(ImportMessage(m),
             "node \"conv\" (Conv): attribute \"strides\" has type INT; the operator takes INTS");
 }
@@ -262,11 +267,7 @@ TEST(MalformedModel, LayerNormalizationAxisOutOfRange) {
   onnx::ModelProto m = Model(17);
   AddInput(&m, "x", {1, 4});
   AddInit(&m, "scale", {4});
-  onnx::NodeProto* n = AddNode(&m, "LayerNormalization", "ln", {"x", "scale"}, {"y", "mean"});
-  auto* a = n->add_attribute();
-  a->set_name("axis");
-  a->set_type(onnx::AttributeProto::INT);
-  a->set_i(-3);
+  SetInt(AddNode(&m, "LayerNormalization", "ln", {"x", "scale"}, {"y", "mean"}), "axis", -3);
   AddOutput(&m, "y");
   EXPECT_EQ(ImportMessage(m),
             "node \"ln\" (LayerNormalization): attribute \"axis\" value -3 is outside [-2, 1] "
@@ -310,11 +311,7 @@ TEST(MalformedModel, UnsqueezeOfAConstantNamingAnAxisTwice) {
 TEST(MalformedModel, ReduceWithKeepdimsOtherThanZeroOrOne) {
   onnx::ModelProto m = Model(12);
   AddInput(&m, "x", {2, 1, 4});
-  onnx::NodeProto* n = AddNode(&m, "ReduceL1", "reduce", {"x"}, {"r"});
-  auto* a = n->add_attribute();
-  a->set_name("keepdims");
-  a->set_type(onnx::AttributeProto::INT);
-  a->set_i(4);
+  SetInt(AddNode(&m, "ReduceL1", "reduce", {"x"}, {"r"}), "keepdims", 4);
   AddInit(&m, "b", {2});
   AddNode(&m, "MatMul", "matmul", {"r", "b"}, {"y"});
   AddOutput(&m, "y");
@@ -328,11 +325,7 @@ TEST(MalformedModel, ReduceWithKeepdimsOtherThanZeroOrOne) {
 TEST(MalformedModel, LayerNormalizationOfAScalar) {
   onnx::ModelProto m = Model(17);
   AddInput(&m, "x", {2, 3});
-  onnx::NodeProto* n = AddNode(&m, "ReduceMean", "mean", {"x"}, {"r"});
-  auto* a = n->add_attribute();
-  a->set_name("keepdims");
-  a->set_type(onnx::AttributeProto::INT);
-  a->set_i(0);
+  SetInt(AddNode(&m, "ReduceMean", "mean", {"x"}, {"r"}), "keepdims", 0);
   AddInit(&m, "scale", {1});
   AddNode(&m, "LayerNormalization", "ln", {"r", "scale"}, {"y", "mean_out", "inv_std"});
   AddOutput(&m, "y");
@@ -398,6 +391,292 @@ TEST(MalformedModel, ConstantOfShapeBeyondTheLimit) {
   EXPECT_EQ(ImportMessage(m),
             "node \"fill\" (ConstantOfShape): would have shape [100000, 100000], more than "
             "67108864 elements (the limit for constants computed while importing)");
+}
+
+// The classes below were found by the onnx_graph fuzz target (structured
+// models). A constant: FLOAT and BOOL values as given, other types as int64.
+void AddConst(onnx::ModelProto* m, const std::string& name, int32_t type,
+              const std::vector<int64_t>& dims, const std::vector<double>& values) {
+  auto* t = m->mutable_graph()->add_initializer();
+  t->set_name(name);
+  t->set_data_type(type);
+  for (int64_t d : dims) t->add_dims(d);
+  for (double v : values) {
+    if (type == onnx::TensorProto::FLOAT) {
+      t->add_float_data(static_cast<float>(v));
+    } else if (type == onnx::TensorProto::BOOL) {
+      t->add_int32_data(v != 0);
+    } else {
+      t->add_int64_data(static_cast<int64_t>(v));
+    }
+  }
+}
+
+void AddInt64Const(onnx::ModelProto* m, const std::string& name,
+                   const std::vector<int64_t>& values) {
+  auto* t = m->mutable_graph()->add_initializer();
+  t->set_name(name);
+  t->set_data_type(onnx::TensorProto::INT64);
+  t->add_dims(static_cast<int64_t>(values.size()));
+  for (int64_t v : values) t->add_int64_data(v);
+}
+
+constexpr int32_t kF = onnx::TensorProto::FLOAT;
+
+TEST(MalformedModel, FloatConditionBeyondInt64IsTrue) {
+  // Reading 1e30 as an integer was undefined; it saturates (true).
+  onnx::ModelProto m = Model();
+  AddInput(&m, "x", {2, 3});
+  AddConst(&m, "cond", kF, {}, {1e30});
+  AddInt64Const(&m, "a", {3, 2});
+  AddInt64Const(&m, "b", {5, 5});
+  AddNode(&m, "Where", "where", {"cond", "a", "b"}, {"shape"});
+  AddNode(&m, "Reshape", "reshape", {"x", "shape"}, {"y"});
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m), "(imported)");
+}
+
+TEST(MalformedModel, NegOfInt64MinSaturates) {
+  onnx::ModelProto m = ConvModel();
+  AddConst(&m, "c", kF, {2, 3}, {1, 2, 3, 4, 5, 6});
+  AddInt64Const(&m, "s", {INT64_MIN, 3});
+  AddNode(&m, "Neg", "neg", {"s"}, {"shape"});
+  AddNode(&m, "Reshape", "reshape", {"c", "shape"}, {"r"});
+  AddNode(&m, "Add", "add", {"y", "r"}, {"z"});
+  EXPECT_EQ(ImportMessage(m),
+            "node \"reshape\" (Reshape): shape [9223372036854775807, -3] has a negative entry "
+            "other than -1");
+}
+
+TEST(MalformedModel, ClipMinWithoutValue) {
+  onnx::ModelProto m = Model();
+  AddInput(&m, "x", {1, 4});
+  AddConst(&m, "min", kF, {0}, {});
+  AddNode(&m, "Clip", "clip", {"x", "min"}, {"y"});
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m), "node \"clip\" (Clip): min holds 0 values; it must hold one");
+}
+
+TEST(MalformedModel, ConstantReshapeBeyondInt64) {
+  onnx::ModelProto m = ConvModel();
+  AddConst(&m, "c", kF, {2, 3}, {1, 2, 3, 4, 5, 6});
+  AddInt64Const(&m, "shape", {int64_t{1} << 40, int64_t{1} << 40});
+  AddNode(&m, "Reshape", "reshape", {"c", "shape"}, {"r"});
+  AddNode(&m, "Add", "add", {"y", "r"}, {"z"});
+  EXPECT_EQ(ImportMessage(m),
+            "node \"reshape\" (Reshape): shape [1099511627776, 1099511627776] does not fit "
+            "input [2, 3]");
+}
+
+TEST(MalformedModel, ConstantReshapeNegativeEntry) {
+  onnx::ModelProto m = ConvModel();
+  AddConst(&m, "c", kF, {2, 3}, {1, 2, 3, 4, 5, 6});
+  AddInt64Const(&m, "shape", {-2, -3});
+  AddNode(&m, "Reshape", "reshape", {"c", "shape"}, {"r"});
+  AddNode(&m, "Add", "add", {"y", "r"}, {"z"});
+  EXPECT_EQ(ImportMessage(m),
+            "node \"reshape\" (Reshape): shape [-2, -3] has a negative entry other than -1");
+}
+
+TEST(MalformedModel, UnsqueezeAxisTwice) {
+  onnx::ModelProto m = Model();
+  AddInput(&m, "x", {2, 3});
+  AddInt64Const(&m, "axes", {1, 1, 3});
+  AddNode(&m, "Unsqueeze", "unsqueeze", {"x", "axes"}, {"y"});
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m),
+            "node \"unsqueeze\" (Unsqueeze): axes [1, 1, 3] name an axis more than once");
+}
+
+TEST(MalformedModel, ConstantWhereOfTwoTypes) {
+  onnx::ModelProto m = ConvModel();
+  AddConst(&m, "cond", onnx::TensorProto::BOOL, {}, {1});
+  AddConst(&m, "a", kF, {1}, {2});
+  AddInt64Const(&m, "b", {3});
+  AddNode(&m, "Where", "where", {"cond", "a", "b"}, {"sel"});
+  AddNode(&m, "Add", "add", {"y", "sel"}, {"z"});
+  EXPECT_EQ(ImportMessage(m),
+            "node \"where\" (Where): X and Y differ in element type (float and int64)");
+}
+
+TEST(MalformedModel, ConstantConcatOfTwoTypes) {
+  onnx::ModelProto m = ConvModel();
+  AddConst(&m, "a", kF, {1}, {2});
+  AddInt64Const(&m, "b", {3});
+  SetInt(AddNode(&m, "Concat", "concat", {"a", "b"}, {"c"}), "axis", 0);
+  AddNode(&m, "Add", "add", {"y", "c"}, {"z"});
+  EXPECT_EQ(ImportMessage(m),
+            "node \"concat\" (Concat): inputs differ in element type (float and int64)");
+}
+
+TEST(MalformedModel, ConstantTransposeNotAPermutation) {
+  onnx::ModelProto m = ConvModel();
+  AddConst(&m, "c", kF, {0, 1, 1}, {});
+  SetInts(AddNode(&m, "Transpose", "transpose", {"c"}, {"t"}), "perm", {2, 2, 2});
+  AddNode(&m, "Add", "add", {"y", "t"}, {"z"});
+  EXPECT_EQ(ImportMessage(m),
+            "node \"transpose\" (Transpose): perm [2, 2, 2] is not a permutation of the "
+            "input's axes");
+}
+
+TEST(MalformedModel, ConstantTileBeyondTheLimit) {
+  onnx::ModelProto m = ConvModel();
+  AddConst(&m, "c", kF, {3}, {1, 2, 3});
+  AddInt64Const(&m, "reps", {INT64_MAX});
+  AddNode(&m, "Tile", "tile", {"c", "reps"}, {"t"});
+  AddNode(&m, "Add", "add", {"y", "t"}, {"z"});
+  EXPECT_EQ(ImportMessage(m),
+            "node \"tile\" (Tile): would hold more than 67108864 values (the limit for "
+            "constants computed while importing)");
+}
+
+TEST(MalformedModel, GemmWithEmptyCStillImports) {
+  // C of shape [0, 2] was read as one bias per output past its end.
+  onnx::ModelProto m = Model();
+  AddInput(&m, "x", {2, 2});
+  AddInit(&m, "b", {2, 2});
+  AddConst(&m, "c", kF, {0, 2}, {});
+  AddNode(&m, "Gemm", "gemm", {"x", "b", "c"}, {"y"});
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m), "(imported)");
+}
+
+TEST(MalformedModel, EmptyConstantWithHugeDims) {
+  // The element count of [2^62, 100, 0] overflowed before reaching the 0.
+  onnx::ModelProto m = ConvModel();
+  AddInt64Const(&m, "shape", {int64_t{1} << 62, 100, 0});
+  AddNode(&m, "ConstantOfShape", "fill", {"shape"}, {"c"});
+  AddNode(&m, "Add", "add", {"y", "c"}, {"z"});
+  EXPECT_EQ(ImportMessage(m),
+            "node \"add\" (Add): shapes [1, 1, 2, 2] and [4611686018427387904, 100, 0] cannot "
+            "be broadcast together");
+}
+
+TEST(MalformedModel, SplitSizesBeyondInt64) {
+  // Summing the sizes overflowed before they were compared with the axis.
+  onnx::ModelProto m = Model();
+  AddConst(&m, "c", kF, {4, 0}, {});
+  AddInt64Const(&m, "split", {4, INT64_MAX});
+  AddNode(&m, "Split", "split", {"c", "split"}, {"a", "b"});
+  AddOutput(&m, "a");
+  EXPECT_EQ(ImportMessage(m),
+            "node \"split\" (Split): split [4, 9223372036854775807] does not cut axis 0 of "
+            "size 4 into 2 outputs");
+}
+
+TEST(MalformedModel, ExpandOfAnEmptyTensorImports) {
+  // The repeats were divided by the tensor's axis of size 0.
+  onnx::ModelProto m = Model();
+  AddInput(&m, "x", {2, 1});
+  AddConst(&m, "e", kF, {2, 0}, {});
+  AddNode(&m, "Add", "add", {"x", "e"}, {"t"});
+  AddInt64Const(&m, "shape", {3, 2, 0});
+  AddNode(&m, "Expand", "expand", {"t", "shape"}, {"y"});
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m), "(imported)");
+}
+
+TEST(MalformedModel, ConstantConcatOfMismatchedShapes) {
+  // The output was sized from the first input only and written past its end.
+  onnx::ModelProto m = ConvModel();
+  AddConst(&m, "a", kF, {0, 0, 0}, {});
+  AddConst(&m, "b", kF, {4, 1, 4}, std::vector<double>(16, 1.0));
+  SetInt(AddNode(&m, "Concat", "concat", {"a", "b"}, {"c"}), "axis", -3);
+  AddNode(&m, "Add", "add", {"y", "c"}, {"z"});
+  EXPECT_EQ(ImportMessage(m),
+            "node \"concat\" (Concat): inputs of shapes [0, 0, 0] and [4, 1, 4] differ "
+            "outside axis 0");
+}
+
+TEST(MalformedModel, ConstantSliceWithHugeStepImports) {
+  // The output length overflowed for a step of 2^63 - 1; it takes one element.
+  onnx::ModelProto m = ConvModel();
+  AddConst(&m, "c", kF, {4}, {1, 2, 3, 4});
+  AddInt64Const(&m, "starts", {0});
+  AddInt64Const(&m, "ends", {4});
+  AddInt64Const(&m, "axes", {0});
+  AddInt64Const(&m, "steps", {INT64_MAX});
+  AddNode(&m, "Slice", "slice", {"c", "starts", "ends", "axes", "steps"}, {"s"});
+  AddNode(&m, "Add", "add", {"y", "s"}, {"z"});
+  AddOutput(&m, "z");
+  EXPECT_EQ(ImportMessage(m), "(imported)");
+}
+
+TEST(MalformedModel, ConvTransposeGroupZero) {
+  // The group divided the weights' input channels before it was checked.
+  onnx::ModelProto m = Model();
+  AddInput(&m, "x", {1, 2, 4, 4});
+  AddConst(&m, "w", kF, {2, 1, 1, 1}, {1, 1});
+  SetInt(AddNode(&m, "ConvTranspose", "deconv", {"x", "w"}, {"y"}), "group", 0);
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m),
+            "node \"deconv\" (ConvTranspose): attribute \"group\" value 0 is not supported "
+            "(must be positive)");
+}
+
+// The conv model plus a [2, 3] constant reshaped to `op`(a, b) of two
+// one-element int64 constants, folded while importing.
+onnx::ModelProto ReshapeToFolded(const std::string& op, int64_t a, int64_t b) {
+  onnx::ModelProto m = ConvModel();
+  AddConst(&m, "c", kF, {2, 3}, {1, 2, 3, 4, 5, 6});
+  AddInt64Const(&m, "a", {a});
+  AddInt64Const(&m, "b", {b});
+  AddNode(&m, op, "fold", {"a", "b"}, {"shape"});
+  AddNode(&m, "Reshape", "reshape", {"c", "shape"}, {"r"});
+  AddNode(&m, "Add", "add", {"y", "r"}, {"z"});
+  return m;
+}
+
+TEST(MalformedModel, ConstantIntegerSumWrapsAround) {
+  // Integer tensors wrap around (the overflow was undefined before).
+  EXPECT_EQ(ImportMessage(ReshapeToFolded("Add", INT64_MIN, -2)),
+            "node \"reshape\" (Reshape): shape [9223372036854775806] does not fit input [2, 3]");
+}
+
+TEST(MalformedModel, ConstantInt64MinDividedByMinusOne) {
+  EXPECT_EQ(ImportMessage(ReshapeToFolded("Div", INT64_MIN, -1)),
+            "node \"reshape\" (Reshape): shape [-9223372036854775808] has a negative entry "
+            "other than -1");
+}
+
+TEST(MalformedModel, ConvTransposeGroupBeyondEmptyWeights) {
+  // Empty weights are divided by any group; the output count overflowed.
+  onnx::ModelProto m = Model();
+  AddInput(&m, "x", {1, 2, 4, 4});
+  AddConst(&m, "w", kF, {0, 4, 1, 1}, {});
+  SetInt(AddNode(&m, "ConvTranspose", "deconv", {"x", "w"}, {"y"}), "group", INT64_MAX);
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m),
+            "node \"deconv\" (ConvTranspose): attribute \"group\" value 9223372036854775807 is "
+            "not supported (does not divide the weights)");
+}
+
+TEST(MalformedModel, ConvTransposeWithEmptyKernel) {
+  // Reordering empty weights indexed into an empty vector; an empty kernel
+  // is refused.
+  onnx::ModelProto m = Model();
+  AddInput(&m, "x", {1, 2, 4, 4});
+  AddConst(&m, "w", kF, {2, 1, 0, 1}, {});
+  AddNode(&m, "ConvTranspose", "deconv", {"x", "w"}, {"y"});
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m),
+            "node \"deconv\" (ConvTranspose): weights w have shape [2, 1, 0, 1]: the kernel is "
+            "empty");
+}
+
+TEST(MalformedModel, ConstantRangeOfMoreThanInt64Steps) {
+  // The count, -1.8e19, was converted to int64 before it was clamped to 0.
+  onnx::ModelProto m = ConvModel();
+  AddConst(&m, "c", kF, {2, 3}, {1, 2, 3, 4, 5, 6});
+  AddConst(&m, "start", onnx::TensorProto::INT64, {}, {});
+  m.mutable_graph()->mutable_initializer()->rbegin()->add_int64_data(INT64_MAX);
+  AddConst(&m, "limit", onnx::TensorProto::INT64, {}, {});
+  m.mutable_graph()->mutable_initializer()->rbegin()->add_int64_data(INT64_MIN);
+  AddConst(&m, "delta", onnx::TensorProto::INT64, {}, {1});
+  AddNode(&m, "Range", "range", {"start", "limit", "delta"}, {"shape"});
+  AddNode(&m, "Reshape", "reshape", {"c", "shape"}, {"r"});
+  AddNode(&m, "Add", "add", {"y", "r"}, {"z"});
+  EXPECT_EQ(ImportMessage(m), "node \"reshape\" (Reshape): shape [] does not fit input [2, 3]");
 }
 
 }  // namespace
