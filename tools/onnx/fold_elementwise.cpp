@@ -180,6 +180,13 @@ ConstTensor Elementwise(const std::string& name, const ConstTensor& a, const Con
 
 namespace {
 
+template <typename T>
+std::set<std::string> KeysOf(const std::map<std::string, T>& table) {
+  std::set<std::string> keys;
+  for (const auto& kv : table) keys.insert(kv.first);
+  return keys;
+}
+
 enum class UnOp {
   kNeg,
   kAbs,
@@ -269,20 +276,12 @@ ConstTensor Unary(const std::string& name, const ConstTensor& x) {
 }
 
 const std::set<std::string>& UnaryOps() {
-  static const std::set<std::string> ops = [] {
-    std::set<std::string> names;
-    for (const auto& kv : UnaryOpTable()) names.insert(kv.first);
-    return names;
-  }();
+  static const std::set<std::string> ops = KeysOf(UnaryOpTable());
   return ops;
 }
 
 const std::set<std::string>& BinaryOps() {
-  static const std::set<std::string> ops = [] {
-    std::set<std::string> names;
-    for (const auto& kv : BinaryOpTable()) names.insert(kv.first);
-    return names;
-  }();
+  static const std::set<std::string> ops = KeysOf(BinaryOpTable());
   return ops;
 }
 
