@@ -15,6 +15,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -247,6 +249,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const onnx::ModelProto model = BuildModel(in);
   std::string bytes;
   if (!model.SerializeToString(&bytes)) return 0;
+  // To look at a finding's model: QZDL_FUZZ_DUMP=model.onnx <target> <input>.
+  if (const char* dump = std::getenv("QZDL_FUZZ_DUMP")) std::ofstream(dump) << bytes;
   qzdl::OnnxImportResult result;
   try {
     result = qzdl::ImportOnnxBytes(bytes, "fuzz.onnx", base_dir);

@@ -461,8 +461,10 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
     const ConstTensor& x = Need(in, 0);
     const std::vector<int64_t> dims = BroadcastShapes(x.dims, Need(in, 1).Ints());
     ConstTensor out = ConstTensor::Make(x.type, dims);
-    const auto off = BroadcastOffsets(dims, x.dims);
-    for (int64_t k = 0, total = out.Count(); k < total; ++k) CopyElement(x, off[k], &out, k);
+    BroadcastWalk wx(dims, x.dims);
+    for (int64_t k = 0, total = out.Count(); k < total; ++k, wx.Next()) {
+      CopyElement(x, wx.offset(), &out, k);
+    }
     return One(std::move(out));
   }
   if (op == "Where") {
@@ -470,13 +472,12 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
     NeedSameType({&x, &y}, "X and Y");
     const std::vector<int64_t> dims = BroadcastShapes(BroadcastShapes(c.dims, x.dims), y.dims);
     ConstTensor out = ConstTensor::Make(x.type, dims);
-    const auto oc = BroadcastOffsets(dims, c.dims), ox = BroadcastOffsets(dims, x.dims),
-               oy = BroadcastOffsets(dims, y.dims);
-    for (int64_t k = 0, total = out.Count(); k < total; ++k) {
-      if (c.GetInt(oc[k])) {
-        CopyElement(x, ox[k], &out, k);
+    BroadcastWalk wc(dims, c.dims), wx(dims, x.dims), wy(dims, y.dims);
+    for (int64_t k = 0, total = out.Count(); k < total; ++k, wc.Next(), wx.Next(), wy.Next()) {
+      if (c.GetInt(wc.offset())) {
+        CopyElement(x, wx.offset(), &out, k);
       } else {
-        CopyElement(y, oy[k], &out, k);
+        CopyElement(y, wy.offset(), &out, k);
       }
     }
     return One(std::move(out));

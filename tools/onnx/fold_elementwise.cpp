@@ -6,10 +6,7 @@
 
 namespace qzdl::onnx_import {
 
-// For each element of `out`, the offset of the element of `in` it reads
-// under broadcasting.
-std::vector<int64_t> BroadcastOffsets(const std::vector<int64_t>& out,
-                                      const std::vector<int64_t>& in) {
+BroadcastWalk::BroadcastWalk(const std::vector<int64_t>& out, const std::vector<int64_t>& in) {
   const size_t rank = out.size();
   std::vector<int64_t> stride(rank, 0);
   int64_t s = 1;
@@ -19,27 +16,22 @@ std::vector<int64_t> BroadcastOffsets(const std::vector<int64_t>& out,
     stride[ox] = in[ax] == 1 ? 0 : s;
     s *= in[ax];
   }
-  // Axes of size 1 never advance: leaving them out keeps the walk short for
+  // Axes of size 1 never advance: leaving them out keeps each step short for
   // shapes with many of them.
-  std::vector<int64_t> dims, steps;
   for (size_t ax = 0; ax < rank; ++ax) {
-    if (out[ax] != 1) dims.push_back(out[ax]), steps.push_back(stride[ax]);
+    if (out[ax] != 1) dims_.push_back(out[ax]), steps_.push_back(stride[ax]);
   }
-  const int64_t n = DimsProduct(out);
-  std::vector<int64_t> offsets(n);
-  std::vector<int64_t> idx(dims.size(), 0);
-  int64_t off = 0;
-  for (int64_t e = 0; e < n; ++e) {
-    offsets[e] = off;
-    for (size_t ax = dims.size(); ax-- > 0;) {
-      ++idx[ax];
-      off += steps[ax];
-      if (idx[ax] < dims[ax]) break;
-      off -= steps[ax] * idx[ax];
-      idx[ax] = 0;
-    }
+  idx_.assign(dims_.size(), 0);
+}
+
+void BroadcastWalk::Next() {
+  for (size_t ax = dims_.size(); ax-- > 0;) {
+    ++idx_[ax];
+    offset_ += steps_[ax];
+    if (idx_[ax] < dims_[ax]) return;
+    offset_ -= steps_[ax] * idx_[ax];
+    idx_[ax] = 0;
   }
-  return offsets;
 }
 
 namespace {
@@ -165,14 +157,16 @@ ConstTensor Elementwise(const std::string& name, const ConstTensor& a, const Con
   const std::vector<int64_t> dims = BroadcastShapes(a.dims, b.dims);
   const bool is_compare = op >= BinOp::kEqual;
   ConstTensor out = ConstTensor::Make(is_compare ? kBool : a.type, dims);
-  const auto oa = BroadcastOffsets(dims, a.dims), ob = BroadcastOffsets(dims, b.dims);
+  BroadcastWalk wa(dims, a.dims), wb(dims, b.dims);
   const bool fp = a.IsFloat() || b.IsFloat();
   const int64_t total = out.Count();
   if (!fp && !is_compare) {
-    for (int64_t k = 0; k < total; ++k) out.SetInt(k, IntBinary(op, a.i[oa[k]], b.i[ob[k]], fmod));
+    for (int64_t k = 0; k < total; ++k, wa.Next(), wb.Next()) {
+      out.SetInt(k, IntBinary(op, a.i[wa.offset()], b.i[wb.offset()], fmod));
+    }
   } else {
-    for (int64_t k = 0; k < total; ++k) {
-      out.Set(k, FloatBinary(op, a.Get(oa[k]), b.Get(ob[k]), fmod));
+    for (int64_t k = 0; k < total; ++k, wa.Next(), wb.Next()) {
+      out.Set(k, FloatBinary(op, a.Get(wa.offset()), b.Get(wb.offset()), fmod));
     }
   }
   return out;

@@ -11,10 +11,21 @@
 
 namespace qzdl::onnx_import {
 
-// For each element of a tensor of dims `out`, the offset of the element of a
-// tensor of dims `in` that it reads under broadcasting.
-std::vector<int64_t> BroadcastOffsets(const std::vector<int64_t>& out,
-                                      const std::vector<int64_t>& in);
+// Walks the elements of a tensor of dims `out` in order and gives, for each,
+// the offset of the element of a tensor of dims `in` that it reads under
+// broadcasting (`in` broadcasts to `out`). Keeps no table, so folding a large
+// constant needs no memory beyond its inputs and result.
+class BroadcastWalk {
+ public:
+  BroadcastWalk(const std::vector<int64_t>& out, const std::vector<int64_t>& in);
+  int64_t offset() const { return offset_; }
+  // On to the next element of `out`.
+  void Next();
+
+ private:
+  std::vector<int64_t> dims_, steps_, idx_;
+  int64_t offset_ = 0;
+};
 
 // The operators that Unary and Elementwise evaluate (domain "").
 const std::set<std::string>& UnaryOps();

@@ -32,6 +32,18 @@ int SpatialRank(Converter& c) {
   return rank - 2;
 }
 
+// Fails unless every entry of attribute `name` lies in [lo, INT_MAX]: the
+// layers take them as int, and the window arithmetic stays within int64.
+void CheckEntries(Converter& c, const std::string& name, const std::vector<int64_t>& v,
+                  int64_t lo) {
+  for (int64_t x : v) {
+    if (x < lo || x > INT_MAX) {
+      c.BadAttr(name, Ints(v),
+                "entries must lie in " + std::to_string(lo) + ".." + std::to_string(INT_MAX));
+    }
+  }
+}
+
 // Reads strides, dilations and pads (with auto_pad) for `kernel` (ONNX
 // order, 1 or 2 entries).
 Window ReadWindow(Converter& c, const std::vector<int64_t>& kernel, bool has_dilations) {
@@ -41,6 +53,7 @@ Window ReadWindow(Converter& c, const std::vector<int64_t>& kernel, bool has_dil
     std::vector<int64_t> v = c.Ints(name);
     if (v.empty()) v.assign(n, def);
     if (v.size() != n) c.BadAttr(name, Ints(v), "expected " + std::to_string(n) + " entries");
+    CheckEntries(c, name, v, name == "pads" ? 0 : 1);
     return v;
   };
   const std::vector<int64_t> strides = list("strides", 1, sr);
@@ -61,9 +74,6 @@ Window ReadWindow(Converter& c, const std::vector<int64_t>& kernel, bool has_dil
     }
   } else if (auto_pad != "NOTSET" && !auto_pad.empty()) {
     c.BadAttr("auto_pad", "\"" + auto_pad + "\"");
-  }
-  for (int64_t p : pads) {
-    if (p < 0) c.BadAttr("pads", Ints(pads), "negative pads");
   }
   Window w;
   w.one_d = sr == 1;
@@ -184,13 +194,18 @@ void MapConvTranspose(Converter& c) {
     std::vector<int64_t> v = c.Ints(name);
     if (v.empty()) v.assign(sr, def);
     if (static_cast<int>(v.size()) != sr) c.BadAttr(name, Ints(v), "wrong number of entries");
+    CheckEntries(c, name, v, def);
     return v;
   };
   const std::vector<int64_t> strides = list("strides", 1), dil = list("dilations", 1);
   std::vector<int64_t> out_pad = list("output_padding", 0);
   std::vector<int64_t> pads = c.Ints("pads");
   if (pads.empty()) pads.assign(2 * sr, 0);
+  // Checked before output_shape or auto_pad fill them in.
+  if (static_cast<int>(pads.size()) != 2 * sr) c.BadAttr("pads", Ints(pads), "wrong length");
+  CheckEntries(c, "pads", pads, 0);
   const std::vector<int64_t> out_shape = c.Ints("output_shape");
+  CheckEntries(c, "output_shape", out_shape, 0);
   const std::string auto_pad = c.Str("auto_pad", "NOTSET");
   if (auto_pad != "NOTSET" && auto_pad != "" && auto_pad != "VALID" && auto_pad != "SAME_UPPER" &&
       auto_pad != "SAME_LOWER") {
@@ -220,10 +235,6 @@ void MapConvTranspose(Converter& c) {
       if (begin < 0) c.BadAttr("output_shape", Ints(out_shape), "needs a negative leading pad");
       pads[k] = begin, pads[k + sr] = end;
     }
-  }
-  if (static_cast<int>(pads.size()) != 2 * sr) c.BadAttr("pads", Ints(pads), "wrong length");
-  for (int64_t p : pads) {
-    if (p < 0) c.BadAttr("pads", Ints(pads), "negative pads");
   }
   const bool one_d = sr == 1;
   const int h = one_d ? -1 : 0, x = sr - 1;

@@ -679,5 +679,19 @@ TEST(MalformedModel, ConstantRangeOfMoreThanInt64Steps) {
   EXPECT_EQ(ImportMessage(m), "node \"reshape\" (Reshape): shape [] does not fit input [2, 3]");
 }
 
+TEST(MalformedModel, ConvStrideBeyondInt) {
+  // SAME padding added the stride to the input size in int64.
+  onnx::ModelProto m = ConvModel();
+  onnx::NodeProto* conv = m.mutable_graph()->mutable_node(0);
+  SetInts(conv, "strides", {INT64_MAX, 1});
+  auto* pad = conv->add_attribute();
+  pad->set_name("auto_pad");
+  pad->set_type(onnx::AttributeProto::STRING);
+  pad->set_s("SAME_UPPER");
+  EXPECT_EQ(ImportMessage(m),
+            "node \"conv\" (Conv): attribute \"strides\" value [9223372036854775807, 1] is not "
+            "supported (entries must lie in 1..2147483647)");
+}
+
 }  // namespace
 }  // namespace qzdl::test

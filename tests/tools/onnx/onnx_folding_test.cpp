@@ -5,6 +5,7 @@
 #include <climits>
 
 #include "tools/onnx/constant_folding.h"
+#include "tools/onnx/fold_elementwise.h"
 
 namespace qzdl::onnx_import {
 namespace {
@@ -143,6 +144,24 @@ TEST(OnnxFolding, ErrorsNameTheProblem) {
   } catch (const FoldError& e) {
     EXPECT_STREQ(e.what(), "shapes [2] and [3] cannot be broadcast together");
   }
+}
+
+// The offsets read, in order, for each element of `out`.
+std::vector<int64_t> Walk(const std::vector<int64_t>& out, const std::vector<int64_t>& in) {
+  BroadcastWalk w(out, in);
+  std::vector<int64_t> offsets;
+  for (int64_t k = 0, n = DimsProduct(out); k < n; ++k, w.Next()) offsets.push_back(w.offset());
+  return offsets;
+}
+
+TEST(BroadcastWalk, OffsetsOfEachBroadcastKind) {
+  EXPECT_EQ(Walk({2, 1, 3}, {2, 1, 3}), (std::vector<int64_t>{0, 1, 2, 3, 4, 5}));
+  EXPECT_EQ(Walk({2, 1, 3}, {3}), (std::vector<int64_t>{0, 1, 2, 0, 1, 2}));
+  EXPECT_EQ(Walk({2, 1, 3}, {2, 1, 1}), (std::vector<int64_t>{0, 0, 0, 1, 1, 1}));
+  EXPECT_EQ(Walk({2, 3}, {}), (std::vector<int64_t>{0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(Walk({1, 1, 1, 2, 1, 1}, {2, 1, 1}), (std::vector<int64_t>{0, 1}));
+  EXPECT_EQ(Walk({}, {}), (std::vector<int64_t>{0}));
+  EXPECT_EQ(Walk({2, 0, 3}, {3}), (std::vector<int64_t>{}));
 }
 
 }  // namespace
