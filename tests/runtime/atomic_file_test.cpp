@@ -3,7 +3,6 @@
 // clean-up on signals and exit.
 #include "runtime/atomic_file.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -15,7 +14,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,32 +25,11 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-// The names in `dir`, sorted, without "." and "..".
-Names List(const std::string& dir) {
-  Names names;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
-      const std::string name = e->d_name;
-      if (name != "." && name != "..") names.push_back(name);
-    }
-    closedir(d);
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-std::string Read(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::ostringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
-// Plain stream writes: the tests' own files do not go through the code under
-// test.
-void Put(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
+// The tests' own files are read and written with plain streams
+// (test::ReadFile, test::WriteFile), not through the code under test.
+using test::FolderNames;
+using test::ReadFile;
+using test::WriteFile;
 
 // Bytes that show a misplaced or missing piece: every position differs from
 // its neighbours, and there are zero bytes.
@@ -74,25 +51,25 @@ TEST(AtomicFile, WritesANewFile) {
   std::string error = "untouched";
   ASSERT_TRUE(WriteFileAtomically(dir + "/out.bin", contents, &error));
   EXPECT_EQ(error, "untouched");
-  EXPECT_EQ(Read(dir + "/out.bin"), contents);
-  EXPECT_EQ(List(dir), Names({"out.bin"}));
+  EXPECT_EQ(ReadFile(dir + "/out.bin"), contents);
+  EXPECT_EQ(FolderNames(dir), Names({"out.bin"}));
 }
 
 TEST(AtomicFile, ReplacesAnExistingFileAndAnEmptyOneToo) {
   const std::string dir = test::TempDir("atomic_replace");
   const std::string path = dir + "/out.bin";
-  Put(path, "the old contents, longer than the new ones");
+  WriteFile(path, "the old contents, longer than the new ones");
   ASSERT_TRUE(WriteFileAtomically(path, "new"));
-  EXPECT_EQ(Read(path), "new");
+  EXPECT_EQ(ReadFile(path), "new");
   ASSERT_TRUE(WriteFileAtomically(path, ""));
-  EXPECT_EQ(Read(path), "");
-  EXPECT_EQ(List(dir), Names({"out.bin"}));
+  EXPECT_EQ(ReadFile(path), "");
+  EXPECT_EQ(FolderNames(dir), Names({"out.bin"}));
 }
 
 TEST(AtomicFile, StreamsThroughATemporaryFileBesideTheTarget) {
   const std::string dir = test::TempDir("atomic_stream");
   const std::string path = dir + "/out.bin";
-  Put(path, "old");
+  WriteFile(path, "old");
   AtomicFileWriter writer(path);
   ASSERT_TRUE(writer.ok()) << writer.error();
   EXPECT_EQ(writer.path(), path);
@@ -107,47 +84,47 @@ TEST(AtomicFile, StreamsThroughATemporaryFileBesideTheTarget) {
     ASSERT_TRUE(writer.Write(piece));
     expected += piece;
   }
-  EXPECT_EQ(Read(path), "old");
-  EXPECT_EQ(List(dir), Names({"out.bin", "out.bin.tmp." + Pid()}));
+  EXPECT_EQ(ReadFile(path), "old");
+  EXPECT_EQ(FolderNames(dir), Names({"out.bin", "out.bin.tmp." + Pid()}));
   ASSERT_TRUE(writer.Finish());
-  EXPECT_EQ(Read(path), "old");
-  EXPECT_EQ(Read(writer.temp_path()), expected);
+  EXPECT_EQ(ReadFile(path), "old");
+  EXPECT_EQ(ReadFile(writer.temp_path()), expected);
   ASSERT_TRUE(writer.Commit()) << writer.error();
   EXPECT_TRUE(writer.ok());
   EXPECT_EQ(writer.error(), "");
-  EXPECT_EQ(Read(path).size(), expected.size());
-  EXPECT_TRUE(Read(path) == expected);
-  EXPECT_EQ(List(dir), Names({"out.bin"}));
+  EXPECT_EQ(ReadFile(path).size(), expected.size());
+  EXPECT_TRUE(ReadFile(path) == expected);
+  EXPECT_EQ(FolderNames(dir), Names({"out.bin"}));
   EXPECT_TRUE(writer.Commit());  // a second commit changes nothing
   EXPECT_FALSE(writer.Write("late"));
-  EXPECT_EQ(List(dir), Names({"out.bin"}));
+  EXPECT_EQ(FolderNames(dir), Names({"out.bin"}));
 }
 
 TEST(AtomicFile, WithoutCommitTheOldFileStays) {
   const std::string dir = test::TempDir("atomic_no_commit");
   const std::string path = dir + "/out.bin";
-  Put(path, "old");
+  WriteFile(path, "old");
   {
     AtomicFileWriter writer(path);
     ASSERT_TRUE(writer.Write(Pattern(1 << 20, 3)));
     ASSERT_TRUE(writer.Finish());
-    EXPECT_EQ(List(dir), Names({"out.bin", "out.bin.tmp." + Pid()}));
+    EXPECT_EQ(FolderNames(dir), Names({"out.bin", "out.bin.tmp." + Pid()}));
   }
-  EXPECT_EQ(Read(path), "old");
-  EXPECT_EQ(List(dir), Names({"out.bin"}));
+  EXPECT_EQ(ReadFile(path), "old");
+  EXPECT_EQ(FolderNames(dir), Names({"out.bin"}));
 }
 
 TEST(AtomicFile, DiscardRemovesTheTemporaryFile) {
   const std::string dir = test::TempDir("atomic_discard");
   const std::string path = dir + "/out.bin";
-  Put(path, "old");
+  WriteFile(path, "old");
   AtomicFileWriter writer(path);
   ASSERT_TRUE(writer.Write("new"));
   writer.Discard();
-  EXPECT_EQ(List(dir), Names({"out.bin"}));
+  EXPECT_EQ(FolderNames(dir), Names({"out.bin"}));
   EXPECT_FALSE(writer.Commit());
   EXPECT_EQ(writer.error(), "cannot write \"" + path + "\": discarded before it was complete");
-  EXPECT_EQ(Read(path), "old");
+  EXPECT_EQ(ReadFile(path), "old");
 }
 
 TEST(AtomicFile, MissingFolderIsReportedWithTheReason) {
@@ -161,21 +138,21 @@ TEST(AtomicFile, MissingFolderIsReportedWithTheReason) {
   EXPECT_FALSE(writer.Write("x"));
   EXPECT_FALSE(writer.Commit());
   EXPECT_EQ(writer.error(), error);
-  EXPECT_EQ(List(dir), Names());
+  EXPECT_EQ(FolderNames(dir), Names());
 }
 
 TEST(AtomicFile, UncreatableTemporaryFileKeepsTheOldFile) {
   // A folder where the temporary file would go: refused even for root.
   const std::string dir = test::TempDir("atomic_blocked");
   const std::string path = dir + "/out.bin";
-  Put(path, "old");
+  WriteFile(path, "old");
   ASSERT_EQ(mkdir(AtomicTempPath(path).c_str(), 0755), 0);
   std::string error;
   EXPECT_FALSE(WriteFileAtomically(path, "new", &error));
   EXPECT_EQ(error, "cannot write \"" + path + "\": Is a directory");
-  EXPECT_EQ(Read(path), "old");
-  EXPECT_EQ(List(dir), Names({"out.bin", "out.bin.tmp." + Pid()}));  // the blocking folder
-  EXPECT_EQ(List(AtomicTempPath(path)), Names());
+  EXPECT_EQ(ReadFile(path), "old");
+  EXPECT_EQ(FolderNames(dir), Names({"out.bin", "out.bin.tmp." + Pid()}));  // the blocking folder
+  EXPECT_EQ(FolderNames(AtomicTempPath(path)), Names());
 }
 
 // Writes `contents` to `path` as a user who may not write into its folder:
@@ -213,14 +190,14 @@ std::pair<bool, std::string> WriteAsUnprivileged(const std::string& path,
 TEST(AtomicFile, ReadOnlyFolderKeepsTheOldFile) {
   const std::string dir = test::TempDir("atomic_read_only");
   const std::string path = dir + "/out.bin";
-  Put(path, "old");
+  WriteFile(path, "old");
   ASSERT_EQ(chmod(dir.c_str(), 0555), 0);
   const auto [written, error] = WriteAsUnprivileged(path, "new");
   chmod(dir.c_str(), 0755);
   EXPECT_FALSE(written);
   EXPECT_EQ(error, "cannot write \"" + path + "\": Permission denied");
-  EXPECT_EQ(Read(path), "old");
-  EXPECT_EQ(List(dir), Names({"out.bin"}));
+  EXPECT_EQ(ReadFile(path), "old");
+  EXPECT_EQ(FolderNames(dir), Names({"out.bin"}));
 }
 
 // Lowers the largest file size this process may write, as a full disk would
@@ -247,7 +224,7 @@ class FileSizeLimit {
 TEST(AtomicFile, FailedWriteMidwayKeepsTheOldFile) {
   const std::string dir = test::TempDir("atomic_full");
   const std::string path = dir + "/out.bin";
-  Put(path, "old");
+  WriteFile(path, "old");
   std::string error;
   bool written = true;
   {
@@ -256,8 +233,8 @@ TEST(AtomicFile, FailedWriteMidwayKeepsTheOldFile) {
   }
   EXPECT_FALSE(written);
   EXPECT_EQ(error, "cannot write \"" + path + "\": File too large");
-  EXPECT_EQ(Read(path), "old");
-  EXPECT_EQ(List(dir), Names({"out.bin"}));
+  EXPECT_EQ(ReadFile(path), "old");
+  EXPECT_EQ(FolderNames(dir), Names({"out.bin"}));
 
   // The same through small buffered pieces: the failure shows at a later
   // write or at Commit().
@@ -268,32 +245,32 @@ TEST(AtomicFile, FailedWriteMidwayKeepsTheOldFile) {
     EXPECT_FALSE(writer.Commit());
     EXPECT_EQ(writer.error(), "cannot write \"" + path + "\": File too large");
   }
-  EXPECT_EQ(Read(path), "old");
-  EXPECT_EQ(List(dir), Names({"out.bin"}));
+  EXPECT_EQ(ReadFile(path), "old");
+  EXPECT_EQ(FolderNames(dir), Names({"out.bin"}));
 }
 
 TEST(AtomicFile, KeepsThePermissionsOfTheReplacedFile) {
   const std::string dir = test::TempDir("atomic_mode");
   const std::string path = dir + "/out.bin";
-  Put(path, "old");
+  WriteFile(path, "old");
   ASSERT_EQ(chmod(path.c_str(), 0640), 0);
   ASSERT_TRUE(WriteFileAtomically(path, "new"));
   struct stat status;
   ASSERT_EQ(stat(path.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0640u);
-  EXPECT_EQ(Read(path), "new");
+  EXPECT_EQ(ReadFile(path), "new");
 }
 
 TEST(AtomicFile, ASymbolicLinkStaysAndItsFileIsReplaced) {
   const std::string dir = test::TempDir("atomic_link");
-  Put(dir + "/real.bin", "old");
+  WriteFile(dir + "/real.bin", "old");
   ASSERT_EQ(symlink("real.bin", (dir + "/link.bin").c_str()), 0);
   ASSERT_TRUE(WriteFileAtomically(dir + "/link.bin", "new"));
   struct stat status;
   ASSERT_EQ(lstat((dir + "/link.bin").c_str(), &status), 0);
   EXPECT_TRUE(S_ISLNK(status.st_mode));
-  EXPECT_EQ(Read(dir + "/real.bin"), "new");
-  EXPECT_EQ(List(dir), Names({"link.bin", "real.bin"}));
+  EXPECT_EQ(ReadFile(dir + "/real.bin"), "new");
+  EXPECT_EQ(FolderNames(dir), Names({"link.bin", "real.bin"}));
 }
 
 TEST(AtomicFile, AFifoIsWrittenInPlace) {
@@ -313,7 +290,7 @@ TEST(AtomicFile, AFifoIsWrittenInPlace) {
   struct stat status;
   ASSERT_EQ(stat(path.c_str(), &status), 0);
   EXPECT_TRUE(S_ISFIFO(status.st_mode));
-  EXPECT_EQ(List(dir), Names({"pipe"}));
+  EXPECT_EQ(FolderNames(dir), Names({"pipe"}));
 }
 
 TEST(AtomicFile, AFolderCannotBeReplaced) {
@@ -322,34 +299,34 @@ TEST(AtomicFile, AFolderCannotBeReplaced) {
   std::string error;
   EXPECT_FALSE(WriteFileAtomically(dir + "/sub", "x", &error));
   EXPECT_EQ(error, "cannot write \"" + dir + "/sub\": Is a directory");
-  EXPECT_EQ(List(dir), Names({"sub"}));
+  EXPECT_EQ(FolderNames(dir), Names({"sub"}));
 }
 
 TEST(AtomicFile, SeveralFilesAreAllWrittenBeforeAnyIsReplaced) {
   const std::string dir = test::TempDir("atomic_several");
   const std::string a = dir + "/a.json", b = dir + "/b.bin";
-  Put(a, "A1");
-  Put(b, "B1");
+  WriteFile(a, "A1");
+  WriteFile(b, "B1");
   ASSERT_TRUE(WriteFilesAtomically({{a, "A2"}, {b, "B2"}}));
-  EXPECT_EQ(Read(a), "A2");
-  EXPECT_EQ(Read(b), "B2");
+  EXPECT_EQ(ReadFile(a), "A2");
+  EXPECT_EQ(ReadFile(b), "B2");
   // The second file cannot be written: the first is not replaced either.
   const std::string missing = dir + "/missing/c.fb";
   std::string error;
   EXPECT_FALSE(WriteFilesAtomically({{a, "A3"}, {b, "B3"}, {missing, "C3"}}, &error));
   EXPECT_EQ(error, "cannot write \"" + missing + "\": No such file or directory");
-  EXPECT_EQ(Read(a), "A2");
-  EXPECT_EQ(Read(b), "B2");
-  EXPECT_EQ(List(dir), Names({"a.json", "b.bin"}));
+  EXPECT_EQ(ReadFile(a), "A2");
+  EXPECT_EQ(ReadFile(b), "B2");
+  EXPECT_EQ(FolderNames(dir), Names({"a.json", "b.bin"}));
 }
 
 TEST(AtomicFile, APathGivenTwiceGetsTheLaterContents) {
   const std::string dir = test::TempDir("atomic_twice");
   const std::string a = dir + "/a.bin";
   ASSERT_TRUE(WriteFilesAtomically({{a, "first"}, {dir + "/b.bin", "b"}, {a, "second"}}));
-  EXPECT_EQ(Read(a), "second");
-  EXPECT_EQ(Read(dir + "/b.bin"), "b");
-  EXPECT_EQ(List(dir), Names({"a.bin", "b.bin"}));
+  EXPECT_EQ(ReadFile(a), "second");
+  EXPECT_EQ(ReadFile(dir + "/b.bin"), "b");
+  EXPECT_EQ(FolderNames(dir), Names({"a.bin", "b.bin"}));
 }
 
 TEST(AtomicFile, AForkedChildLeavesItsParentsTemporaryFile) {
@@ -366,9 +343,9 @@ TEST(AtomicFile, AForkedChildLeavesItsParentsTemporaryFile) {
   }
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(List(dir), Names({"out.bin.tmp." + Pid()}));
+  EXPECT_EQ(FolderNames(dir), Names({"out.bin.tmp." + Pid()}));
   ASSERT_TRUE(writer.Commit()) << writer.error();
-  EXPECT_EQ(Read(path), "parent");
+  EXPECT_EQ(ReadFile(path), "parent");
 }
 
 // ---- Signals and exit, each in a child process ----
@@ -387,12 +364,12 @@ void WriteThenRaise(const std::string& path, int sig) {
 TEST(AtomicFileDeathTest, SignalsRemoveTheTemporaryFileAndStillEndTheRun) {
   const std::string dir = test::TempDir("atomic_signals");
   const std::string path = dir + "/out.bin";
-  Put(path, "old");
+  WriteFile(path, "old");
   for (int sig : {SIGINT, SIGTERM, SIGHUP}) {
     SCOPED_TRACE(sig);
     EXPECT_EXIT(WriteThenRaise(path, sig), ::testing::KilledBySignal(sig), "");
-    EXPECT_EQ(Read(path), "old");
-    EXPECT_EQ(List(dir), Names({"out.bin"}));
+    EXPECT_EQ(ReadFile(path), "old");
+    EXPECT_EQ(FolderNames(dir), Names({"out.bin"}));
   }
 }
 
@@ -404,7 +381,7 @@ extern "C" void OwnHandler(int) {
 TEST(AtomicFileDeathTest, AProgramsOwnHandlerIsKept) {
   const std::string dir = test::TempDir("atomic_own_handler");
   const std::string path = dir + "/out.bin";
-  Put(path, "old");
+  WriteFile(path, "old");
   EXPECT_EXIT(
       {
         signal(SIGTERM, OwnHandler);
@@ -415,14 +392,14 @@ TEST(AtomicFileDeathTest, AProgramsOwnHandlerIsKept) {
         _exit(4);
       },
       ::testing::ExitedWithCode(7), "");
-  EXPECT_EQ(Read(path), "old");
-  EXPECT_EQ(List(dir), Names({"out.bin"}));
+  EXPECT_EQ(ReadFile(path), "old");
+  EXPECT_EQ(FolderNames(dir), Names({"out.bin"}));
 }
 
 TEST(AtomicFileDeathTest, ExitRemovesTheTemporaryFile) {
   const std::string dir = test::TempDir("atomic_exit");
   const std::string path = dir + "/out.bin";
-  Put(path, "old");
+  WriteFile(path, "old");
   EXPECT_EXIT(
       {
         AtomicFileWriter writer(path);
@@ -431,8 +408,8 @@ TEST(AtomicFileDeathTest, ExitRemovesTheTemporaryFile) {
         exit(5);  // no destructor runs for `writer`
       },
       ::testing::ExitedWithCode(5), "");
-  EXPECT_EQ(Read(path), "old");
-  EXPECT_EQ(List(dir), Names({"out.bin"}));
+  EXPECT_EQ(ReadFile(path), "old");
+  EXPECT_EQ(FolderNames(dir), Names({"out.bin"}));
 }
 
 }  // namespace

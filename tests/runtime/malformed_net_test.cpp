@@ -3,9 +3,7 @@
 // damages one thing at a time.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <random>
-#include <sstream>
 
 #include "runtime/create_net.h"
 #include "runtime/weights_file.h"
@@ -14,12 +12,7 @@
 namespace qzdl {
 namespace {
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
+using test::ReadFile;
 
 const std::string kExample = std::string(QZDL_SOURCE_DIR) + "/examples/small_cnn/";
 
@@ -55,8 +48,9 @@ TEST(MalformedNet, EveryParamReplacedByBadValues) {
   std::string err;
   const json11::Json net = json11::Json::parse(text, err);
   ASSERT_TRUE(err.empty());
-  const std::vector<json11::Json> bad = {-1, 0, 1000000000, 2.5, "x", json11::Json::array{},
-                                         json11::Json::array{-3, 0}, nullptr, true};
+  const std::vector<json11::Json> bad = {
+      -1,      0,   1000000000, 2.5, "x", json11::Json::array{}, json11::Json::array{-3, 0},
+      nullptr, true};
   int cases = 0;
   const auto& layers = net["layers"].array_items();
   for (size_t li = 0; li < layers.size(); ++li) {
@@ -129,7 +123,8 @@ TEST(MalformedNet, MissingAndReshapedBlobs) {
 
 TEST(MalformedNet, StructuralDamage) {
   for (const char* text :
-       {"{}", "{\"inputs\": [], \"layers\": []}", "{\"inputs\": [{\"name\": \"d\", \"dims\": [1]}]}",
+       {"{}", "{\"inputs\": [], \"layers\": []}",
+        "{\"inputs\": [{\"name\": \"d\", \"dims\": [1]}]}",
         "{\"inputs\": [{\"name\": \"d\", \"dims\": [1, 2]}], \"layers\": [{\"name\": \"a\"}]}",
         "{\"inputs\": [{\"name\": \"d\", \"dims\": [1, 2]}], \"layers\": [7]}",
         "{\"inputs\": [{\"name\": \"d\", \"dims\": [1, 2]}], \"layers\": [{\"name\": \"a\", "

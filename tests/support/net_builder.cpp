@@ -1,12 +1,15 @@
 #include "support/net_builder.h"
 
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <random>
 
 namespace qzdl::test {
@@ -78,6 +81,28 @@ std::string TempDir(const std::string& name) {
   std::string cmd = "rm -rf '" + dir + "' && mkdir -p '" + dir + "'";
   if (system(cmd.c_str()) != 0) ADD_FAILURE() << "cannot make " << dir;
   return dir;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+void WriteFile(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+std::vector<std::string> FolderNames(const std::string& dir) {
+  std::vector<std::string> names;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (dirent* e = readdir(d)) {
+      const std::string name = e->d_name;
+      if (name != "." && name != "..") names.push_back(name);
+    }
+    closedir(d);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 std::string BuildError(const NetBuilder& b) {

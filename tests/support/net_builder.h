@@ -19,8 +19,8 @@ class NetBuilder {
   NetBuilder& Layer(const std::string& name, const std::string& type,
                     const std::vector<std::string>& inputs, const std::vector<std::string>& outputs,
                     const json11::Json::object& param = {});
-  NetBuilder& Weight(const std::string& layer, const std::string& blob, const std::vector<int>& dims,
-                     const std::vector<float>& values);
+  NetBuilder& Weight(const std::string& layer, const std::string& blob,
+                     const std::vector<int>& dims, const std::vector<float>& values);
   // A top-level key of the net description.
   NetBuilder& Top(const std::string& key, const json11::Json& value);
 
@@ -46,6 +46,13 @@ std::vector<float> RandomVector(size_t n, uint32_t seed, float lo = -1.0f, float
 
 // A fresh empty directory under the test temp area.
 std::string TempDir(const std::string& name);
+
+// Reads a whole file ("" when it cannot be opened).
+std::string ReadFile(const std::string& path);
+// Writes `text` with a plain stream (tests' own files).
+void WriteFile(const std::string& path, const std::string& text);
+// The names in folder `dir`, sorted, without "." and "..".
+std::vector<std::string> FolderNames(const std::string& dir);
 
 // Builds `b`, which must fail, and returns the logged message without its
 // time stamp and without the log line's own final newline.

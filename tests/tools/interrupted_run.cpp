@@ -1,6 +1,5 @@
 #include "tools/interrupted_run.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -8,34 +7,16 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <sstream>
 #include <thread>
+
+#include "support/net_builder.h"
 
 namespace qzdl::test {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-std::vector<std::string> Names(const std::string& dir) {
-  std::vector<std::string> names;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
-      const std::string name = e->d_name;
-      if (name != "." && name != "..") names.push_back(name);
-    }
-    closedir(d);
-  }
-  return names;
-}
-
-std::string Contents(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::ostringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
 
 // Forks and runs `program args` with standard output and error on /dev/null.
 // Everything the child needs is prepared before the fork.
@@ -74,9 +55,9 @@ bool WaitForFileOrEnd(const std::string& path, pid_t pid, int* status) {
 }
 
 void SetUpFolder(const InterruptedRuns& plan) {
-  for (const std::string& name : Names(plan.dir)) unlink((plan.dir + "/" + name).c_str());
+  for (const std::string& name : FolderNames(plan.dir)) unlink((plan.dir + "/" + name).c_str());
   for (const OutputFile& out : plan.outputs) {
-    std::ofstream(plan.dir + "/" + out.name, std::ios::binary) << out.old_contents;
+    WriteFile(plan.dir + "/" + out.name, out.old_contents);
   }
 }
 
@@ -94,7 +75,7 @@ void Check(const InterruptedRuns& plan, pid_t pid, int status, const std::string
   }
   int old_count = 0, new_count = 0;
   for (const OutputFile& out : plan.outputs) {
-    const std::string got = Contents(plan.dir + "/" + out.name);
+    const std::string got = ReadFile(plan.dir + "/" + out.name);
     if (got == out.old_contents) {
       ++old_count;
     } else if (got == out.new_contents) {
@@ -105,7 +86,7 @@ void Check(const InterruptedRuns& plan, pid_t pid, int status, const std::string
     }
   }
   bool temporaries = false;
-  for (const std::string& name : Names(plan.dir)) {
+  for (const std::string& name : FolderNames(plan.dir)) {
     bool known = false;
     for (const OutputFile& out : plan.outputs) {
       if (name == out.name) known = true;

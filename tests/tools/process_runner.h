@@ -42,8 +42,4 @@ int CountLines(const std::string& text, const std::string& line);
 NetBuilder PlainNet();
 NetBuilder ReshapeNet(const std::vector<int>& shapes);
 
-// Reads a whole file ("" when it cannot be opened).
-std::string ReadFile(const std::string& path);
-void WriteFile(const std::string& path, const std::string& text);
-
 }  // namespace qzdl::test

@@ -269,6 +269,15 @@ void ConstTensor::SetInt(int64_t k, int64_t v) {
   }
 }
 
+bool IsPermutation(const std::vector<int64_t>& perm, size_t rank) {
+  std::vector<int64_t> sorted = perm;
+  std::sort(sorted.begin(), sorted.end());
+  for (size_t k = 0; k < sorted.size(); ++k) {
+    if (sorted[k] != static_cast<int64_t>(k)) return false;
+  }
+  return sorted.size() == rank;
+}
+
 int64_t CountUpTo(const std::vector<int64_t>& dims, int64_t limit) {
   for (int64_t d : dims) {
     if (d <= 0) return 0;

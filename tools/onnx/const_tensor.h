@@ -52,6 +52,9 @@ inline int64_t SaturatingInt(double v) {
   return static_cast<int64_t>(v);
 }
 
+// True when `perm` holds each of 0 .. rank - 1 once.
+bool IsPermutation(const std::vector<int64_t>& perm, size_t rank);
+
 // The number of elements of `dims`, or -1 when it exceeds `limit` (also for
 // products that would overflow). Negative dims count as 0.
 int64_t CountUpTo(const std::vector<int64_t>& dims, int64_t limit);

@@ -61,6 +61,13 @@ ConstTensor Cast(const ConstTensor& x, int32_t to) {
   return out;
 }
 
+// For results whose element count is known to pass the limit before their
+// dims could be formed.
+FoldError TooManyValues() {
+  return FoldError("would hold more than " + std::to_string(kMaxComputedElements) +
+                   " values (the limit for constants computed while importing)");
+}
+
 // Fails unless the tensors, which the operator constrains to one element
 // type, have the same type (`what` names them in the message).
 void NeedSameType(const std::vector<const ConstTensor*>& ts, const std::string& what) {
@@ -146,12 +153,8 @@ ConstTensor Transpose(const ConstTensor& x, std::vector<int64_t> perm) {
   if (perm.empty()) {
     for (size_t k = 0; k < rank; ++k) perm.push_back(rank - 1 - k);
   }
-  std::vector<int64_t> sorted = perm;
-  std::sort(sorted.begin(), sorted.end());
-  for (size_t k = 0; k < sorted.size(); ++k) {
-    if (sorted.size() != rank || sorted[k] != static_cast<int64_t>(k)) {
-      throw FoldError("perm " + DimsString(perm) + " is not a permutation of the input's axes");
-    }
+  if (!IsPermutation(perm, rank)) {
+    throw FoldError("perm " + DimsString(perm) + " is not a permutation of the input's axes");
   }
   std::vector<int64_t> dims(rank), in_stride(rank, 1);
   for (size_t k = rank; k-- > 1;) in_stride[k - 1] = in_stride[k] * x.dims[k];
@@ -440,8 +443,7 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
     const double count = std::ceil((l - s) / d);
     // NaN and counts past the limit are refused before the conversion.
     if (!(count <= static_cast<double>(kMaxComputedElements))) {
-      throw FoldError("would hold more than " + std::to_string(kMaxComputedElements) +
-                      " values (the limit for constants computed while importing)");
+      throw TooManyValues();
     }
     const int64_t n = count > 0 ? static_cast<int64_t>(count) : 0;  // also below -2^63
     ConstTensor out = ConstTensor::Make(start.type, {n});
@@ -490,8 +492,7 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
     for (size_t k = 0; k < dims.size(); ++k) {
       if (reps[k] < 0) throw FoldError("repeats " + DimsString(reps) + " has a negative entry");
       if (x.dims[k] > 0 && reps[k] > kMaxComputedElements / x.dims[k]) {
-        throw FoldError("would hold more than " + std::to_string(kMaxComputedElements) +
-                        " values (the limit for constants computed while importing)");
+        throw TooManyValues();
       }
       dims[k] = x.dims[k] * reps[k];
     }

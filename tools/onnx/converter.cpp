@@ -13,13 +13,21 @@ namespace {
 // The layer type that outputs a weight blob "value" as a tensor.
 constexpr const char* kConstantLayer = "Constant";
 
+}  // namespace
+
 std::string Quote(const std::string& s) { return "\"" + s + "\""; }
 
-}  // namespace
+std::string NodeName(const onnx::NodeProto& node, int index) {
+  return node.name().empty() ? node.op_type() + "_" + std::to_string(index) : node.name();
+}
+
+std::string NodeTitle(const onnx::NodeProto& node, int index) {
+  return "node " + Quote(NodeName(node, index)) + " (" + node.op_type() + ")";
+}
 
 void Converter::Begin(const onnx::NodeProto& node, int index) {
   node_ = &node;
-  node_name_ = node.name().empty() ? node.op_type() + "_" + std::to_string(index) : node.name();
+  node_name_ = onnx_import::NodeName(node, index);
   read_attrs_.clear();
   produced_.clear();
   // Names of the node's outputs are taken: later layers must not reuse them.

@@ -27,6 +27,15 @@ using ImportError = OnnxImportError;
 
 using Shape = std::vector<int64_t>;
 
+// `s` in double quotes, as names stand in messages.
+std::string Quote(const std::string& s);
+
+// The name a node goes by: its own, or "<op_type>_<index>" when it has none.
+std::string NodeName(const onnx::NodeProto& node, int index);
+
+// `node "<name>" (<op_type>)`, the start of a message about a node.
+std::string NodeTitle(const onnx::NodeProto& node, int index);
+
 class Converter {
  public:
   Converter(int opset, std::string base_dir) : opset_(opset), base_dir_(std::move(base_dir)) {}

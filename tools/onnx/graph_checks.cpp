@@ -19,14 +19,6 @@ namespace qzdl::onnx_import {
 
 namespace {
 
-std::string Quote(const std::string& s) { return "\"" + s + "\""; }
-
-std::string NodeTitle(const onnx::NodeProto& node, int index) {
-  const std::string name =
-      node.name().empty() ? node.op_type() + "_" + std::to_string(index) : node.name();
-  return "node " + Quote(name) + " (" + node.op_type() + ")";
-}
-
 std::string Count(int64_t n, const std::string& what) {
   return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
 }

@@ -11,12 +11,6 @@
 
 namespace qzdl::onnx_import {
 
-namespace {
-
-std::string Quote(const std::string& s) { return "\"" + s + "\""; }
-
-}  // namespace
-
 onnx::TensorProto ToProto(const ConstTensor& t, const std::string& name) {
   onnx::TensorProto p;
   p.set_name(name);

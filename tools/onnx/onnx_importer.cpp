@@ -24,9 +24,8 @@ namespace {
 using onnx_import::ConstTensor;
 using onnx_import::Converter;
 using onnx_import::FoldError;
+using onnx_import::Quote;
 using onnx_import::Shape;
-
-std::string Quote(const std::string& s) { return "\"" + s + "\""; }
 
 int DefaultOpset(const onnx::ModelProto& model, const std::string& source) {
   for (const auto& op : model.opset_import()) {

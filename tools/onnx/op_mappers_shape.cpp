@@ -122,12 +122,8 @@ void MapTranspose(Converter& c) {
   if (perm.empty()) {
     for (int64_t k = rank - 1; k >= 0; --k) perm.push_back(k);
   }
-  std::vector<int64_t> sorted = perm;
-  std::sort(sorted.begin(), sorted.end());
-  for (int64_t k = 0; k < static_cast<int64_t>(sorted.size()); ++k) {
-    if (static_cast<int64_t>(sorted.size()) != rank || sorted[k] != k) {
-      c.BadAttr("perm", DimsString(perm), "not a permutation of the input's axes");
-    }
+  if (!IsPermutation(perm, static_cast<size_t>(rank))) {
+    c.BadAttr("perm", DimsString(perm), "not a permutation of the input's axes");
   }
   c.Emit("Permute", {c.In(0)}, {c.Out(0)}, {{"order", JsonInts(perm)}});
 }

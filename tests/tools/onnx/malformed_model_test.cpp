@@ -10,26 +10,13 @@
 #include <vector>
 
 #include "tools/onnx/onnx_importer.h"
+#include "tools/onnx/onnx_test_util.h"
 
 namespace qzdl::test {
 namespace {
 
-onnx::ModelProto Model(int opset = 13) {
-  onnx::ModelProto m;
-  m.set_ir_version(7);
-  auto* op = m.add_opset_import();
-  op->set_domain("");
-  op->set_version(opset);
-  m.mutable_graph()->set_name("g");
-  return m;
-}
-
 void AddInput(onnx::ModelProto* m, const std::string& name, const std::vector<int64_t>& dims) {
-  auto* in = m->mutable_graph()->add_input();
-  in->set_name(name);
-  auto* tt = in->mutable_type()->mutable_tensor_type();
-  tt->set_elem_type(onnx::TensorProto::FLOAT);
-  for (int64_t d : dims) tt->mutable_shape()->add_dim()->set_dim_value(d);
+  AddFloatInput(m->mutable_graph(), name, dims);
 }
 
 void AddInit(onnx::ModelProto* m, const std::string& name, const std::vector<int64_t>& dims) {
@@ -74,7 +61,7 @@ void SetInts(onnx::NodeProto* n, const std::string& name, const std::vector<int6
 
 // x [1, 1, 4, 4] -> Conv with 3x3 weights -> y.
 onnx::ModelProto ConvModel(const std::vector<int64_t>& w_dims = {1, 1, 3, 3}) {
-  onnx::ModelProto m = Model();
+  onnx::ModelProto m = EmptyModel();
   AddInput(&m, "x", {1, 1, 4, 4});
   AddInit(&m, "w", w_dims);
   AddNode(&m, "Conv", "conv", {"x", "w"}, {"y"});
@@ -160,7 +147,7 @@ TEST(MalformedModel, UnknownOperatorIsRefusedBeforeInference) {
 }
 
 TEST(MalformedModel, PrivateOperatorOfTheImporter) {
-  onnx::ModelProto m = Model(20);
+  onnx::ModelProto m = EmptyModel(20);
   AddInput(&m, "x", {1, 4});
   AddNode(&m, "qzdl.Swish", "swish", {"x"}, {"y"});
   AddOutput(&m, "y");
@@ -219,7 +206,7 @@ TEST(MalformedModel, RequiredAttributeMissing) {
 // The first fuzzer finding: ConvTranspose on data of 2 axes with weights of
 // 4 made the library's inference read past its per-axis tables.
 TEST(MalformedModel, ConvTransposeOnDataOfTwoAxes) {
-  onnx::ModelProto m = Model();
+  onnx::ModelProto m = EmptyModel();
   AddInput(&m, "X", {3, 4});
   AddInit(&m, "W", {4, 2, 3, 3});
   AddNode(&m, "ConvTranspose", "deconv", {"X", "W"}, {"Y"});
@@ -237,7 +224,7 @@ TEST(MalformedModel, ConvWeightsOfAnotherRank) {
 
 TEST(MalformedModel, RanksFromShapeInferenceAreChecked) {
   // The data of the convolution is an inferred tensor, not a graph input.
-  onnx::ModelProto m = Model();
+  onnx::ModelProto m = EmptyModel();
   AddInput(&m, "x", {1, 1, 4, 4});
   AddInit(&m, "w", {1, 1, 3, 3, 3});
   AddNode(&m, "Relu", "relu", {"x"}, {"r"});
@@ -264,7 +251,7 @@ TEST(MalformedModel, DilationsForAnotherRank) {
 }
 
 TEST(MalformedModel, LayerNormalizationAxisOutOfRange) {
-  onnx::ModelProto m = Model(17);
+  onnx::ModelProto m = EmptyModel(17);
   AddInput(&m, "x", {1, 4});
   AddInit(&m, "scale", {4});
   SetInt(AddNode(&m, "LayerNormalization", "ln", {"x", "scale"}, {"y", "mean"}), "axis", -3);
@@ -277,7 +264,7 @@ TEST(MalformedModel, LayerNormalizationAxisOutOfRange) {
 // Found by a generator of one-node models: Gemm of operator set 6 on a
 // scalar operand; the library's inference indexed its axes unchecked.
 TEST(MalformedModel, GemmOnAScalar) {
-  onnx::ModelProto m = Model(6);
+  onnx::ModelProto m = EmptyModel(6);
   AddInput(&m, "a", {2, 3});
   AddInit(&m, "b", {});
   AddInit(&m, "c", {2});
@@ -290,7 +277,7 @@ TEST(MalformedModel, GemmOnAScalar) {
 // Found by the same generator, in the importer's own constant folding: an
 // Unsqueeze naming one axis twice read past its input's dims.
 TEST(MalformedModel, UnsqueezeOfAConstantNamingAnAxisTwice) {
-  onnx::ModelProto m = Model(15);
+  onnx::ModelProto m = EmptyModel(15);
   AddInput(&m, "x", {2, 3});
   AddNode(&m, "Size", "size", {"x"}, {"n"});
   auto* axes = m.mutable_graph()->add_initializer();
@@ -309,7 +296,7 @@ TEST(MalformedModel, UnsqueezeOfAConstantNamingAnAxisTwice) {
 // Found by the generator: ReduceL1 with keepdims 4 (ONNX keeps axes for 1
 // only) gave a scalar to a MatMul, whose mapping took the last axis of it.
 TEST(MalformedModel, ReduceWithKeepdimsOtherThanZeroOrOne) {
-  onnx::ModelProto m = Model(12);
+  onnx::ModelProto m = EmptyModel(12);
   AddInput(&m, "x", {2, 1, 4});
   SetInt(AddNode(&m, "ReduceL1", "reduce", {"x"}, {"r"}), "keepdims", 4);
   AddInit(&m, "b", {2});
@@ -323,7 +310,7 @@ TEST(MalformedModel, ReduceWithKeepdimsOtherThanZeroOrOne) {
 // Found by the generator: LayerNormalization of a scalar; the library's
 // inference took the default axis -1 as an index.
 TEST(MalformedModel, LayerNormalizationOfAScalar) {
-  onnx::ModelProto m = Model(17);
+  onnx::ModelProto m = EmptyModel(17);
   AddInput(&m, "x", {2, 3});
   SetInt(AddNode(&m, "ReduceMean", "mean", {"x"}, {"r"}), "keepdims", 0);
   AddInit(&m, "scale", {1});
@@ -425,7 +412,7 @@ constexpr int32_t kF = onnx::TensorProto::FLOAT;
 
 TEST(MalformedModel, FloatConditionBeyondInt64IsTrue) {
   // Reading 1e30 as an integer was undefined; it saturates (true).
-  onnx::ModelProto m = Model();
+  onnx::ModelProto m = EmptyModel();
   AddInput(&m, "x", {2, 3});
   AddConst(&m, "cond", kF, {}, {1e30});
   AddInt64Const(&m, "a", {3, 2});
@@ -449,7 +436,7 @@ TEST(MalformedModel, NegOfInt64MinSaturates) {
 }
 
 TEST(MalformedModel, ClipMinWithoutValue) {
-  onnx::ModelProto m = Model();
+  onnx::ModelProto m = EmptyModel();
   AddInput(&m, "x", {1, 4});
   AddConst(&m, "min", kF, {0}, {});
   AddNode(&m, "Clip", "clip", {"x", "min"}, {"y"});
@@ -479,7 +466,7 @@ TEST(MalformedModel, ConstantReshapeNegativeEntry) {
 }
 
 TEST(MalformedModel, UnsqueezeAxisTwice) {
-  onnx::ModelProto m = Model();
+  onnx::ModelProto m = EmptyModel();
   AddInput(&m, "x", {2, 3});
   AddInt64Const(&m, "axes", {1, 1, 3});
   AddNode(&m, "Unsqueeze", "unsqueeze", {"x", "axes"}, {"y"});
@@ -532,7 +519,7 @@ TEST(MalformedModel, ConstantTileBeyondTheLimit) {
 
 TEST(MalformedModel, GemmWithEmptyCStillImports) {
   // C of shape [0, 2] was read as one bias per output past its end.
-  onnx::ModelProto m = Model();
+  onnx::ModelProto m = EmptyModel();
   AddInput(&m, "x", {2, 2});
   AddInit(&m, "b", {2, 2});
   AddConst(&m, "c", kF, {0, 2}, {});
@@ -554,7 +541,7 @@ TEST(MalformedModel, EmptyConstantWithHugeDims) {
 
 TEST(MalformedModel, SplitSizesBeyondInt64) {
   // Summing the sizes overflowed before they were compared with the axis.
-  onnx::ModelProto m = Model();
+  onnx::ModelProto m = EmptyModel();
   AddConst(&m, "c", kF, {4, 0}, {});
   AddInt64Const(&m, "split", {4, INT64_MAX});
   AddNode(&m, "Split", "split", {"c", "split"}, {"a", "b"});
@@ -566,7 +553,7 @@ TEST(MalformedModel, SplitSizesBeyondInt64) {
 
 TEST(MalformedModel, ExpandOfAnEmptyTensorImports) {
   // The repeats were divided by the tensor's axis of size 0.
-  onnx::ModelProto m = Model();
+  onnx::ModelProto m = EmptyModel();
   AddInput(&m, "x", {2, 1});
   AddConst(&m, "e", kF, {2, 0}, {});
   AddNode(&m, "Add", "add", {"x", "e"}, {"t"});
@@ -604,7 +591,7 @@ TEST(MalformedModel, ConstantSliceWithHugeStepImports) {
 
 TEST(MalformedModel, ConvTransposeGroupZero) {
   // The group divided the weights' input channels before it was checked.
-  onnx::ModelProto m = Model();
+  onnx::ModelProto m = EmptyModel();
   AddInput(&m, "x", {1, 2, 4, 4});
   AddConst(&m, "w", kF, {2, 1, 1, 1}, {1, 1});
   SetInt(AddNode(&m, "ConvTranspose", "deconv", {"x", "w"}, {"y"}), "group", 0);
@@ -641,7 +628,7 @@ TEST(MalformedModel, ConstantInt64MinDividedByMinusOne) {
 
 TEST(MalformedModel, ConvTransposeGroupBeyondEmptyWeights) {
   // Empty weights are divided by any group; the output count overflowed.
-  onnx::ModelProto m = Model();
+  onnx::ModelProto m = EmptyModel();
   AddInput(&m, "x", {1, 2, 4, 4});
   AddConst(&m, "w", kF, {0, 4, 1, 1}, {});
   SetInt(AddNode(&m, "ConvTranspose", "deconv", {"x", "w"}, {"y"}), "group", INT64_MAX);
@@ -654,7 +641,7 @@ TEST(MalformedModel, ConvTransposeGroupBeyondEmptyWeights) {
 TEST(MalformedModel, ConvTransposeWithEmptyKernel) {
   // Reordering empty weights indexed into an empty vector; an empty kernel
   // is refused.
-  onnx::ModelProto m = Model();
+  onnx::ModelProto m = EmptyModel();
   AddInput(&m, "x", {1, 2, 4, 4});
   AddConst(&m, "w", kF, {2, 1, 0, 1}, {});
   AddNode(&m, "ConvTranspose", "deconv", {"x", "w"}, {"y"});

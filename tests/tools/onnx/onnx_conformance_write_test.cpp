@@ -66,8 +66,8 @@ ToolRun RunConformance(const std::string& root, const std::string& pass_file) {
   const int raw = system(cmd.c_str());
   ToolRun run;
   run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-  run.out = ReadBytes(dir + "/out");
-  run.err = ReadBytes(dir + "/err");
+  run.out = ReadFile(dir + "/out");
+  run.err = ReadFile(dir + "/err");
   return run;
 }
 
@@ -80,7 +80,7 @@ TEST(OnnxConformanceWrite, PassListReplacesTheOldOneWhole) {
   const ToolRun run = RunConformance(root, lists + "/pass.txt");
   EXPECT_EQ(run.status, 0) << run.out << run.err;
   EXPECT_EQ(run.err, "");
-  EXPECT_EQ(ReadBytes(lists + "/pass.txt"), std::string(kHeader) + "node/test_relu_case\n");
+  EXPECT_EQ(ReadFile(lists + "/pass.txt"), std::string(kHeader) + "node/test_relu_case\n");
   EXPECT_EQ(system(("test \"$(ls -A '" + lists + "')\" = pass.txt").c_str()), 0);
 }
 

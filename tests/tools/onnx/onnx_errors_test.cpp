@@ -95,7 +95,7 @@ TEST(OnnxErrors, FailureKeepsOlderOutputs) {
   std::ofstream(out.json) << "old";
   const ToolRun run = RunOnnx2Net("'" + Fixture("unknown_op.onnx") + "' " + out.Args());
   EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(ReadBytes(out.json), "old");
+  EXPECT_EQ(ReadFile(out.json), "old");
   EXPECT_FALSE(FileExists(out.bin));
 }
 
@@ -108,8 +108,8 @@ TEST(OnnxErrors, InputShapeOptionMakesItWork) {
   EXPECT_TRUE(FileExists(out.json));
   EXPECT_TRUE(FileExists(out.bin));
   EXPECT_TRUE(FileExists(out.fb));
-  EXPECT_NE(ReadBytes(out.json).find("{\"name\": \"x\", \"dims\": [2, 3]}"), std::string::npos)
-      << ReadBytes(out.json);
+  EXPECT_NE(ReadFile(out.json).find("{\"name\": \"x\", \"dims\": [2, 3]}"), std::string::npos)
+      << ReadFile(out.json);
 }
 
 TEST(OnnxErrors, BadCommandLine) {

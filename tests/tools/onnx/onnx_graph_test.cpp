@@ -91,16 +91,9 @@ void AddNode(onnx::GraphProto* g, const std::string& op, const std::vector<std::
 // Arithmetic with a constant operand: per channel it becomes a Scale layer,
 // otherwise the constant enters the net through a Constant layer.
 TEST(OnnxGraph, ConstantOperands) {
-  onnx::ModelProto m;
-  m.set_ir_version(7);
-  m.add_opset_import()->set_version(13);
+  onnx::ModelProto m = EmptyModel();
   onnx::GraphProto* g = m.mutable_graph();
-  auto* in = g->add_input();
-  in->set_name("x");
-  in->mutable_type()->mutable_tensor_type()->set_elem_type(onnx::TensorProto::FLOAT);
-  for (int d : {2, 3, 2, 2}) {
-    in->mutable_type()->mutable_tensor_type()->mutable_shape()->add_dim()->set_dim_value(d);
-  }
+  AddFloatInput(g, "x", {2, 3, 2, 2});
   g->add_output()->set_name("y");
   AddInit(g, "c3", {3, 1, 1}, {2, -1, 0.5f});
   AddInit(g, "d3", {1, 3, 1, 1}, {1, 2, 3});
@@ -131,8 +124,8 @@ TEST(OnnxGraph, WeightsAndSerialFilesAgree) {
   const std::string dir = TempDir("onnx_serial");
   const OnnxImportResult r = ConvertOnnxFile(Fixture("torch_cnn.onnx"), dir + "/net.json",
                                              dir + "/net.bin", dir + "/net.fb");
-  EXPECT_EQ(ReadBytes(dir + "/net.json"), r.net_json);
-  EXPECT_EQ(ReadBytes(dir + "/net.bin"), SerializeWeights(r.blobs));
+  EXPECT_EQ(ReadFile(dir + "/net.json"), r.net_json);
+  EXPECT_EQ(ReadFile(dir + "/net.bin"), SerializeWeights(r.blobs));
   const std::vector<WeightBlob> serial = ReadSerialWeights(dir + "/net.fb");
   ASSERT_EQ(serial.size(), r.blobs.size());
   for (size_t k = 0; k < serial.size(); ++k) {

@@ -23,16 +23,9 @@ namespace {
 // x [1, k] -> Gemm -> Relu -> Gemm -> y: 2 k^2 + 2 k weights, enough for a
 // run that takes a noticeable time (k = 768: 4.7 MB of weights).
 std::string LargeModel(int k) {
-  onnx::ModelProto m;
-  m.set_ir_version(7);
-  m.add_opset_import()->set_version(13);
+  onnx::ModelProto m = EmptyModel();
   onnx::GraphProto* g = m.mutable_graph();
-  auto* in = g->add_input();
-  in->set_name("x");
-  in->mutable_type()->mutable_tensor_type()->set_elem_type(onnx::TensorProto::FLOAT);
-  for (int d : {1, k}) {
-    in->mutable_type()->mutable_tensor_type()->mutable_shape()->add_dim()->set_dim_value(d);
-  }
+  AddFloatInput(g, "x", {1, k});
   g->add_output()->set_name("y");
   auto add_init = [&](const std::string& name, std::vector<int64_t> dims, uint32_t seed) {
     auto* t = g->add_initializer();
@@ -84,7 +77,7 @@ class OnnxInterruptedWrite : public ::testing::Test {
       OutputFile f;
       f.name = name;
       f.old_contents = std::string("an earlier ") + name + "\n";
-      f.new_contents = ReadBytes(ref + "/" + name);
+      f.new_contents = ReadFile(ref + "/" + name);
       outputs_->push_back(f);
     }
   }
@@ -176,8 +169,8 @@ TEST_F(OnnxInterruptedWrite, AFileThatCannotBeWrittenReplacesNone) {
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.err, "qzdl_onnx2net: cannot write \"" + fb + "\": No such file or directory\n");
   EXPECT_EQ(run.out, "");
-  EXPECT_EQ(ReadBytes(out_ + "/net.json"), outputs_->at(0).old_contents);
-  EXPECT_EQ(ReadBytes(out_ + "/net.bin"), outputs_->at(1).old_contents);
+  EXPECT_EQ(ReadFile(out_ + "/net.json"), outputs_->at(0).old_contents);
+  EXPECT_EQ(ReadFile(out_ + "/net.bin"), outputs_->at(1).old_contents);
   EXPECT_EQ(OutputFolder(), std::vector<std::string>({"net.bin", "net.fb", "net.json"}));
 }
 
@@ -185,7 +178,7 @@ TEST_F(OnnxInterruptedWrite, ACompleteRunReplacesEveryFileAndLeavesNothingElse) 
   PutOldOutputs();
   TimeRun(QZDL_ONNX2NET, Args(out_));
   for (const OutputFile& f : *outputs_) {
-    EXPECT_TRUE(ReadBytes(out_ + "/" + f.name) == f.new_contents) << f.name;
+    EXPECT_TRUE(ReadFile(out_ + "/" + f.name) == f.new_contents) << f.name;
   }
   EXPECT_EQ(OutputFolder(), std::vector<std::string>({"net.bin", "net.fb", "net.json"}));
 }

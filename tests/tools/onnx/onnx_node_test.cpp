@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "support/net_builder.h"
 #include "support/onnx_tensor.h"
 #include "tools/onnx/onnx_test_util.h"
 
@@ -36,7 +37,7 @@ TEST_P(OnnxNodeTest, MatchesStoredOutputs) {
       feeds.push_back(inputs[k].values);
     } else {
       options.constant_inputs[inputs[k].name] =
-          ReadBytes(data + "/input_" + std::to_string(k) + ".pb");
+          ReadFile(data + "/input_" + std::to_string(k) + ".pb");
     }
   }
   OnnxImportResult result;

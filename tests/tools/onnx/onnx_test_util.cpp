@@ -12,14 +12,25 @@
 
 namespace qzdl::test {
 
-std::string ReadBytes(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::ostringstream s;
-  s << f.rdbuf();
-  return s.str();
+bool FileExists(const std::string& path) { return std::ifstream(path).good(); }
+
+onnx::ModelProto EmptyModel(int opset) {
+  onnx::ModelProto m;
+  m.set_ir_version(7);
+  auto* op = m.add_opset_import();
+  op->set_domain("");
+  op->set_version(opset);
+  m.mutable_graph()->set_name("g");
+  return m;
 }
 
-bool FileExists(const std::string& path) { return std::ifstream(path).good(); }
+void AddFloatInput(onnx::GraphProto* g, const std::string& name, const std::vector<int64_t>& dims) {
+  auto* in = g->add_input();
+  in->set_name(name);
+  auto* tt = in->mutable_type()->mutable_tensor_type();
+  tt->set_elem_type(onnx::TensorProto::FLOAT);
+  for (int64_t d : dims) tt->mutable_shape()->add_dim()->set_dim_value(d);
+}
 
 std::unique_ptr<Net<float>> BuildNet(const OnnxImportResult& result) {
   std::string weights = SerializeWeights(result.blobs);
@@ -54,8 +65,8 @@ ToolRun RunOnnx2Net(const std::string& args) {
   const int raw = system(cmd.c_str());
   ToolRun run;
   run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-  run.out = ReadBytes(out);
-  run.err = ReadBytes(err);
+  run.out = ReadFile(out);
+  run.err = ReadFile(err);
   return run;
 }
 

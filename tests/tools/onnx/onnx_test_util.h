@@ -1,6 +1,8 @@
-// Helpers of the ONNX importer tests: file access, running an imported net,
+// Helpers of the ONNX importer tests: file checks, running an imported net,
 // running the qzdl_onnx2net executable.
 #pragma once
+
+#include <onnx/onnx_pb.h>
 
 #include <memory>
 #include <string>
@@ -11,8 +13,12 @@
 
 namespace qzdl::test {
 
-std::string ReadBytes(const std::string& path);
 bool FileExists(const std::string& path);
+
+// An empty model of IR version 7 that imports operator set `opset`.
+onnx::ModelProto EmptyModel(int opset = 13);
+// Declares the float graph input `name` with fixed `dims`.
+void AddFloatInput(onnx::GraphProto* g, const std::string& name, const std::vector<int64_t>& dims);
 
 // Creates a float net from an import result (no frugal mode, no rewrites).
 std::unique_ptr<Net<float>> BuildNet(const OnnxImportResult& result);
