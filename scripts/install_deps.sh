@@ -14,8 +14,9 @@ PACKAGES=(
   libstb-dev
   libonnx-dev libprotobuf-dev protobuf-compiler
 )
-# oneDNN: convolution and GEMM on x86-64 (docs/gemm-backend.md).
-if [ "$(dpkg --print-architecture)" = "amd64" ]; then PACKAGES+=(libdnnl-dev); fi
+# oneDNN: convolution and GEMM on x86-64 (docs/gemm-backend.md). Its CMake
+# package looks for OpenCL, whose development files oneDNN only recommends.
+if [ "$(dpkg --print-architecture)" = "amd64" ]; then PACKAGES+=(libdnnl-dev ocl-icd-opencl-dev); fi
 missing=()
 for p in "${PACKAGES[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -16,6 +16,7 @@ JOBS=${JOBS:-2}
 export ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1:abort_on_error=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 export OMP_NUM_THREADS=2
+scripts/install_deps.sh
 SECONDS=0
 cmake -S . -B "$BUILD_DIR" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQZDL_SANITIZE=ON \
   -DQZDL_BUILD_BENCH=OFF >/dev/null
