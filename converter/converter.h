@@ -9,6 +9,7 @@
 
 #include "converter/parameter.h"
 #include "quantization/calibration_method.h"
+#include "quantization/observer.h"
 #include "runtime/data.h"
 #include "runtime/json11.h"
 #include "runtime/layer.h"
@@ -21,11 +22,8 @@ class DataLoader;
 
 namespace qzdl {
 namespace staticQuantization {
-class Observer;
 class Searcher;
 class WeightsTuner;
-// One observer per channel of a weight blob.
-using PerChannelObserver = std::vector<Observer*>;
 }  // namespace staticQuantization
 
 namespace mergeConfig {

@@ -8,6 +8,7 @@
 #include <iostream>
 #include <iterator>
 
+#include "quantization/calibration_method.h"
 #include "runtime/atomic_file.h"
 #include "runtime/json11.h"
 #include "runtime/log.h"
@@ -15,16 +16,8 @@
 namespace qzdl {
 namespace modelConverter {
 
-std::vector<std::string> calibration_mode_string = {"Naive",
-                                                    "Average",
-                                                    "Entropy",
-                                                    "Coverage",
-                                                    "MeanSquareError",
-                                                    "Histogram",
-                                                    "AdaQuantSequential",
-                                                    "AdaQuant",
-                                                    "CosineSearch",
-                                                    "Preset"};
+// The method names, one list with the observers' type names.
+std::vector<std::string>& calibration_mode_string = staticQuantization::observerTypeString;
 
 // Every row but "help" takes an argument; no row has a flag pointer, so the
 // letter is what getopt_long_only returns.

@@ -68,7 +68,7 @@ class ConverterParam {
 };
 
 // "Naive", "Average", ... "Preset": the method names, indexed by the method.
-extern std::vector<std::string> calibration_mode_string;
+extern std::vector<std::string>& calibration_mode_string;
 
 // The option table of ParseArgs: 27 rows and the closing zero row.
 extern struct option long_options[];

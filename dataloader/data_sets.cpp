@@ -11,6 +11,7 @@
 #include <fstream>
 
 #include "dataloader/data_loader.h"
+#include "runtime/layer_types.h"
 #include "runtime/log.h"
 
 namespace dataLoader {
@@ -28,7 +29,7 @@ std::vector<std::string> ReadList(std::string const& list_file, long long limit,
     if (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.pop_back();
     paths.push_back(line);
     // The line stays all the same: its sample fails when it is loaded.
-    if (warn && !IsFileExist(line)) {
+    if (warn && !qzdl::IsFileExist(line.c_str())) {
       printf("[WARNING] file not exist %s in %s\n", line.c_str(), list_file.c_str());
     }
     if (static_cast<long long>(paths.size()) == limit) break;
@@ -67,8 +68,6 @@ char* ReadWholeFile(std::string const& path, size_t& size) {
 }
 
 }  // namespace
-
-bool IsFileExist(std::string const& path) { return access(path.c_str(), F_OK) == 0; }
 
 unsigned long BinaryChunkCount(unsigned long file_bytes, unsigned long floats_per_record) {
   if (floats_per_record == 0) return 0;

@@ -15,9 +15,6 @@
 
 namespace dataLoader {
 
-// Whether `path` names an existing file system entry.
-bool IsFileExist(std::string const& path);
-
 // Chunks of a binary set: (file bytes / floats per record) / 4, truncating in
 // each step; 0 when a record holds no floats.
 unsigned long BinaryChunkCount(unsigned long file_bytes, unsigned long floats_per_record);

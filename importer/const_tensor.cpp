@@ -1,4 +1,4 @@
-#include "tools/onnx/const_tensor.h"
+#include "importer/const_tensor.h"
 
 #include <onnx/onnx_pb.h>
 
@@ -290,14 +290,59 @@ int64_t CountUpTo(const std::vector<int64_t>& dims, int64_t limit) {
   return n;
 }
 
+namespace {
+thread_local int64_t max_constant_bytes = kDefaultMaxConstantBytes;
+}  // namespace
+
+int64_t ElementBytes(int32_t type) {
+  switch (type) {
+    case kInt16:
+    case kUint16:
+    case kFloat16:
+    case kBfloat16:
+      return 2;
+    case kFloat:
+    case kInt32:
+    case kUint32:
+      return 4;
+    case kInt64:
+    case kUint64:
+    case kDouble:
+      return 8;
+    default:
+      return 1;
+  }
+}
+
+int64_t MaxConstantBytes() { return max_constant_bytes; }
+
+ConstantLimitScope::ConstantLimitScope(int64_t max_bytes) : previous_(max_constant_bytes) {
+  max_constant_bytes = max_bytes;
+}
+
+ConstantLimitScope::~ConstantLimitScope() { max_constant_bytes = previous_; }
+
+int64_t MaxConstantElements(int32_t type) { return max_constant_bytes / ElementBytes(type); }
+
+std::string ConstantLimitText() {
+  return "the limit of " + std::to_string(max_constant_bytes) +
+         " bytes for a constant computed while importing (qzdl_onnx2net --max-constant-mib "
+         "raises it)";
+}
+
 ConstTensor ConstTensor::Make(int32_t type, const std::vector<int64_t>& dims) {
   for (int64_t d : dims) {
     if (d < 0) throw FoldError("would have a negative dimension in " + DimsString(dims));
   }
-  if (CountUpTo(dims, kMaxComputedElements) < 0) {
-    throw FoldError("would have shape " + DimsString(dims) + ", more than " +
-                    std::to_string(kMaxComputedElements) +
-                    " elements (the limit for constants computed while importing)");
+  if (CountUpTo(dims, MaxConstantElements(type)) < 0) {
+    // The byte count itself may pass the int64 range; say so rather than wrap.
+    const int64_t count = DimsProduct(dims);
+    int64_t bytes = 0;
+    const std::string size = __builtin_mul_overflow(count, ElementBytes(type), &bytes)
+                                 ? "more than 2^63 bytes"
+                                 : std::to_string(bytes) + " bytes";
+    throw FoldError("would have shape " + DimsString(dims) + " of " + TypeName(type) + ", " +
+                    size + ", beyond " + ConstantLimitText());
   }
   return Sized(type, dims);
 }

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "importer/onnx_importer.h"
+
 namespace onnx {
 class TensorProto;
 }  // namespace onnx
@@ -38,10 +40,31 @@ bool IsFloatType(int32_t type);
 // "float", "int64", ... for messages.
 std::string TypeName(int32_t type);
 
-// Constants computed while importing (ConstantOfShape, Expand, Tile,
-// Range...) hold at most this many elements; exporters' shape arithmetic
-// stays far below it, and a damaged model cannot ask for gigabytes.
-constexpr int64_t kMaxComputedElements = int64_t{1} << 26;
+// The bytes of one element of `type` as ONNX stores it (1 for bool and
+// strings, which are never computed here).
+int64_t ElementBytes(int32_t type);
+
+// The most bytes (of its ONNX element type) that a constant computed while
+// importing may hold, for the import running on this thread: the import's
+// OnnxImportOptions::max_constant_bytes (ConstantLimitScope).
+int64_t MaxConstantBytes();
+// "the limit of N bytes for a constant computed while importing".
+std::string ConstantLimitText();
+
+// Sets the limit for the life of the scope.
+class ConstantLimitScope {
+ public:
+  explicit ConstantLimitScope(int64_t max_bytes);
+  ~ConstantLimitScope();
+  ConstantLimitScope(const ConstantLimitScope&) = delete;
+  ConstantLimitScope& operator=(const ConstantLimitScope&) = delete;
+
+ private:
+  int64_t previous_;
+};
+
+// The most elements of `type` that a computed constant may hold.
+int64_t MaxConstantElements(int32_t type);
 
 // `v` as an int64, truncated toward zero. Values beyond the int64 range
 // saturate and NaN becomes 0 (a plain cast of those is undefined behaviour).
@@ -77,7 +100,7 @@ struct ConstTensor {
   void Set(int64_t k, double v);
   void SetInt(int64_t k, int64_t v);
   // An empty tensor of `type` and `dims` (zeros). Throws FoldError for
-  // negative dims or more than kMaxComputedElements elements.
+  // negative dims or more than MaxConstantBytes() bytes.
   static ConstTensor Make(int32_t type, const std::vector<int64_t>& dims);
   // The same without the limit, for values read from the model (whose data
   // was counted first).

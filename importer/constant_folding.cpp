@@ -1,4 +1,4 @@
-#include "tools/onnx/constant_folding.h"
+#include "importer/constant_folding.h"
 
 #include <onnx/onnx_pb.h>
 
@@ -7,7 +7,7 @@
 #include <map>
 #include <set>
 
-#include "tools/onnx/fold_elementwise.h"
+#include "importer/fold_elementwise.h"
 
 namespace qzdl::onnx_import {
 
@@ -63,9 +63,9 @@ ConstTensor Cast(const ConstTensor& x, int32_t to) {
 
 // For results whose element count is known to pass the limit before their
 // dims could be formed.
-FoldError TooManyValues() {
-  return FoldError("would hold more than " + std::to_string(kMaxComputedElements) +
-                   " values (the limit for constants computed while importing)");
+FoldError TooManyValues(int32_t type) {
+  return FoldError("would hold more than " + std::to_string(MaxConstantElements(type)) + " " +
+                   TypeName(type) + " values, beyond " + ConstantLimitText());
 }
 
 // Fails unless the tensors, which the operator constrains to one element
@@ -442,8 +442,8 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
     if (d == 0) throw FoldError("delta is 0");
     const double count = std::ceil((l - s) / d);
     // NaN and counts past the limit are refused before the conversion.
-    if (!(count <= static_cast<double>(kMaxComputedElements))) {
-      throw TooManyValues();
+    if (!(count <= static_cast<double>(MaxConstantElements(start.type)))) {
+      throw TooManyValues(start.type);
     }
     const int64_t n = count > 0 ? static_cast<int64_t>(count) : 0;  // also below -2^63
     ConstTensor out = ConstTensor::Make(start.type, {n});
@@ -491,8 +491,8 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
     std::vector<int64_t> dims(x.dims.size());
     for (size_t k = 0; k < dims.size(); ++k) {
       if (reps[k] < 0) throw FoldError("repeats " + DimsString(reps) + " has a negative entry");
-      if (x.dims[k] > 0 && reps[k] > kMaxComputedElements / x.dims[k]) {
-        throw TooManyValues();
+      if (x.dims[k] > 0 && reps[k] > MaxConstantElements(x.type) / x.dims[k]) {
+        throw TooManyValues(x.type);
       }
       dims[k] = x.dims[k] * reps[k];
     }

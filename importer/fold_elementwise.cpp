@@ -1,4 +1,4 @@
-#include "tools/onnx/fold_elementwise.h"
+#include "importer/fold_elementwise.h"
 
 #include <algorithm>
 #include <cmath>

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/onnx/const_tensor.h"
+#include "importer/const_tensor.h"
 
 namespace qzdl::onnx_import {
 

@@ -1,4 +1,4 @@
-#include "tools/onnx/graph_checks.h"
+#include "importer/graph_checks.h"
 
 #include <onnx/defs/schema.h>
 #include <onnx/onnx_pb.h>
@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/onnx/constant_folding.h"
-#include "tools/onnx/converter.h"
+#include "importer/constant_folding.h"
+#include "importer/mapping_context.h"
 
 namespace qzdl::onnx_import {
 

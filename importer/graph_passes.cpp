@@ -1,4 +1,4 @@
-#include "tools/onnx/graph_passes.h"
+#include "importer/graph_passes.h"
 
 #include <onnx/onnx_pb.h>
 
@@ -6,8 +6,8 @@
 #include <map>
 #include <set>
 
-#include "tools/onnx/converter.h"
-#include "tools/onnx/graph_checks.h"
+#include "importer/mapping_context.h"
+#include "importer/graph_checks.h"
 
 namespace qzdl::onnx_import {
 
@@ -88,7 +88,7 @@ bool KeepsShape(const std::string& op) {
   return ops.count(op) > 0;
 }
 
-void ReadShapes(const onnx::GraphProto& graph, Converter* c) {
+void ReadShapes(const onnx::GraphProto& graph, MappingContext* c) {
   Shape dims;
   auto take = [&](const onnx::ValueInfoProto& vi) {
     if (c->consts.count(vi.name())) return;
@@ -99,7 +99,7 @@ void ReadShapes(const onnx::GraphProto& graph, Converter* c) {
 }
 
 // Folds the nodes of one pass; returns whether anything changed.
-bool FoldPass(onnx::GraphProto* graph, int opset, Converter* c) {
+bool FoldPass(onnx::GraphProto* graph, int opset, MappingContext* c) {
   bool changed = false;
   google::protobuf::RepeatedPtrField<onnx::NodeProto> kept;
   for (const auto& node : graph->node()) {
@@ -168,7 +168,7 @@ bool FoldPass(onnx::GraphProto* graph, int opset, Converter* c) {
 }
 
 // Adds the shapes ONNX inference left out for shape-keeping operators.
-bool FillKnownShapes(onnx::GraphProto* graph, Converter* c) {
+bool FillKnownShapes(onnx::GraphProto* graph, MappingContext* c) {
   bool changed = false;
   for (const auto& node : graph->node()) {
     if (!KeepsShape(node.op_type()) || node.input_size() < 1 || node.output_size() < 1) continue;
@@ -203,14 +203,14 @@ void RemoveAttr(onnx::NodeProto* n, const std::string& name) {
   }
 }
 
-const ConstTensor* ConstInput(const onnx::NodeProto& n, int k, Converter* c) {
+const ConstTensor* ConstInput(const onnx::NodeProto& n, int k, MappingContext* c) {
   if (k >= n.input_size() || n.input(k).empty()) return nullptr;
   auto it = c->consts.find(n.input(k));
   return it == c->consts.end() ? nullptr : &it->second;
 }
 
 // Adds constant `t` under a new name derived from `base`; returns the name.
-std::string AddConst(onnx::GraphProto* graph, Converter* c, const std::string& base,
+std::string AddConst(onnx::GraphProto* graph, MappingContext* c, const std::string& base,
                      ConstTensor t) {
   std::string name = base;
   for (int n = 1; c->consts.count(name) || c->shapes.count(name); ++n) {
@@ -225,7 +225,7 @@ std::string AddConst(onnx::GraphProto* graph, Converter* c, const std::string& b
 // schemas that the ONNX library at hand knows (inputs that became attributes
 // and back), so that its shape inference gives the right shapes. The mappers
 // accept both forms.
-bool AdaptNewerForms(onnx::GraphProto* graph, int opset, Converter* c) {
+bool AdaptNewerForms(onnx::GraphProto* graph, int opset, MappingContext* c) {
   if (opset < 18) return false;
   bool changed = false;
   for (auto& node : *graph->mutable_node()) {
@@ -311,7 +311,7 @@ void NameNodes(onnx::GraphProto* graph) {
   }
 }
 
-void FoldConstants(onnx::ModelProto* model, int opset, Converter* c) {
+void FoldConstants(onnx::ModelProto* model, int opset, MappingContext* c) {
   if (model->ir_version() < 4) model->set_ir_version(4);  // initializers need not be inputs
   onnx::GraphProto* graph = model->mutable_graph();
   graph->clear_value_info();
@@ -355,14 +355,14 @@ struct GraphIndex {
   }
 };
 
-bool ConstNear(const Converter& c, const std::string& name, double value) {
+bool ConstNear(const MappingContext& c, const std::string& name, double value) {
   auto it = c.consts.find(name);
   if (it == c.consts.end() || it->second.Count() != 1) return false;
   return std::fabs(it->second.Get(0) - value) <= 1e-4 * std::fabs(value);
 }
 
 // For a binary node with one constant operand near `value`, the other one.
-bool OtherOperand(const Converter& c, const onnx::NodeProto& n, double value, std::string* other) {
+bool OtherOperand(const MappingContext& c, const onnx::NodeProto& n, double value, std::string* other) {
   if (n.input_size() != 2) return false;
   if (ConstNear(c, n.input(1), value)) {
     *other = n.input(0);
@@ -392,7 +392,7 @@ float AttrF(const onnx::NodeProto& n, const std::string& name, float def) {
 
 // Matches the erf form of GELU ending anywhere after Erf node `e`. Fills the
 // nodes to drop and returns the final node, or -1.
-int MatchGelu(const onnx::GraphProto& g, const GraphIndex& ix, const Converter& c, int e,
+int MatchGelu(const onnx::GraphProto& g, const GraphIndex& ix, const MappingContext& c, int e,
               std::string* x, std::vector<int>* group) {
   const onnx::NodeProto& erf = g.node(e);
   const int p = ix.Producer(erf.input(0));
@@ -441,7 +441,7 @@ int MatchGelu(const onnx::GraphProto& g, const GraphIndex& ix, const Converter& 
 
 // MatMul `mm` with constant 2-d weights [K, M] whose output only `add` reads,
 // adding a constant of M values along the last axis; fills the bias name.
-bool MatchMatMulBias(const onnx::GraphProto& g, const Converter& c, const onnx::NodeProto& mm,
+bool MatchMatMulBias(const onnx::GraphProto& g, const MappingContext& c, const onnx::NodeProto& mm,
                      const onnx::NodeProto& add, std::string* bias) {
   if (mm.input_size() != 2 || add.op_type() != "Add" || add.input_size() != 2) return false;
   auto w = c.consts.find(mm.input(1));
@@ -472,7 +472,7 @@ onnx::NodeProto FusedNode(const std::string& op, const onnx::NodeProto& last,
 
 }  // namespace
 
-void FusePatterns(onnx::GraphProto* graph, Converter* c) {
+void FusePatterns(onnx::GraphProto* graph, MappingContext* c) {
   const GraphIndex ix(*graph);
   std::map<int, onnx::NodeProto> replace;  // final node -> fused node
   std::set<int> drop;

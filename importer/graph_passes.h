@@ -12,7 +12,7 @@ class TensorProto;
 
 namespace qzdl::onnx_import {
 
-class Converter;
+class MappingContext;
 struct ConstTensor;
 
 // Constants with more elements enter shape inference without their values.
@@ -28,12 +28,12 @@ void NameNodes(onnx::GraphProto* graph);
 // anything new. Folded nodes leave the graph; their outputs join
 // `c->consts` (and the graph's initializers), the shapes of the remaining
 // tensors go to `c->shapes`.
-void FoldConstants(onnx::ModelProto* model, int opset, Converter* c);
+void FoldConstants(onnx::ModelProto* model, int opset, MappingContext* c);
 
 // Replaces node groups that compute one activation by a single node of a
 // private operator: x * 0.5 * (1 + erf(x / sqrt(2))) -> "qzdl.Gelu",
 // x * sigmoid(x) -> "qzdl.Swish", x * hardsigmoid(x) -> "qzdl.HardSwish",
 // MatMul(x, W) + b with constant W and b -> "qzdl.MatMulAdd".
-void FusePatterns(onnx::GraphProto* graph, Converter* c);
+void FusePatterns(onnx::GraphProto* graph, MappingContext* c);
 
 }  // namespace qzdl::onnx_import

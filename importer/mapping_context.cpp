@@ -1,4 +1,4 @@
-#include "tools/onnx/converter.h"
+#include "importer/mapping_context.h"
 
 #include <onnx/onnx_pb.h>
 
@@ -25,7 +25,7 @@ std::string NodeTitle(const onnx::NodeProto& node, int index) {
   return "node " + Quote(NodeName(node, index)) + " (" + node.op_type() + ")";
 }
 
-void Converter::Begin(const onnx::NodeProto& node, int index) {
+void MappingContext::Begin(const onnx::NodeProto& node, int index) {
   node_ = &node;
   node_name_ = onnx_import::NodeName(node, index);
   read_attrs_.clear();
@@ -34,7 +34,7 @@ void Converter::Begin(const onnx::NodeProto& node, int index) {
   for (const auto& out : node.output()) tensor_names_.insert(out);
 }
 
-void Converter::End() {
+void MappingContext::End() {
   for (const auto& a : node_->attribute()) {
     if (!read_attrs_.count(a.name())) Fail("attribute " + Quote(a.name()) + " is not supported");
   }
@@ -52,13 +52,13 @@ void Converter::End() {
   }
 }
 
-const std::string& Converter::Op() const { return node_->op_type(); }
+const std::string& MappingContext::Op() const { return node_->op_type(); }
 
-void Converter::Fail(const std::string& message) const {
+void MappingContext::Fail(const std::string& message) const {
   throw ImportError("node " + Quote(node_name_) + " (" + node_->op_type() + "): " + message);
 }
 
-const onnx::AttributeProto* Converter::Attr(const std::string& name) {
+const onnx::AttributeProto* MappingContext::Attr(const std::string& name) {
   read_attrs_.insert(name);
   for (const auto& a : node_->attribute()) {
     if (a.name() == name) return &a;
@@ -66,21 +66,21 @@ const onnx::AttributeProto* Converter::Attr(const std::string& name) {
   return nullptr;
 }
 
-bool Converter::HasAttr(const std::string& name) const {
+bool MappingContext::HasAttr(const std::string& name) const {
   for (const auto& a : node_->attribute()) {
     if (a.name() == name) return true;
   }
   return false;
 }
 
-int64_t Converter::Int(const std::string& name, int64_t def) {
+int64_t MappingContext::Int(const std::string& name, int64_t def) {
   const auto* a = Attr(name);
   if (!a) return def;
   if (a->type() != onnx::AttributeProto::INT) Fail("attribute " + Quote(name) + " must be an int");
   return a->i();
 }
 
-float Converter::Float(const std::string& name, float def) {
+float MappingContext::Float(const std::string& name, float def) {
   const auto* a = Attr(name);
   if (!a) return def;
   if (a->type() != onnx::AttributeProto::FLOAT) {
@@ -89,7 +89,7 @@ float Converter::Float(const std::string& name, float def) {
   return a->f();
 }
 
-std::string Converter::Str(const std::string& name, const std::string& def) {
+std::string MappingContext::Str(const std::string& name, const std::string& def) {
   const auto* a = Attr(name);
   if (!a) return def;
   if (a->type() != onnx::AttributeProto::STRING) {
@@ -98,38 +98,38 @@ std::string Converter::Str(const std::string& name, const std::string& def) {
   return a->s();
 }
 
-std::vector<int64_t> Converter::Ints(const std::string& name) {
+std::vector<int64_t> MappingContext::Ints(const std::string& name) {
   const auto* a = Attr(name);
   if (!a) return {};
   return {a->ints().begin(), a->ints().end()};
 }
 
-std::vector<float> Converter::Floats(const std::string& name) {
+std::vector<float> MappingContext::Floats(const std::string& name) {
   const auto* a = Attr(name);
   if (!a) return {};
   return {a->floats().begin(), a->floats().end()};
 }
 
-void Converter::Ignore(const std::string& name) { read_attrs_.insert(name); }
+void MappingContext::Ignore(const std::string& name) { read_attrs_.insert(name); }
 
-void Converter::BadAttr(const std::string& name, const std::string& value,
+void MappingContext::BadAttr(const std::string& name, const std::string& value,
                         const std::string& why) const {
   Fail("attribute " + Quote(name) + " value " + value + " is not supported" +
        (why.empty() ? "" : " (" + why + ")"));
 }
 
-int Converter::NumInputs() const { return node_->input_size(); }
+int MappingContext::NumInputs() const { return node_->input_size(); }
 
-bool Converter::HasInput(int k) const { return k < NumInputs() && !node_->input(k).empty(); }
+bool MappingContext::HasInput(int k) const { return k < NumInputs() && !node_->input(k).empty(); }
 
-const std::string& Converter::InputName(int k) const {
+const std::string& MappingContext::InputName(int k) const {
   if (!HasInput(k)) Fail("input " + std::to_string(k) + " is missing");
   return node_->input(k);
 }
 
-bool Converter::IsConst(int k) const { return HasInput(k) && consts.count(node_->input(k)) > 0; }
+bool MappingContext::IsConst(int k) const { return HasInput(k) && consts.count(node_->input(k)) > 0; }
 
-const ConstTensor& Converter::Const(int k, const std::string& what) {
+const ConstTensor& MappingContext::Const(int k, const std::string& what) {
   const std::string& name = InputName(k);
   auto it = consts.find(name);
   if (it == consts.end()) {
@@ -139,12 +139,12 @@ const ConstTensor& Converter::Const(int k, const std::string& what) {
   return it->second;
 }
 
-std::string Converter::Resolve(const std::string& name) const {
+std::string MappingContext::Resolve(const std::string& name) const {
   auto it = alias_.find(name);
   return it == alias_.end() ? name : it->second;
 }
 
-std::string Converter::In(int k) {
+std::string MappingContext::In(int k) {
   const std::string& name = InputName(k);
   auto cit = consts.find(name);
   if (cit == consts.end()) return Resolve(name);
@@ -167,7 +167,7 @@ std::string Converter::In(int k) {
   return tensor;
 }
 
-const Shape& Converter::ShapeOf(const std::string& tensor) const {
+const Shape& MappingContext::ShapeOf(const std::string& tensor) const {
   auto it = shapes.find(tensor);
   if (it == shapes.end()) {
     auto cit = consts.find(tensor);
@@ -177,11 +177,11 @@ const Shape& Converter::ShapeOf(const std::string& tensor) const {
   return it->second;
 }
 
-const Shape& Converter::InShape(int k) const { return ShapeOf(InputName(k)); }
+const Shape& MappingContext::InShape(int k) const { return ShapeOf(InputName(k)); }
 
-int Converter::NumOutputs() const { return node_->output_size(); }
+int MappingContext::NumOutputs() const { return node_->output_size(); }
 
-const std::string& Converter::Out(int k) {
+const std::string& MappingContext::Out(int k) {
   if (k >= NumOutputs() || node_->output(k).empty()) {
     Fail("output " + std::to_string(k) + " is missing");
   }
@@ -189,18 +189,18 @@ const std::string& Converter::Out(int k) {
   return node_->output(k);
 }
 
-const Shape& Converter::OutShape(int k) const {
+const Shape& MappingContext::OutShape(int k) const {
   if (k >= NumOutputs()) Fail("output " + std::to_string(k) + " is missing");
   return ShapeOf(node_->output(k));
 }
 
-bool Converter::OutputUsed(int k) const {
+bool MappingContext::OutputUsed(int k) const {
   if (k >= NumOutputs() || node_->output(k).empty()) return false;
   auto it = consumers.find(node_->output(k));
   return it != consumers.end() && it->second > 0;
 }
 
-std::string Converter::NewLayerName(const std::string& suffix) {
+std::string MappingContext::NewLayerName(const std::string& suffix) {
   const std::string base = suffix.empty() ? node_name_ : node_name_ + "_" + suffix;
   std::string name = base;
   for (int n = 1; layer_names_.count(name); ++n) name = base + "_" + std::to_string(n);
@@ -208,7 +208,7 @@ std::string Converter::NewLayerName(const std::string& suffix) {
   return name;
 }
 
-std::string Converter::NewTensor(const std::string& suffix) {
+std::string MappingContext::NewTensor(const std::string& suffix) {
   const std::string base = node_name_ + "_" + suffix;
   std::string name = base;
   for (int n = 1; tensor_names_.count(name) || consts.count(name) || shapes.count(name); ++n) {
@@ -218,7 +218,7 @@ std::string Converter::NewTensor(const std::string& suffix) {
   return name;
 }
 
-std::string Converter::Emit(const std::string& type, const std::vector<std::string>& inputs,
+std::string MappingContext::Emit(const std::string& type, const std::vector<std::string>& inputs,
                             const std::vector<std::string>& outputs,
                             const json11::Json::object& param, const std::string& name) {
   NeedLayerType(type);
@@ -238,12 +238,12 @@ std::string Converter::Emit(const std::string& type, const std::vector<std::stri
   return layer;
 }
 
-void Converter::Weight(const std::string& layer, const std::string& blob,
+void MappingContext::Weight(const std::string& layer, const std::string& blob,
                        const std::vector<int>& dims, std::vector<float> values) {
   blobs_.push_back(WeightBlob{layer, blob, dims, std::move(values)});
 }
 
-void Converter::Alias(int k, const std::string& tensor) {
+void MappingContext::Alias(int k, const std::string& tensor) {
   const std::string& out = Out(k);
   if (graph_outputs.count(out)) {
     // A graph output needs its own tensor: copy.
@@ -255,12 +255,12 @@ void Converter::Alias(int k, const std::string& tensor) {
   if (it != shapes.end() && !shapes.count(out)) shapes[out] = it->second;
 }
 
-bool Converter::HasLayerType(const std::string& type) {
+bool MappingContext::HasLayerType(const std::string& type) {
   static const std::vector<std::string> types = RegisteredLayerTypes<float>();
   return std::find(types.begin(), types.end(), type) != types.end();
 }
 
-void Converter::NeedLayerType(const std::string& type) const {
+void MappingContext::NeedLayerType(const std::string& type) const {
   if (!HasLayerType(type)) {
     Fail("needs layer type " + Quote(type) + ", which this runtime does not register");
   }
@@ -274,7 +274,7 @@ json11::Json::array JsonInts(const std::vector<int64_t>& v) {
 
 std::vector<int> IntDims(const Shape& s) { return std::vector<int>(s.begin(), s.end()); }
 
-int64_t NormalizeAxis(Converter& c, int64_t axis, int64_t rank, const std::string& attr) {
+int64_t NormalizeAxis(MappingContext& c, int64_t axis, int64_t rank, const std::string& attr) {
   if (axis < -rank || axis >= rank) {
     c.Fail("attribute " + Quote(attr) + " value " + std::to_string(axis) +
            " is outside the input's " + std::to_string(rank) + " axes");
@@ -282,7 +282,7 @@ int64_t NormalizeAxis(Converter& c, int64_t axis, int64_t rank, const std::strin
   return axis < 0 ? axis + rank : axis;
 }
 
-void EmitReshape(Converter& c, const std::string& in, const Shape& in_shape, const std::string& out,
+void EmitReshape(MappingContext& c, const std::string& in, const Shape& in_shape, const std::string& out,
                  const Shape& out_shape, const std::string& name) {
   std::vector<int64_t> shapes = out_shape;
   if (!in_shape.empty() && !out_shape.empty() && in_shape[0] == out_shape[0]) {

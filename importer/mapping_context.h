@@ -13,8 +13,8 @@
 
 #include "runtime/json11.h"
 #include "runtime/weights_file.h"
-#include "tools/onnx/constant_folding.h"
-#include "tools/onnx/onnx_importer.h"
+#include "importer/constant_folding.h"
+#include "importer/onnx_importer.h"
 
 namespace onnx {
 class AttributeProto;
@@ -36,9 +36,9 @@ std::string NodeName(const onnx::NodeProto& node, int index);
 // `node "<name>" (<op_type>)`, the start of a message about a node.
 std::string NodeTitle(const onnx::NodeProto& node, int index);
 
-class Converter {
+class MappingContext {
  public:
-  Converter(int opset, std::string base_dir) : opset_(opset), base_dir_(std::move(base_dir)) {}
+  MappingContext(int opset, std::string base_dir) : opset_(opset), base_dir_(std::move(base_dir)) {}
 
   int Opset() const { return opset_; }
   const std::string& BaseDir() const { return base_dir_; }
@@ -133,7 +133,7 @@ class Converter {
   std::vector<WeightBlob> blobs_;
 };
 
-using OpMapper = std::function<void(Converter&)>;
+using OpMapper = std::function<void(MappingContext&)>;
 using MapperTable = std::map<std::string, OpMapper>;
 
 // Each family file adds its operators.
@@ -147,10 +147,10 @@ const MapperTable& Mappers();
 // A Reshape from `in` (shape `in_shape`) to `out` of `out_shape`: the batch
 // entry becomes 0 when the first dim is unchanged and the rest holds the
 // same number of elements, so the net can run at any batch.
-void EmitReshape(Converter& c, const std::string& in, const Shape& in_shape, const std::string& out,
+void EmitReshape(MappingContext& c, const std::string& in, const Shape& in_shape, const std::string& out,
                  const Shape& out_shape, const std::string& name = "");
 json11::Json::array JsonInts(const std::vector<int64_t>& v);
 std::vector<int> IntDims(const Shape& s);
-int64_t NormalizeAxis(Converter& c, int64_t axis, int64_t rank, const std::string& attr);
+int64_t NormalizeAxis(MappingContext& c, int64_t axis, int64_t rank, const std::string& attr);
 
 }  // namespace qzdl::onnx_import

@@ -1,4 +1,4 @@
-#include "tools/onnx/onnx_importer.h"
+#include "importer/onnx_importer.h"
 
 #include <onnx/defs/schema.h>
 #include <onnx/onnx_pb.h>
@@ -13,16 +13,16 @@
 
 #include "runtime/atomic_file.h"
 #include "runtime/serial_weights.h"
-#include "tools/onnx/converter.h"
-#include "tools/onnx/graph_checks.h"
-#include "tools/onnx/graph_passes.h"
+#include "importer/mapping_context.h"
+#include "importer/graph_checks.h"
+#include "importer/graph_passes.h"
 
 namespace qzdl {
 
 namespace {
 
 using onnx_import::ConstTensor;
-using onnx_import::Converter;
+using onnx_import::MappingContext;
 using onnx_import::FoldError;
 using onnx_import::Quote;
 using onnx_import::Shape;
@@ -44,7 +44,7 @@ struct NetInput {
 };
 
 std::vector<NetInput> PrepareInputs(onnx::GraphProto* graph, const OnnxImportOptions& options,
-                                    const std::string& base_dir, Converter& c) {
+                                    const std::string& base_dir, MappingContext& c) {
   std::set<std::string> initializers;
   for (const auto& init : graph->initializer()) initializers.insert(init.name());
   std::set<std::string> declared;
@@ -134,7 +134,7 @@ std::vector<NetInput> PrepareInputs(onnx::GraphProto* graph, const OnnxImportOpt
   return inputs;
 }
 
-void CheckReferences(const onnx::GraphProto& graph, const Converter& c,
+void CheckReferences(const onnx::GraphProto& graph, const MappingContext& c,
                      const std::vector<NetInput>& inputs) {
   std::set<std::string> known;
   for (const auto& in : inputs) known.insert(in.name);
@@ -190,7 +190,7 @@ OnnxImportResult Import(onnx::ModelProto& model, const std::string& source,
   }
   const int opset = DefaultOpset(model, source);
   onnx::GraphProto* graph = model.mutable_graph();
-  Converter c(opset, base_dir);
+  MappingContext c(opset, base_dir);
   onnx_import::CheckNames(*graph);
   onnx_import::NameNodes(graph);
   const std::vector<NetInput> inputs = PrepareInputs(graph, options, base_dir, c);
@@ -271,6 +271,7 @@ OnnxImportResult ImportOnnxBytes(const std::string& bytes, const std::string& so
                           " is not a valid ONNX model: its data does not parse as an ONNX "
                           "ModelProto (truncated, or another format)");
   }
+  const onnx_import::ConstantLimitScope limit(options.max_constant_bytes);
   try {
     return Import(model, source, base_dir, options);
   } catch (const onnx_import::FoldError& e) {

@@ -18,12 +18,20 @@ struct OnnxImportError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A constant computed while importing (ConstantOfShape, Expand, Tile,
+// Range...) holds at most this many bytes of its element type by default.
+// Real weights computed at import stay below it (VGG's first fully connected
+// layer holds 411 MB), and a damaged model cannot ask for unbounded memory.
+constexpr int64_t kDefaultMaxConstantBytes = int64_t{1} << 30;
+
 struct OnnxImportOptions {
   // Dims for graph inputs, replacing the declared ones (batch first).
   std::map<std::string, std::vector<int64_t>> input_shapes;
   // Graph inputs that are really constants: name -> a serialized TensorProto.
   // They become initializers before the import.
   std::map<std::string, std::string> constant_inputs;
+  // The limit on each constant computed while importing, in bytes.
+  int64_t max_constant_bytes = kDefaultMaxConstantBytes;
 };
 
 struct OnnxImportResult {

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <limits>
 
-#include "tools/onnx/converter.h"
+#include "importer/mapping_context.h"
 
 namespace qzdl::onnx_import {
 
@@ -13,13 +13,13 @@ namespace {
 
 using json11::Json;
 
-void Simple(Converter& c, const std::string& type, const Json::object& param = {}) {
+void Simple(MappingContext& c, const std::string& type, const Json::object& param = {}) {
   c.Emit(type, {c.In(0)}, {c.Out(0)}, param);
 }
 
 Json Num(float v) { return static_cast<double>(v); }
 
-void MapPRelu(Converter& c) {
+void MapPRelu(MappingContext& c) {
   const Shape& x = c.InShape(0);
   const ConstTensor& slope = c.Const(1, "slope");
   const int64_t n = slope.Count();
@@ -44,7 +44,7 @@ void MapPRelu(Converter& c) {
   c.Weight(layer, "slope", {static_cast<int>(n)}, slope.Floats());
 }
 
-void MapClip(Converter& c) {
+void MapClip(MappingContext& c) {
   const double inf = std::numeric_limits<double>::infinity();
   double lo = -inf, hi = inf;
   if (c.Opset() < 11) {
@@ -79,7 +79,7 @@ void MapClip(Converter& c) {
   }
 }
 
-void MapSoftmax(Converter& c) {
+void MapSoftmax(MappingContext& c) {
   const bool log = c.Op() == "LogSoftmax";
   const std::string type = log ? "LogSoftmax" : "Softmax";
   const int64_t rank = c.InRank(0);
@@ -103,7 +103,7 @@ void MapSoftmax(Converter& c) {
   EmitReshape(c, soft, {outer, inner}, c.Out(0), in, c.NewLayerName("from2d"));
 }
 
-void MapUnary(Converter& c) {
+void MapUnary(MappingContext& c) {
   static const std::map<std::string, std::string> ops = {{"Abs", "abs"},
                                                          {"Neg", "neg"},
                                                          {"Exp", "exp"},
@@ -120,7 +120,7 @@ void MapUnary(Converter& c) {
   Simple(c, "UnaryOp", {{"operation", ops.at(c.Op())}});
 }
 
-void MapIdentity(Converter& c) {
+void MapIdentity(MappingContext& c) {
   if (c.Op() == "Dropout") {
     c.Ignore("ratio");
     c.Ignore("seed");
@@ -135,7 +135,7 @@ void MapIdentity(Converter& c) {
 }
 
 // Tensors computed at run time are float: a cast to float changes nothing.
-void MapCast(Converter& c) {
+void MapCast(MappingContext& c) {
   if (c.Op() == "Cast") {
     const int64_t to = c.Int("to", kFloat);
     c.Ignore("saturate");
@@ -149,7 +149,7 @@ void MapCast(Converter& c) {
   c.Alias(0, c.In(0));
 }
 
-void MapGelu(Converter& c) {
+void MapGelu(MappingContext& c) {
   const std::string approx = c.Str("approximate", "none");
   if (approx != "none" && approx != "tanh") c.BadAttr("approximate", "\"" + approx + "\"");
   Simple(c, "Gelu", {{"approximate", approx}});
@@ -158,32 +158,32 @@ void MapGelu(Converter& c) {
 }  // namespace
 
 void AddActivationMappers(MapperTable& t) {
-  t["Relu"] = [](Converter& c) { Simple(c, "ReLU"); };
-  t["LeakyRelu"] = [](Converter& c) {
+  t["Relu"] = [](MappingContext& c) { Simple(c, "ReLU"); };
+  t["LeakyRelu"] = [](MappingContext& c) {
     Simple(c, "LeakyRelu", {{"negative_slope", Num(c.Float("alpha", 0.01f))}});
   };
   t["PRelu"] = MapPRelu;
-  t["Elu"] = [](Converter& c) { Simple(c, "Elu", {{"alpha", Num(c.Float("alpha", 1.0f))}}); };
-  t["Selu"] = [](Converter& c) {
+  t["Elu"] = [](MappingContext& c) { Simple(c, "Elu", {{"alpha", Num(c.Float("alpha", 1.0f))}}); };
+  t["Selu"] = [](MappingContext& c) {
     Simple(c, "Selu",
            {{"alpha", Num(c.Float("alpha", 1.67326319217681884765625f))},
             {"gamma", Num(c.Float("gamma", 1.05070102214813232421875f))}});
   };
-  t["Sigmoid"] = [](Converter& c) { Simple(c, "Sigmoid"); };
-  t["Tanh"] = [](Converter& c) { Simple(c, "TanH"); };
-  t["HardSigmoid"] = [](Converter& c) {
+  t["Sigmoid"] = [](MappingContext& c) { Simple(c, "Sigmoid"); };
+  t["Tanh"] = [](MappingContext& c) { Simple(c, "TanH"); };
+  t["HardSigmoid"] = [](MappingContext& c) {
     Simple(c, "HardSigmoid",
            {{"alpha", Num(c.Float("alpha", 0.2f))}, {"beta", Num(c.Float("beta", 0.5f))}});
   };
-  t["HardSwish"] = [](Converter& c) { Simple(c, "Swish", {{"hard", true}}); };
+  t["HardSwish"] = [](MappingContext& c) { Simple(c, "Swish", {{"hard", true}}); };
   // Set 24: x * sigmoid(alpha * x).
-  t["Swish"] = [](Converter& c) { Simple(c, "Swish", {{"beta", Num(c.Float("alpha", 1.0f))}}); };
-  t["Softplus"] = [](Converter& c) { Simple(c, "Softplus"); };
-  t["Mish"] = [](Converter& c) { Simple(c, "Mish"); };
+  t["Swish"] = [](MappingContext& c) { Simple(c, "Swish", {{"beta", Num(c.Float("alpha", 1.0f))}}); };
+  t["Softplus"] = [](MappingContext& c) { Simple(c, "Softplus"); };
+  t["Mish"] = [](MappingContext& c) { Simple(c, "Mish"); };
   t["Gelu"] = MapGelu;
-  t["qzdl.Gelu"] = [](Converter& c) { Simple(c, "Gelu", {{"approximate", "none"}}); };
-  t["qzdl.Swish"] = [](Converter& c) { Simple(c, "Swish"); };
-  t["qzdl.HardSwish"] = [](Converter& c) { Simple(c, "Swish", {{"hard", true}}); };
+  t["qzdl.Gelu"] = [](MappingContext& c) { Simple(c, "Gelu", {{"approximate", "none"}}); };
+  t["qzdl.Swish"] = [](MappingContext& c) { Simple(c, "Swish"); };
+  t["qzdl.HardSwish"] = [](MappingContext& c) { Simple(c, "Swish", {{"hard", true}}); };
   t["Clip"] = MapClip;
   t["Softmax"] = MapSoftmax;
   t["LogSoftmax"] = MapSoftmax;

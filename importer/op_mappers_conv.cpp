@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "tools/onnx/converter.h"
+#include "importer/mapping_context.h"
 
 namespace qzdl::onnx_import {
 
@@ -23,7 +23,7 @@ struct Window {
 };
 
 // Number of spatial axes of input 0 (1 or 2).
-int SpatialRank(Converter& c) {
+int SpatialRank(MappingContext& c) {
   const int rank = c.InRank(0);
   if (rank != 3 && rank != 4) {
     c.Fail("input " + c.InputName(0) + " has shape " + Ints(c.InShape(0)) +
@@ -34,7 +34,7 @@ int SpatialRank(Converter& c) {
 
 // Fails unless every entry of attribute `name` lies in [lo, INT_MAX]: the
 // layers take them as int, and the window arithmetic stays within int64.
-void CheckEntries(Converter& c, const std::string& name, const std::vector<int64_t>& v,
+void CheckEntries(MappingContext& c, const std::string& name, const std::vector<int64_t>& v,
                   int64_t lo) {
   for (int64_t x : v) {
     if (x < lo || x > INT_MAX) {
@@ -46,7 +46,7 @@ void CheckEntries(Converter& c, const std::string& name, const std::vector<int64
 
 // Reads strides, dilations and pads (with auto_pad) for `kernel` (ONNX
 // order, 1 or 2 entries).
-Window ReadWindow(Converter& c, const std::vector<int64_t>& kernel, bool has_dilations) {
+Window ReadWindow(MappingContext& c, const std::vector<int64_t>& kernel, bool has_dilations) {
   const size_t sr = kernel.size();
   const Shape& in = c.InShape(0);
   auto list = [&](const std::string& name, int64_t def, size_t n) {
@@ -101,7 +101,7 @@ void SetWindowParams(const Window& w, Json::object* p, bool dilations) {
 }
 
 // Emits `type` on input 0 to output 0; 1-d data goes through [N, C, 1, L].
-void EmitSpatial(Converter& c, const std::string& type, const Json::object& param, bool one_d,
+void EmitSpatial(MappingContext& c, const std::string& type, const Json::object& param, bool one_d,
                  const std::function<void(const std::string&)>& weights = nullptr) {
   std::string in = c.In(0);
   const std::string& out = c.Out(0);
@@ -122,7 +122,7 @@ void EmitSpatial(Converter& c, const std::string& type, const Json::object& para
               c.NewLayerName("to1d"));
 }
 
-std::vector<int64_t> KernelShape(Converter& c, const Shape& weight_dims) {
+std::vector<int64_t> KernelShape(MappingContext& c, const Shape& weight_dims) {
   std::vector<int64_t> kernel = c.Ints("kernel_shape");
   const Shape from_w(weight_dims.begin() + 2, weight_dims.end());
   for (int64_t k : from_w) {
@@ -137,7 +137,7 @@ std::vector<int64_t> KernelShape(Converter& c, const Shape& weight_dims) {
   return from_w;
 }
 
-std::vector<float> BiasOf(Converter& c, int k, int64_t m) {
+std::vector<float> BiasOf(MappingContext& c, int k, int64_t m) {
   const ConstTensor& b = c.Const(k, "bias");
   if (b.Count() != m) {
     c.Fail("bias " + c.InputName(k) + " has shape " + Ints(b.dims) + ", expected [" +
@@ -146,7 +146,7 @@ std::vector<float> BiasOf(Converter& c, int k, int64_t m) {
   return b.Floats();
 }
 
-void MapConv(Converter& c) {
+void MapConv(MappingContext& c) {
   const int sr = SpatialRank(c);
   const ConstTensor& w = c.Const(1, "weights");
   if (static_cast<int>(w.dims.size()) != sr + 2) {
@@ -172,7 +172,7 @@ void MapConv(Converter& c) {
   });
 }
 
-void MapConvTranspose(Converter& c) {
+void MapConvTranspose(MappingContext& c) {
   const int sr = SpatialRank(c);
   const ConstTensor& w = c.Const(1, "weights");
   if (static_cast<int>(w.dims.size()) != sr + 2) {
@@ -279,7 +279,7 @@ void MapConvTranspose(Converter& c) {
   });
 }
 
-void MapPool(Converter& c) {
+void MapPool(MappingContext& c) {
   const bool max = c.Op() == "MaxPool";
   const int sr = SpatialRank(c);
   std::vector<int64_t> kernel = c.Ints("kernel_shape");
@@ -303,13 +303,13 @@ void MapPool(Converter& c) {
   EmitSpatial(c, "Pooling", p, w.one_d);
 }
 
-void MapGlobalPool(Converter& c) {
+void MapGlobalPool(MappingContext& c) {
   const int sr = SpatialRank(c);
   Json::object p = {{"pool", c.Op() == "GlobalMaxPool" ? "max" : "ave"}, {"global_pooling", true}};
   EmitSpatial(c, "Pooling", p, sr == 1);
 }
 
-void MapBatchNorm(Converter& c) {
+void MapBatchNorm(MappingContext& c) {
   if (c.Int("training_mode", 0) != 0) c.BadAttr("training_mode", "1", "inference only");
   if (c.Int("spatial", 1) != 1) c.BadAttr("spatial", "0");
   c.Ignore("momentum");
@@ -337,7 +337,7 @@ void MapBatchNorm(Converter& c) {
   c.Weight(layer, "bias", dims, w[1]);
 }
 
-void MapInstanceNorm(Converter& c) {
+void MapInstanceNorm(MappingContext& c) {
   const float eps = c.Float("epsilon", 1e-5f);
   if (c.InRank(0) < 2) c.Fail("input " + c.InputName(0) + " needs a channel axis");
   const int64_t channels = c.InShape(0)[1];
@@ -352,7 +352,7 @@ void MapInstanceNorm(Converter& c) {
   c.Weight(layer, "bias", {static_cast<int>(channels)}, bias.Floats());
 }
 
-void MapLrn(Converter& c) {
+void MapLrn(MappingContext& c) {
   const int64_t size = c.Int("size", 0);
   if (size < 1) c.BadAttr("size", std::to_string(size));
   c.Emit("Lrn", {c.In(0)}, {c.Out(0)},
@@ -363,7 +363,7 @@ void MapLrn(Converter& c) {
 }
 
 // InnerProduct on a 2-d input `a` of shape [rows, K] with weights [M, K].
-void EmitInnerProduct(Converter& c, const std::string& a, const std::string& out, int64_t m,
+void EmitInnerProduct(MappingContext& c, const std::string& a, const std::string& out, int64_t m,
                       int64_t k, const std::vector<float>& weight, const std::vector<float>* bias,
                       const std::string& name = "") {
   const std::string layer =
@@ -388,7 +388,7 @@ std::vector<float> WeightsMK(const ConstTensor& b, bool trans, int64_t* m, int64
   return out;
 }
 
-void MapGemm(Converter& c) {
+void MapGemm(MappingContext& c) {
   const float alpha = c.Float("alpha", 1.0f), beta = c.Float("beta", 1.0f);
   const bool trans_a = c.Int("transA", 0) != 0, trans_b = c.Int("transB", 0) != 0;
   c.Ignore("broadcast");
@@ -453,7 +453,7 @@ void MapGemm(Converter& c) {
   }
 }
 
-void MapMatMul(Converter& c) {
+void MapMatMul(MappingContext& c) {
   if (c.IsConst(0)) c.Fail("input A is a constant; only a constant B is supported");
   const ConstTensor& b = c.Const(1, "B");
   if (b.dims.empty() || b.dims.size() > 2) {

@@ -5,7 +5,7 @@
 #include <cctype>
 #include <set>
 
-#include "tools/onnx/converter.h"
+#include "importer/mapping_context.h"
 
 namespace qzdl::onnx_import {
 
@@ -35,7 +35,7 @@ bool ChannelValues(const ConstTensor& t, const Shape& x, std::vector<double>* va
 }
 
 // x (op) t or t (op) x as a "Scale" layer; false when t is not per channel.
-bool TryScale(Converter& c, int dyn, const ConstTensor& t) {
+bool TryScale(MappingContext& c, int dyn, const ConstTensor& t) {
   const std::string& op = c.Op();
   const Shape& x = c.InShape(dyn);
   std::vector<double> v;
@@ -67,7 +67,7 @@ bool TryScale(Converter& c, int dyn, const ConstTensor& t) {
   return true;
 }
 
-void MapBinary(Converter& c) {
+void MapBinary(MappingContext& c) {
   c.Ignore("broadcast");
   c.Ignore("axis");
   if (c.HasAttr("axis")) c.Fail("attribute \"axis\" (legacy broadcast) is not supported");
@@ -90,7 +90,7 @@ void MapBinary(Converter& c) {
   c.Emit("BroadcastOp", {a, b}, {c.Out(0)}, {{"operation", Lower(op)}});
 }
 
-void MapVariadic(Converter& c) {
+void MapVariadic(MappingContext& c) {
   const std::string& op = c.Op();
   const int n = c.NumInputs();
   if (n == 1) {
@@ -137,7 +137,7 @@ void MapVariadic(Converter& c) {
   }
 }
 
-void MapPow(Converter& c) {
+void MapPow(MappingContext& c) {
   if (c.IsConst(0)) c.Fail("a constant base is not supported");
   const ConstTensor& e = c.Const(1, "exponent");
   if (e.Count() != 1) c.Fail("only a single constant exponent is supported");
@@ -156,7 +156,7 @@ void MapPow(Converter& c) {
 // ReduceMean, and the reductions built on a sum: the mean over the axes
 // times their element count, between an element-wise step before (square,
 // abs, exp) and one after (sqrt, log).
-void MapReduce(Converter& c) {
+void MapReduce(MappingContext& c) {
   const std::string& op = c.Op();
   const int64_t rank = c.InRank(0);
   // Axes are an attribute before opset 18 (13 for ReduceSum) and an input from then on.
@@ -232,7 +232,7 @@ void MapReduce(Converter& c) {
 // square, ReduceMean, Power (shift eps, power -0.5), BroadcastOp mul. The
 // mean and the inverse deviation go to `mean_out` / `inv_out` when given.
 // `name` names the last layer ("" for the node's own name).
-void EmitNormalize(Converter& c, const std::string& x, const std::vector<int64_t>& axes, double eps,
+void EmitNormalize(MappingContext& c, const std::string& x, const std::vector<int64_t>& axes, double eps,
                    bool rms, const std::string& mean_out, const std::string& inv_out,
                    const std::string& out, const std::string& name) {
   const Json::object reduce = {{"axes", JsonInts(axes)}, {"keepdims", true}};
@@ -255,7 +255,7 @@ void EmitNormalize(Converter& c, const std::string& x, const std::vector<int64_t
 // LayerNormalization and RMSNormalization over the axes from `axis` on, then
 // BroadcastOp products with the scale and the sum with the bias. The Mean and
 // InvStdDev outputs are the intermediate tensors.
-void MapNormalization(Converter& c) {
+void MapNormalization(MappingContext& c) {
   const bool rms = c.Op() == "RMSNormalization";
   const int64_t rank = c.InRank(0);
   const int64_t axis = NormalizeAxis(c, c.Int("axis", -1), rank, "axis");
@@ -278,7 +278,7 @@ void MapNormalization(Converter& c) {
 // GroupNormalization: the input seen as [N, groups, -1] is normalized over its
 // last axis, reshaped back, and a Scale layer applies the per-channel scale
 // and bias (one value per group before set 21, repeated over its channels).
-void MapGroupNormalization(Converter& c) {
+void MapGroupNormalization(MappingContext& c) {
   const Shape& x = c.InShape(0);
   if (x.size() < 2) c.Fail("input " + c.InputName(0) + " needs a channel axis");
   const int64_t groups = c.Int("num_groups", 0), channels = x[1];

@@ -8,7 +8,7 @@
 #include <numeric>
 #include <set>
 
-#include "tools/onnx/converter.h"
+#include "importer/mapping_context.h"
 
 namespace qzdl::onnx_import {
 
@@ -25,7 +25,7 @@ int64_t Product(const Shape& dims, size_t from = 0, size_t to = SIZE_MAX) {
 
 int Clamp32(int64_t v) { return static_cast<int>(std::clamp<int64_t>(v, INT_MIN, INT_MAX)); }
 
-void MapReshape(Converter& c) {
+void MapReshape(MappingContext& c) {
   std::vector<int64_t> target;
   if (c.Opset() < 5) {
     target = c.Ints("shape");
@@ -60,7 +60,7 @@ void MapReshape(Converter& c) {
   EmitReshape(c, c.In(0), in, c.Out(0), out);
 }
 
-void MapFlatten(Converter& c) {
+void MapFlatten(MappingContext& c) {
   const Shape& in = c.InShape(0);
   const int64_t rank = in.size();
   int64_t axis = c.Int("axis", 1);
@@ -72,12 +72,12 @@ void MapFlatten(Converter& c) {
   EmitReshape(c, c.In(0), in, c.Out(0), {Product(in, 0, axis), Product(in, axis)});
 }
 
-std::vector<int64_t> AxesOf(Converter& c, int input) {
+std::vector<int64_t> AxesOf(MappingContext& c, int input) {
   if (c.Opset() >= 13) return c.HasInput(input) ? c.Const(input, "axes").Ints() : Shape{};
   return c.Ints("axes");
 }
 
-void MapSqueeze(Converter& c) {
+void MapSqueeze(MappingContext& c) {
   const Shape& in = c.InShape(0);
   const bool squeeze = c.Op() == "Squeeze";
   const std::vector<int64_t> given = AxesOf(c, 1);
@@ -109,14 +109,14 @@ void MapSqueeze(Converter& c) {
   const std::string type = squeeze ? "Squeeze" : "ExpandDims";
   // Axes after the batch keep the net runnable at any batch; squeezing or
   // inserting at axis 0 changes what the batch is, so that becomes a Reshape.
-  if (Converter::HasLayerType(type) && !axes.empty() && !axes.count(0)) {
+  if (MappingContext::HasLayerType(type) && !axes.empty() && !axes.count(0)) {
     c.Emit(type, {c.In(0)}, {c.Out(0)}, {{"axes", JsonInts(Shape(axes.begin(), axes.end()))}});
     return;
   }
   EmitReshape(c, c.In(0), in, c.Out(0), out);
 }
 
-void MapTranspose(Converter& c) {
+void MapTranspose(MappingContext& c) {
   const int64_t rank = c.InRank(0);
   std::vector<int64_t> perm = c.Ints("perm");
   if (perm.empty()) {
@@ -128,7 +128,7 @@ void MapTranspose(Converter& c) {
   c.Emit("Permute", {c.In(0)}, {c.Out(0)}, {{"order", JsonInts(perm)}});
 }
 
-void MapConcat(Converter& c) {
+void MapConcat(MappingContext& c) {
   const int64_t rank = c.InRank(0);
   const int64_t axis = NormalizeAxis(c, c.Int("axis", 1), rank, "axis");
   std::vector<std::string> ins;
@@ -138,7 +138,7 @@ void MapConcat(Converter& c) {
   c.Emit("Concat", ins, {c.Out(0)}, {{"axis", static_cast<int>(axis)}});
 }
 
-void MapSplit(Converter& c) {
+void MapSplit(MappingContext& c) {
   const Shape& in = c.InShape(0);
   const int64_t axis = NormalizeAxis(c, c.Int("axis", 0), in.size(), "axis");
   const int n = c.NumOutputs();
@@ -183,7 +183,7 @@ void MapSplit(Converter& c) {
   c.Emit("Slice", {c.In(0)}, outs, {{"axis", static_cast<int>(axis)}, {"slice_point", points}});
 }
 
-void MapSlice(Converter& c) {
+void MapSlice(MappingContext& c) {
   const Shape& in = c.InShape(0);
   const int64_t rank = in.size();
   std::vector<int64_t> starts, ends, axes, steps;
@@ -232,7 +232,7 @@ void MapSlice(Converter& c) {
          {{"starts", js}, {"ends", je}, {"axes", ja}, {"steps", jst}});
 }
 
-void MapPad(Converter& c) {
+void MapPad(MappingContext& c) {
   const std::string mode = c.Str("mode", "constant");
   if (mode != "constant" && mode != "reflect" && mode != "edge") {
     c.BadAttr("mode", "\"" + mode + "\"");
@@ -329,7 +329,7 @@ bool NearestMatches(int64_t in, int64_t out, double scale, const std::string& ct
   return true;
 }
 
-void MapResize(Converter& c) {
+void MapResize(MappingContext& c) {
   const bool upsample = c.Op() == "Upsample";
   const Shape& in = c.InShape(0);
   if (in.size() != 4) c.Fail("input of shape " + DimsString(in) + "; only 4-d data is resized");
@@ -431,7 +431,7 @@ void MapResize(Converter& c) {
   c.Emit("Upsample", {c.In(0)}, {c.Out(0)}, p);
 }
 
-void MapSpaceDepth(Converter& c) {
+void MapSpaceDepth(MappingContext& c) {
   const int64_t block = c.Int("blocksize", 0);
   if (block < 1) c.BadAttr("blocksize", std::to_string(block));
   Json::object p = {{"blocksize", static_cast<int>(block)}};
@@ -443,7 +443,7 @@ void MapSpaceDepth(Converter& c) {
   c.Emit(c.Op(), {c.In(0)}, {c.Out(0)}, p);
 }
 
-void MapTile(Converter& c) {
+void MapTile(MappingContext& c) {
   const std::vector<int64_t> reps = c.Const(1, "repeats").Ints();
   if (static_cast<int>(reps.size()) != c.InRank(0)) {
     c.Fail("repeats " + DimsString(reps) + " do not match input of shape " +
@@ -452,7 +452,7 @@ void MapTile(Converter& c) {
   c.Emit("Tile", {c.In(0)}, {c.Out(0)}, {{"repeats", JsonInts(reps)}});
 }
 
-void MapExpand(Converter& c) {
+void MapExpand(MappingContext& c) {
   const Shape& in = c.InShape(0);
   const Shape target = c.Const(1, "shape").Ints();
   const Shape out = BroadcastShapes(in, target);
@@ -470,7 +470,7 @@ void MapExpand(Converter& c) {
   c.Emit("Tile", {x}, {c.Out(0)}, {{"repeats", JsonInts(reps)}});
 }
 
-void MapGather(Converter& c) {
+void MapGather(MappingContext& c) {
   if (c.IsConst(0)) c.Fail("the data is a constant and the indices are not; not supported");
   const int64_t rank = c.InRank(0);
   const int64_t axis = NormalizeAxis(c, c.Int("axis", 0), rank, "axis");
@@ -486,7 +486,7 @@ void MapGather(Converter& c) {
   c.Emit("Gather", {c.In(0)}, {c.Out(0)}, p);
 }
 
-void MapShapeOp(Converter& c) {
+void MapShapeOp(MappingContext& c) {
   c.Fail("the shape of input " + c.InputName(0) +
          " is not known at conversion time, so this node cannot be folded to a constant");
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Exports torchvision classification models and detector heads to ONNX with
 random weights (no downloads), for scripts/check_real_models.sh and the test
-fixtures of tests/tools/onnx/onnx_real_models_test.cpp.
+fixtures of tests/importer/onnx_real_models_test.cpp.
 
     /usr/bin/python3 scripts/export_torchvision.py OUT_DIR [--models a,b,...]
         [--opset 13] [--small]

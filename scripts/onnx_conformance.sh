@@ -2,7 +2,7 @@
 # Runs every ONNX test case of ../shared/onnx-tests (node, pytorch-converted,
 # pytorch-operator) through the importer and the float runtime, prints the
 # failures with their reasons and the pass counts, and rewrites
-# tests/tools/onnx/conformance_pass.txt, the list CTest runs.
+# tests/importer/conformance_pass.txt, the list CTest runs.
 #
 #   scripts/onnx_conformance.sh [--no-write] [extra qzdl_onnx_conformance options]
 #
@@ -12,7 +12,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 BUILD_DIR=${BUILD_DIR:-build}
 ONNX_TESTS_DIR=${ONNX_TESTS_DIR:-$(cd .. && pwd)/shared/onnx-tests}
-PASS_LIST=tests/tools/onnx/conformance_pass.txt
+PASS_LIST=tests/importer/conformance_pass.txt
 
 write=(--write-pass "$PASS_LIST")
 if [[ "${1:-}" == "--no-write" ]]; then

@@ -2,24 +2,29 @@
 //
 //   qzdl_onnx2net model.onnx out.json out.bin [--input-shape NAME=D0,D1,...]...
 //                 [--serial out.fb] [--constant-input NAME=TENSOR.pb]...
+//                 [--max-constant-mib N]
 //
+// --max-constant-mib: the most memory (MiB) one constant computed while
+// importing may take (default 1024): weights that a model computes from
+// ConstantOfShape, Expand, Tile and the like.
 // Nothing is written unless the whole conversion succeeds, and then each
 // output is replaced whole, never left half-written (docs/atomic-writes.md).
 // Errors go to standard error as one line and give exit status 1 (2 for a bad
 // command line).
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
 
-#include "tools/onnx/onnx_importer.h"
+#include "importer/onnx_importer.h"
 
 namespace {
 
 int Usage() {
   fprintf(stderr,
           "usage: qzdl_onnx2net model.onnx out.json out.bin [--input-shape NAME=D0,D1,...]... "
-          "[--serial out.fb] [--constant-input NAME=TENSOR.pb]...\n");
+          "[--serial out.fb] [--constant-input NAME=TENSOR.pb]... [--max-constant-mib N]\n");
   return 2;
 }
 
@@ -46,6 +51,16 @@ int main(int argc, char** argv) {
         std::ostringstream bytes;
         bytes << f.rdbuf();
         options.constant_inputs[item.substr(0, eq)] = bytes.str();
+      } else if (arg == "--max-constant-mib" && i + 1 < argc) {
+        const std::string value = argv[++i];
+        char* end = nullptr;
+        const long long mib = strtoll(value.c_str(), &end, 10);
+        // Up to 2^32 MiB keeps the byte count far inside int64.
+        if (value.empty() || *end != '\0' || mib < 1 || mib > (1LL << 32)) {
+          throw qzdl::OnnxImportError("--max-constant-mib \"" + value +
+                                      "\" is not a whole number from 1 to 4294967296");
+        }
+        options.max_constant_bytes = static_cast<int64_t>(mib) << 20;
       } else if (!arg.empty() && arg[0] == '-') {
         return Usage();
       } else if (count < 3) {

@@ -38,8 +38,8 @@
 #include "runtime/create_net.h"
 #include "runtime/log.h"
 #include "runtime/weights_file.h"
-#include "tools/onnx/const_tensor.h"
-#include "tools/onnx/onnx_importer.h"
+#include "importer/const_tensor.h"
+#include "importer/onnx_importer.h"
 
 namespace {
 

@@ -23,6 +23,10 @@ std::string WriteInput(const uint8_t* data, size_t size, const std::string& name
 // An empty folder private to this process (for paths the input may name).
 std::string ScratchFolder();
 
+// Import options of the ONNX targets: constants computed while importing are
+// held to 256 MiB (a quarter of the tool's default) so that fuzzing stays fast.
+constexpr int64_t kFuzzMaxConstantBytes = int64_t{256} << 20;
+
 // Creates a float net from a description and weights in memory; returns null
 // when creation fails the documented way (a logged message and a thrown
 // QZDLInitException pointer).

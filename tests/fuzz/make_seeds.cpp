@@ -12,7 +12,7 @@
 #include "runtime/serial_weights.h"
 #include "runtime/weights_file.h"
 #include "small_net.h"
-#include "tools/onnx/onnx_importer.h"
+#include "importer/onnx_importer.h"
 
 namespace fs = std::filesystem;
 
@@ -85,7 +85,7 @@ int main(int argc, char** argv) {
     Write(out / "text_set/short_bad", "1 x 3");
 
     // One small passing ONNX node test per op, and its imported net.
-    std::ifstream list(src / "tests/tools/onnx/conformance_pass.txt");
+    std::ifstream list(src / "tests/importer/conformance_pass.txt");
     std::set<std::string> ops;
     std::string line;
     int models = 0, nets = 0;

@@ -23,8 +23,8 @@
 
 #include "fuzz_support.h"
 #include "runtime/weights_file.h"
-#include "tools/onnx/converter.h"
-#include "tools/onnx/onnx_importer.h"
+#include "importer/mapping_context.h"
+#include "importer/onnx_importer.h"
 
 namespace {
 
@@ -251,9 +251,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (!model.SerializeToString(&bytes)) return 0;
   // To look at a finding's model: QZDL_FUZZ_DUMP=model.onnx <target> <input>.
   if (const char* dump = std::getenv("QZDL_FUZZ_DUMP")) std::ofstream(dump) << bytes;
+  qzdl::OnnxImportOptions options;
+  options.max_constant_bytes = qzdl_fuzz::kFuzzMaxConstantBytes;
   qzdl::OnnxImportResult result;
   try {
-    result = qzdl::ImportOnnxBytes(bytes, "fuzz.onnx", base_dir);
+    result = qzdl::ImportOnnxBytes(bytes, "fuzz.onnx", base_dir, options);
   } catch (const qzdl::OnnxImportError&) {
     return 0;
   }

@@ -6,15 +6,17 @@
 
 #include "fuzz_support.h"
 #include "runtime/weights_file.h"
-#include "tools/onnx/onnx_importer.h"
+#include "importer/onnx_importer.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   qzdl_fuzz::QuietStdout();
   static const std::string base_dir = qzdl_fuzz::ScratchFolder();
+  qzdl::OnnxImportOptions options;
+  options.max_constant_bytes = qzdl_fuzz::kFuzzMaxConstantBytes;
   qzdl::OnnxImportResult result;
   try {
     result = qzdl::ImportOnnxBytes(std::string(reinterpret_cast<const char*>(data), size),
-                                   "fuzz.onnx", base_dir);
+                                   "fuzz.onnx", base_dir, options);
   } catch (const qzdl::OnnxImportError&) {
     return 0;
   }

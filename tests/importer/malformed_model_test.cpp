@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/onnx/onnx_importer.h"
-#include "tools/onnx/onnx_test_util.h"
+#include "importer/onnx_importer.h"
+#include "importer/onnx_test_util.h"
 
 namespace qzdl::test {
 namespace {
@@ -376,8 +376,9 @@ TEST(MalformedModel, ConstantOfShapeBeyondTheLimit) {
   AddNode(&m, "ConstantOfShape", "fill", {"shape"}, {"c"});
   AddNode(&m, "Add", "add", {"y", "c"}, {"z"});
   EXPECT_EQ(ImportMessage(m),
-            "node \"fill\" (ConstantOfShape): would have shape [100000, 100000], more than "
-            "67108864 elements (the limit for constants computed while importing)");
+            "node \"fill\" (ConstantOfShape): would have shape [100000, 100000] of float, "
+            "40000000000 bytes, beyond the limit of 1073741824 bytes for a constant computed "
+            "while importing (qzdl_onnx2net --max-constant-mib raises it)");
 }
 
 // The classes below were found by the onnx_graph fuzz target (structured
@@ -513,8 +514,9 @@ TEST(MalformedModel, ConstantTileBeyondTheLimit) {
   AddNode(&m, "Tile", "tile", {"c", "reps"}, {"t"});
   AddNode(&m, "Add", "add", {"y", "t"}, {"z"});
   EXPECT_EQ(ImportMessage(m),
-            "node \"tile\" (Tile): would hold more than 67108864 values (the limit for "
-            "constants computed while importing)");
+            "node \"tile\" (Tile): would hold more than 268435456 float values, beyond the "
+            "limit of 1073741824 bytes for a constant computed while importing "
+            "(qzdl_onnx2net --max-constant-mib raises it)");
 }
 
 TEST(MalformedModel, GemmWithEmptyCStillImports) {

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "support/net_builder.h"
-#include "tools/onnx/onnx_test_util.h"
+#include "importer/onnx_test_util.h"
 
 namespace qzdl::test {
 namespace {
@@ -55,6 +55,26 @@ TEST(OnnxErrors, NotOnnx) {
 TEST(OnnxErrors, MissingFile) {
   const std::string path = TempDir("missing") + "/absent.onnx";
   ExpectFailure(path, "cannot read \"" + path + "\"");
+}
+
+TEST(OnnxErrors, ComputedConstantBeyondTheLimit) {
+  // VGG-19's first fully connected weight, 411 MB, passes the default limit
+  // (onnx_light_models_test.cpp) but not a limit of 256 MiB.
+  const std::string vgg = std::string(QZDL_ONNX_TESTS_DIR) + "/light/light_vgg19.onnx";
+  ExpectFailure(vgg,
+                "node \"ConstantOfShape_31\" (ConstantOfShape): would have shape [4096, 25088] of "
+                "float, 411041792 bytes, beyond the limit of 268435456 bytes for a constant "
+                "computed while importing (qzdl_onnx2net --max-constant-mib raises it)",
+                " --max-constant-mib 256");
+}
+
+TEST(OnnxErrors, BadConstantLimit) {
+  for (const char* value : {"0", "-1", "12x", "", "4294967297"}) {
+    ExpectFailure(Fixture("unknown_op.onnx"),
+                  std::string("--max-constant-mib \"") + value +
+                      "\" is not a whole number from 1 to 4294967296",
+                  std::string(" --max-constant-mib '") + value + "'");
+  }
 }
 
 TEST(OnnxErrors, UnknownOperator) {

@@ -4,8 +4,8 @@
 
 #include <climits>
 
-#include "tools/onnx/constant_folding.h"
-#include "tools/onnx/fold_elementwise.h"
+#include "importer/constant_folding.h"
+#include "importer/fold_elementwise.h"
 
 namespace qzdl::onnx_import {
 namespace {

@@ -9,7 +9,7 @@
 #include "runtime/serial_weights.h"
 #include "support/net_builder.h"
 #include "support/onnx_tensor.h"
-#include "tools/onnx/onnx_test_util.h"
+#include "importer/onnx_test_util.h"
 
 namespace qzdl::test {
 namespace {

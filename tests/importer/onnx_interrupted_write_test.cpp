@@ -15,7 +15,7 @@
 
 #include "support/net_builder.h"
 #include "tools/interrupted_run.h"
-#include "tools/onnx/onnx_test_util.h"
+#include "importer/onnx_test_util.h"
 
 namespace qzdl::test {
 namespace {

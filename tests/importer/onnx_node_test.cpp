@@ -7,7 +7,7 @@
 
 #include "support/net_builder.h"
 #include "support/onnx_tensor.h"
-#include "tools/onnx/onnx_test_util.h"
+#include "importer/onnx_test_util.h"
 
 namespace qzdl::test {
 namespace {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "support/onnx_tensor.h"
-#include "tools/onnx/onnx_test_util.h"
+#include "importer/onnx_test_util.h"
 
 namespace qzdl::test {
 namespace {

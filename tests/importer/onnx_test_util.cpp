@@ -1,4 +1,4 @@
-#include "tools/onnx/onnx_test_util.h"
+#include "importer/onnx_test_util.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>

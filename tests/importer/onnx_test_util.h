@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "runtime/net.h"
-#include "tools/onnx/onnx_importer.h"
+#include "importer/onnx_importer.h"
 
 namespace qzdl::test {
 

@@ -17,6 +17,7 @@
 #include "runtime/kernels/conv_reference.h"
 #include "support/net_builder.h"
 #include "support/onnx_tensor.h"
+#include "weighted_layer_support.h"
 
 namespace qzdl {
 namespace {
@@ -32,20 +33,9 @@ constexpr double kAtol = 1e-5, kRtol = 1e-5;
 // per term), with a floor of 1e-6.
 double KernelAtol(int k) { return std::max(1e-6, 2e-7 * k); }
 
-struct Blob {
-  std::vector<int> dims;
-  std::vector<float> values;
-};
-
-Blob FromOnnx(const test::OnnxTensor& t) { return {t.IntDims(), t.values}; }
-Blob OnnxData(const std::string& group, const std::string& name, const std::string& file) {
-  return FromOnnx(
-      test::ReadOnnxTensor(test::OnnxCase(group, name) + "/test_data_set_0/" + file + ".pb"));
-}
-Blob Fixture(const std::string& name) {
-  return FromOnnx(
-      test::ReadOnnxTensor(std::string(QZDL_TEST_DATA_DIR) + "/convolution/" + name + ".pb"));
-}
+using test::weighted::Blob;
+using test::weighted::Fixture;
+using test::weighted::OnnxData;
 
 // Transposed-convolution weights as ONNX and PyTorch keep them, [C_in,
 // C_out/group, kh, kw], in the layer's layout [C_out, C_in/group, kh, kw].
@@ -65,34 +55,16 @@ Blob DeconvWeightFromOnnx(const Blob& w, int group) {
 
 test::NetBuilder OneLayer(const std::string& type, const Json::object& param,
                           const std::vector<int>& in_dims, const Blob* w, const Blob* b) {
-  test::NetBuilder nb;
-  nb.Input("data", in_dims).Layer("conv1", type, {"data"}, {"out"}, param);
-  if (w != nullptr) nb.Weight("conv1", "weight", w->dims, w->values);
-  if (b != nullptr) nb.Weight("conv1", "bias", b->dims, b->values);
-  return nb;
+  return test::weighted::OneLayer("conv1", type, param, in_dims, w, b);
 }
 
-// Builds the one-layer net, runs it on x and returns the output.
 Blob RunNet(const std::string& type, const Json::object& param, const Blob& x, const Blob& w,
             const Blob* b, bool frugal = false) {
-  std::unique_ptr<Net<float>> net;
-  try {
-    net = OneLayer(type, param, x.dims, &w, b).Build(frugal);
-  } catch (std::exception* e) {
-    delete e;
-    ADD_FAILURE() << "building the " << type << " net failed";
-    return {};
-  }
-  std::vector<float> input = x.values;
-  net->SetFloatInputData(input.data(), 0);
-  net->ForwardAll();
-  const Data<float>* y = net->GetOutputData(0);
-  return {y->GetDims(), std::vector<float>(y->GetCpuData(), y->GetCpuData() + y->Count(0))};
+  return test::weighted::RunOneLayer("conv1", type, param, x, w, b, frugal);
 }
 
 void ExpectClose(const Blob& got, const Blob& want, double atol = kAtol, double rtol = kRtol) {
-  ASSERT_EQ(got.dims, want.dims);
-  EXPECT_LE(test::ToleranceRatio(got.values, want.values, atol, rtol), 1.0);
+  test::weighted::ExpectBlobsClose(got, want, atol, rtol);
 }
 
 using test::BuildError;

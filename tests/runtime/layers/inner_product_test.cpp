@@ -16,6 +16,7 @@
 #include "runtime/kernels/conv_reference.h"
 #include "support/net_builder.h"
 #include "support/onnx_tensor.h"
+#include "weighted_layer_support.h"
 
 namespace qzdl {
 namespace {
@@ -29,50 +30,22 @@ constexpr double kAtol = 1e-5, kRtol = 1e-5;
 // products of values in [-1, 1): 2e-7 * K absolute, with a floor of 1e-6.
 double KernelAtol(int k) { return std::max(1e-6, 2e-7 * k); }
 
-struct Blob {
-  std::vector<int> dims;
-  std::vector<float> values;
-};
-
-Blob FromOnnx(const test::OnnxTensor& t) { return {t.IntDims(), t.values}; }
-Blob OnnxData(const std::string& group, const std::string& name, const std::string& file) {
-  return FromOnnx(
-      test::ReadOnnxTensor(test::OnnxCase(group, name) + "/test_data_set_0/" + file + ".pb"));
-}
-Blob Fixture(const std::string& name) {
-  return FromOnnx(
-      test::ReadOnnxTensor(std::string(QZDL_TEST_DATA_DIR) + "/convolution/" + name + ".pb"));
-}
+using test::weighted::Blob;
+using test::weighted::Fixture;
+using test::weighted::OnnxData;
 
 test::NetBuilder OneLayer(const Json::object& param, const std::vector<int>& in_dims, const Blob* w,
                           const Blob* b) {
-  test::NetBuilder nb;
-  nb.Input("data", in_dims).Layer("fc", "InnerProduct", {"data"}, {"out"}, param);
-  if (w != nullptr) nb.Weight("fc", "weight", w->dims, w->values);
-  if (b != nullptr) nb.Weight("fc", "bias", b->dims, b->values);
-  return nb;
+  return test::weighted::OneLayer("fc", "InnerProduct", param, in_dims, w, b);
 }
 
 Blob RunNet(const Json::object& param, const Blob& x, const Blob& w, const Blob* b,
             bool frugal = false) {
-  std::unique_ptr<Net<float>> net;
-  try {
-    net = OneLayer(param, x.dims, &w, b).Build(frugal);
-  } catch (std::exception* e) {
-    delete e;
-    ADD_FAILURE() << "building the InnerProduct net failed";
-    return {};
-  }
-  std::vector<float> input = x.values;
-  net->SetFloatInputData(input.data(), 0);
-  net->ForwardAll();
-  const Data<float>* y = net->GetOutputData(0);
-  return {y->GetDims(), std::vector<float>(y->GetCpuData(), y->GetCpuData() + y->Count(0))};
+  return test::weighted::RunOneLayer("fc", "InnerProduct", param, x, w, b, frugal);
 }
 
 void ExpectClose(const Blob& got, const Blob& want, double atol = kAtol, double rtol = kRtol) {
-  ASSERT_EQ(got.dims, want.dims);
-  EXPECT_LE(test::ToleranceRatio(got.values, want.values, atol, rtol), 1.0);
+  test::weighted::ExpectBlobsClose(got, want, atol, rtol);
 }
 
 Blob Transposed(const Blob& m) {
