@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Side by side with ONNX Runtime: imports an ONNX model, runs it on our float
-# runtime (qzdl_forward) and on ONNX Runtime (Node package, sequential
+# runtime (qzdl_run) and on ONNX Runtime (Node package, sequential
 # execution, THREADS intra-op threads) on the same random input, and prints
 # per batch size: the largest absolute difference and the cosine similarity
 # of the outputs, images per second of each, and the ratio ours / ORT.
@@ -34,7 +34,7 @@ while (($#)); do
   esac
 done
 [[ -n "$MODEL" ]] || { echo "usage: $0 MODEL.onnx [--batches \"1 8\"] [--repeat N]" >&2; exit 2; }
-cmake --build "$BUILD_DIR" --target qzdl_onnx2net qzdl_forward >/dev/null
+cmake --build "$BUILD_DIR" --target qzdl_onnx2net qzdl_run >/dev/null
 WORK=$(mktemp -d)
 trap 'rm -rf "$WORK"' EXIT
 
@@ -47,7 +47,7 @@ for batch in $BATCHES; do
     --batch "$batch" --inputs-dir "$WORK/in$batch" --outputs-dir "$WORK/ort$batch" \
     --threads "$THREADS" --warmup 3 --repeat "$repeat" 2>/dev/null)
   ort_ips=$(node -e "console.log(JSON.parse(process.argv[1]).images_per_s.toFixed(2))" "$ort_json")
-  ours=$(OMP_NUM_THREADS=$THREADS "$BUILD_DIR/tools/qzdl_forward" "$WORK/net.json" "$WORK/net.bin" \
+  ours=$(OMP_NUM_THREADS=$THREADS "$BUILD_DIR/tools/qzdl_run" "$WORK/net.json" "$WORK/net.bin" \
     --batch "$batch" --warmup 3 --repeat "$repeat" --inputs-dir "$WORK/in$batch" \
     --compare-dir "$WORK/ort$batch")
   ours_ips=$(sed -n 's/^forward: .* ms per pass, \([0-9.]*\) images\/s$/\1/p' <<<"$ours")

@@ -8,6 +8,7 @@
 #include "quantization/observer.h"
 #include "quantization/utils.h"
 #include "runtime/create_net.h"
+#include "runtime/file_read.h"
 
 namespace qzdl {
 namespace modelConverter {
@@ -111,10 +112,8 @@ void Converter::AssignCalibrationMethods(CalibrationMethod mode) {
 
   // Per-tensor choices from "config.json" in the current directory. A missing
   // or broken file, or one without the section, changes nothing.
-  std::ifstream file("config.json");
-  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
   std::string error;
-  const json11::Json config = json11::Json::parse(text, error);
+  const json11::Json config = json11::Json::parse(ReadFileOrEmpty("config.json"), error);
   const json11::Json& section = config["CalibrationMethod"];
   // The walk is over the net's tensors: names in the file that are no tensor
   // are ignored. Every tensor the file names gets the line, even when the word
@@ -134,6 +133,7 @@ void Converter::Convert() {
     printf("Failed to load input data.\n");
     exit(-1);
   }
+  CheckSampleCounts();
 
   // The second size check: a tensor at the batch of the whole data set. The
   // observers and the searcher exist already and stay as they are.

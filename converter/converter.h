@@ -73,6 +73,10 @@ class Converter {
  private:
   friend class ConverterTestAccess;
 
+  // Ends the run (status 255) with a line naming every input and its sample
+  // count when the inputs have different numbers of samples.
+  void CheckSampleCounts();
+
   // Method assignment: net inputs Naive, layer outputs `mode`, then the
   // per-tensor choices of "config.json" in the current directory.
   void AssignCalibrationMethods(CalibrationMethod mode);

@@ -29,6 +29,26 @@ void Converter::MergeInt8Config() {}
 
 long Converter::DataSize() { return data_loader->GetSize(); }
 
+// Every net input is fed one sample per item of the set, so all inputs need
+// the same number of samples (a list dealt over two inputs may leave one
+// short).
+void Converter::CheckSampleCounts() {
+  std::string counts;
+  bool differ = false;
+  const long first = data_loader->GetSize(float_net->GetInputData(0)->GetName());
+  for (int i = 0; i < float_net->GetInputCount(); ++i) {
+    const std::string name = float_net->GetInputData(i)->GetName();
+    const long n = data_loader->GetSize(name);
+    differ |= n != first;
+    counts += (i ? ", " : "") + std::string("\"") + name + "\" " + std::to_string(n);
+  }
+  if (!differ) return;
+  printf("Error: the net inputs have different numbers of calibration samples: %s.\n",
+         counts.c_str());
+  fflush(stdout);
+  exit(-1);
+}
+
 float* Converter::NextBatch(const std::string& name, int batch) {
   return data_loader->GetBatch(name, batch);
 }

@@ -10,6 +10,7 @@
 
 #include "quantization/calibration_method.h"
 #include "runtime/atomic_file.h"
+#include "runtime/file_read.h"
 #include "runtime/json11.h"
 #include "runtime/log.h"
 
@@ -89,10 +90,9 @@ ConverterParam::ConverterParam()
 ConverterParam::~ConverterParam() = default;
 
 void ConverterParam::loadFromJsonFile(std::string path) {
-  std::ifstream file(path);
-  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  // A file that cannot be read (missing, a folder) is empty text: a null value.
   std::string error;
-  json11::Json json = json11::Json::parse(text, error);
+  json11::Json json = json11::Json::parse(ReadFileOrEmpty(path), error);
   json_file = json["json_file"].string_value();
   model_file = json["model_file"].string_value();
   output_name = json["output_name"].string_value();
@@ -118,7 +118,6 @@ void ConverterParam::loadFromJsonFile(std::string path) {
   expectant_cos = json["expectant_cos"].number_value();
   weight_tuning = json["weight_tuning"].bool_value();
   max_data_num = json["max_data_num"].int_value();
-  file.close();
 }
 
 void ConverterParam::dumpJsonFile(std::string path) {

@@ -190,7 +190,9 @@ void parse_zip_footer(FILE* file, uint16_t& records, size_t& directorySize,
   directoryOffset = ReadLe32(footer + 16);
 }
 
-NpyArray npy_load(std::string path) {
+namespace {
+
+NpyArray NpyLoad(const std::string& path) {
   FILE* file = fopen(path.c_str(), "rb");
   if (file == nullptr) throw std::runtime_error("npy_load: Unable to open file " + path);
   FileCloser closer(file);
@@ -198,8 +200,6 @@ NpyArray npy_load(std::string path) {
   closer.Close();
   return array;
 }
-
-namespace {
 
 // One local header of an archive, after its name and extra field.
 struct MemberHeader {
@@ -242,9 +242,7 @@ NpyArray LoadMember(FILE* file, const MemberHeader& member) {
   return load_the_npz_array(file, member.compressedBytes, member.uncompressedBytes);
 }
 
-}  // namespace
-
-NpzArrays npz_load(std::string path) {
+NpzArrays NpzLoad(const std::string& path) {
   FILE* file = fopen(path.c_str(), "rb");
   if (file == nullptr)
     throw std::runtime_error("npz_load: Error! Unable to open file " + path + "!");
@@ -265,7 +263,7 @@ NpzArrays npz_load(std::string path) {
   return arrays;
 }
 
-NpyArray npz_load(std::string path, std::string name) {
+NpyArray NpzLoadMember(const std::string& path, const std::string& name) {
   FILE* file = fopen(path.c_str(), "rb");
   if (file == nullptr) throw std::runtime_error("npz_load: Unable to open file " + path);
   FileCloser closer(file);
@@ -284,6 +282,32 @@ NpyArray npz_load(std::string path, std::string name) {
   }
   closer.Close();
   throw std::runtime_error("npz_load: Variable name " + name + " not found in " + path);
+}
+
+// Runs a load of `path`, its failures keeping their text and naming the file.
+template <typename Load>
+auto NamingFile(const std::string& path, Load load) -> decltype(load()) {
+  try {
+    return load();
+  } catch (const FileError&) {
+    throw;
+  } catch (const std::runtime_error& e) {
+    throw FileError(e.what(), path);
+  }
+}
+
+}  // namespace
+
+NpyArray npy_load(std::string path) {
+  return NamingFile(path, [&] { return NpyLoad(path); });
+}
+
+NpzArrays npz_load(std::string path) {
+  return NamingFile(path, [&] { return NpzLoad(path); });
+}
+
+NpyArray npz_load(std::string path, std::string name) {
+  return NamingFile(path, [&] { return NpzLoadMember(path, name); });
 }
 
 }  // namespace cnpy

@@ -9,9 +9,12 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <typeinfo>
 #include <vector>
+
+#include "runtime/errors.h"
 
 namespace cnpy {
 
@@ -68,6 +71,14 @@ void parse_npy_header(unsigned char* buffer, size_t bufferSize, size_t& elementS
 // The end-of-central-directory record of a ZIP file.
 void parse_zip_footer(FILE* file, uint16_t& records, size_t& directorySize,
                       size_t& directoryOffset);
+
+// What the three loads below raise: the fixed text of the failing step as
+// its what(), and the file it was reading (qzdl::FileNamedError::file()).
+class FileError : public std::runtime_error, public qzdl::FileNamedError {
+ public:
+  FileError(const std::string& what, const std::string& path)
+      : std::runtime_error(what), qzdl::FileNamedError(path) {}
+};
 
 NpyArray npy_load(std::string path);
 NpzArrays npz_load(std::string path);

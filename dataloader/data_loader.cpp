@@ -76,6 +76,11 @@ long DataLoader::GetSize() {
   return static_cast<long>(loaders.begin()->second.size());
 }
 
+long DataLoader::GetSize(std::string const& name) {
+  auto it = loaders.find(name);
+  return it == loaders.end() ? 0 : static_cast<long>(it->second.size());
+}
+
 float* DataLoader::NewBuffer(std::string const& name, long floats) {
   float*& buffer = buffers[name];
   if (buffer != nullptr) {

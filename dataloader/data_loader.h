@@ -57,6 +57,8 @@ class DataLoader {
   void SetMaximum(int maximum);
   // Samples of the first item in key order.
   long GetSize();
+  // The number of samples of item `name` (0 for an item it does not have).
+  long GetSize(std::string const& name);
 
   // Fetches. Each returns a new array owned by the loader, valid until the
   // next fetch for the same item: samples lie one behind the other.

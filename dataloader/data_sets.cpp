@@ -12,6 +12,7 @@
 
 #include "dataloader/data_loader.h"
 #include "runtime/layer_types.h"
+#include "runtime/errors.h"
 #include "runtime/log.h"
 
 namespace dataLoader {
@@ -53,7 +54,8 @@ char* ReadWholeFile(std::string const& path, size_t& size) {
     // A set that cannot be opened or sized is reported like one that reads
     // short.
     if (file != nullptr) fclose(file);
-    qzdl::throw_exception("read bin file error", new qzdl::QZDLInitException());
+    qzdl::throw_exception("read bin file error\n" + qzdl::FileLine(path),
+                          new qzdl::QZDLInitException());
   }
   fseek(file, 0, SEEK_SET);
   size = static_cast<size_t>(end);
@@ -62,12 +64,18 @@ char* ReadWholeFile(std::string const& path, size_t& size) {
   fclose(file);
   if (got != size) {
     delete[] bytes;
-    qzdl::throw_exception("read bin file error", new qzdl::QZDLInitException());
+    qzdl::throw_exception("read bin file error\n" + qzdl::FileLine(path),
+                          new qzdl::QZDLInitException());
   }
   return bytes;
 }
 
 }  // namespace
+
+// ReadList keeps every line, so entry i is line i + 1.
+static std::string ListLine(std::string const& list_file, size_t i) {
+  return "line " + std::to_string(i + 1) + " of list \"" + list_file + "\"";
+}
 
 unsigned long BinaryChunkCount(unsigned long file_bytes, unsigned long floats_per_record) {
   if (floats_per_record == 0) return 0;
@@ -75,7 +83,11 @@ unsigned long BinaryChunkCount(unsigned long file_bytes, unsigned long floats_pe
 }
 
 void DataLoader::LoadFromList(std::string const& name, std::string const& list_file) {
-  for (const std::string& path : ReadList(list_file, maximum, false)) AddLoader(name, path);
+  const std::vector<std::string> paths = ReadList(list_file, maximum, false);
+  for (size_t i = 0; i < paths.size(); ++i) {
+    AddLoader(name, paths[i]);
+    loaders[name].back()->origin = ListLine(list_file, i);
+  }
 }
 
 void DataLoader::LoadFromListAnonymous(std::string const& list_file) {
@@ -84,7 +96,10 @@ void DataLoader::LoadFromListAnonymous(std::string const& list_file) {
   const std::vector<std::string> paths =
       ReadList(list_file, static_cast<long long>(maximum) * inputs, true);
   if (inputs == 0) return;
-  for (size_t i = 0; i < paths.size(); ++i) AddLoader(names[i % names.size()], paths[i]);
+  for (size_t i = 0; i < paths.size(); ++i) {
+    AddLoader(names[i % names.size()], paths[i]);
+    loaders[names[i % names.size()]].back()->origin = ListLine(list_file, i);
+  }
 }
 
 void DataLoader::LoadFolder(std::string const& name, std::string const& folder) {

@@ -77,6 +77,9 @@ class Loader {
 
   // File to read; when empty, the source is `shared_ptr`.
   std::string file_path;
+  // Where the sample was named, for messages: "line 3 of list \"list.txt\"";
+  // empty when no list named it.
+  std::string origin;
   // Not owned: a qzg::QZSession* for Image, a cnpy::NpyArray* for Npy.
   void* shared_ptr = nullptr;
   DataFormat data_format = Image;

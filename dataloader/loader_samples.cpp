@@ -79,7 +79,8 @@ qzg::QZSession* Loader::OpenImage() {
   }
   if (session == nullptr) {
     qzdl::throw_exception(
-        "image sample \"" + data->GetName() + "\" has neither a file nor a session",
+        "image sample \"" + data->GetName() + "\" has neither a file nor a session" +
+            (origin.empty() ? "" : " (" + origin + " is empty)"),
         new qzdl::QZDLInitException());
   }
   return session;

@@ -1,5 +1,8 @@
 #include "runtime/create_net.h"
 
+#include <cerrno>
+#include <climits>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -7,6 +10,7 @@
 #include <type_traits>
 
 #include "runtime/errors.h"
+#include "runtime/file_read.h"
 #include "runtime/layer_types.h"
 #include "runtime/log.h"
 
@@ -63,7 +67,10 @@ template <typename T>
 Optimizer<T>* BuildNet(const std::string& netText) {
   std::string error;
   json11::Json json = json11::Json::parse(netText, error, json11::STANDARD);
-  if (!error.empty()) Fail("Parse json file failed: " + error);
+  if (!error.empty()) {
+    const std::string net_file = SourceNames::NetPath();
+    Fail("Parse json file failed: " + error + (net_file.empty() ? "" : "\n" + FileLine(net_file)));
+  }
   try {
     return new Optimizer<T>(json, NetTypeWord<T>());
   } catch (const NetFormatError& e) {
@@ -91,24 +98,24 @@ Net<T>* CreateNet(std::string const& netPath, std::string const& modelPath,
   if (netDataType != "float") Fail("the defined net type isn't same as the param \"netDataType\"");
   if (!IsFileExist(netPath.c_str())) Fail("Net file \"" + netPath + "\" not found.\n");
   if (!IsFileExist(modelPath.c_str())) Fail("Model file \"" + modelPath + "\" not found.\n");
-  std::ifstream netFile(netPath);
-  std::stringstream text;
-  text << netFile.rdbuf();
+  // An unreadable net file reaches the parser as empty text.
+  const std::string text = ReadFileOrEmpty(netPath);
 
-  std::ifstream model(modelPath, std::ios::binary);
-  if (!model.is_open()) Fail("Can't open model file.\n");
-  model.seekg(0, std::ios::end);
-  const int length = static_cast<int>(model.tellg());
-  model.seekg(0, std::ios::beg);
-  // A length that does not fit (or a directory, which has none) cannot be read whole.
-  if (length < 0) Fail("read bin file error\n");
-  std::unique_ptr<char[]> buffer(new char[length > 0 ? length : 1]);
-  model.read(buffer.get(), length);
-  if (model.gcount() < length) Fail("read bin file error\n");
-  model.close();
+  std::string model, error;
+  if (!ReadWholeFile(modelPath, &model, &error)) {
+    // A folder opens but cannot be read; only a path that cannot be opened
+    // at all is "Can't open".
+    if (error != std::strerror(EISDIR) && error != std::strerror(EINVAL))
+      Fail("Can't open model file.\n" + FileLine(modelPath) + "\n");
+    Fail("read bin file error\n" + FileLine(modelPath) + "\n");
+  }
+  // The length is taken as a signed 32-bit count.
+  if (model.size() > static_cast<size_t>(INT_MAX))
+    Fail("read bin file error\n" + FileLine(modelPath) + "\n");
+  const int length = static_cast<int>(model.size());
 
   SourceNames names(netPath, modelPath);
-  return CreateNetFromContent<T>(text.str(), buffer.get(), length, frugal, optimize, reshapeArg,
+  return CreateNetFromContent<T>(text, model.data(), length, frugal, optimize, reshapeArg,
                                  spareArg);
 }
 
@@ -134,11 +141,8 @@ Net<T>* CreateNetFromContent(std::string const& netText, char* model, int modelL
 template <typename T>
 Net<T>* CreateNetSerial(std::string const& netPath, std::string const& modelPath, bool frugal,
                         bool optimize, int reshapeArg, int) {
-  std::ifstream netFile(netPath);
-  std::stringstream text;
-  text << netFile.rdbuf();
   SourceNames names(netPath, modelPath);
-  Optimizer<T>* net = BuildNet<T>(text.str());
+  Optimizer<T>* net = BuildNet<T>(ReadFileOrEmpty(netPath));
   try {
     net->LoadSerialWeights(modelPath);
     FinishNet(net, frugal, optimize, reshapeArg);

@@ -26,6 +26,12 @@ std::string SourceNames::Model() {
   return g_model_file.empty() ? "weights" : "Model file \"" + g_model_file + "\"";
 }
 
+std::string SourceNames::NetPath() { return g_net_file; }
+
+std::string SourceNames::ModelPath() { return g_model_file; }
+
+std::string FileLine(const std::string& path) { return "file \"" + path + "\""; }
+
 std::string DimsToString(const std::vector<int>& dims) {
   std::string s = "[";
   for (size_t i = 0; i < dims.size(); ++i) {

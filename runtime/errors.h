@@ -28,11 +28,29 @@ class SourceNames {
   static std::string Net();
   // "Model file \"x.bin\"" or "weights" when no file is known.
   static std::string Model();
+  // The paths themselves ("" when none is set).
+  static std::string NetPath();
+  static std::string ModelPath();
 
  private:
   std::string saved_net_;
   std::string saved_model_;
 };
+
+// An error about one file: the tools' terminate handler prints
+// FileLine(file()) on a line of its own after the error's text.
+class FileNamedError {
+ public:
+  explicit FileNamedError(std::string path) : path_(std::move(path)) {}
+  virtual ~FileNamedError() = default;
+  const std::string& file() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// `file "<path>"`: how messages name a file on a line of their own.
+std::string FileLine(const std::string& path);
 
 // "[1, 3, 224, 224]"
 std::string DimsToString(const std::vector<int>& dims);

@@ -94,6 +94,8 @@ Net<T>::~Net() = default;
 template <typename T>
 void Net<T>::Init(const json11::Json& net, std::string dataType, void*) {
   data_type_ = dataType;
+  net_file_ = SourceNames::NetPath();
+  model_file_ = SourceNames::ModelPath();
   if (!net.is_object()) FailNet("the net description must be a JSON object");
   const json11::Json& inputs = net["inputs"];
   if (!inputs.is_array() || inputs.array_items().empty())
@@ -314,6 +316,7 @@ void Net<T>::ForwardFromTo(int from, int to, bool) {
 
 template <typename T>
 void Net<T>::Reshape(bool allocate, int batch) {
+  const SourceNames names(net_file_, model_file_);
   if (batch > 0) {
     for (Data<T>* in : inputs_) {
       std::vector<int> dims = in->GetDims();
@@ -356,7 +359,11 @@ void Net<T>::AllocateStorage() {
 
 template <typename T>
 void Net<T>::ReshapeBatchNum(int batch, int) {
-  if (batch < 0) throw NetFormatError("batch size must not be negative, got " + std::to_string(batch));
+  if (batch < 0) {
+    const SourceNames names(net_file_, model_file_);
+    throw NetFormatError(SourceNames::Net() + ": batch size must not be negative, got " +
+                         std::to_string(batch));
+  }
   if (batch > 0) return Reshape(true, batch);
   // An empty batch: every tensor keeps its item shape with a batch of 0 and
   // no storage; a forward then has nothing to do.

@@ -86,6 +86,9 @@ class Net {
   void AllocateStorage();
 
   std::string data_type_;
+  // The files the net was created from, named again by errors of later
+  // reshapes (empty for nets made from memory).
+  std::string net_file_, model_file_;
   NetContext context_;
   INT8Config own_config_;
   std::vector<std::unique_ptr<Layer<T>>> owned_layers_;

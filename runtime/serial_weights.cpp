@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "runtime/errors.h"
+#include "runtime/file_read.h"
 #include "serial_model_generated.h"
 
 namespace qzdl {
@@ -46,9 +47,8 @@ std::vector<WeightBlob> ParseSerialWeights(const void* bytes, size_t length,
 
 std::vector<WeightBlob> ReadSerialWeights(const std::string& path) {
   const std::string source = "Model file \"" + path + "\"";
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw NetFormatError(source + ": cannot be opened");
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::string bytes, error;
+  if (!ReadWholeFile(path, &bytes, &error)) throw NetFormatError(source + ": cannot be read: " + error);
   return ParseSerialWeights(bytes.data(), bytes.size(), source);
 }
 

@@ -34,7 +34,7 @@ while (($#)); do
   esac
 done
 mkdir -p "$WORK/models"
-cmake --build "$BUILD_DIR" --target qzdl_onnx2net qzdl_forward >/dev/null
+cmake --build "$BUILD_DIR" --target qzdl_onnx2net qzdl_run >/dev/null
 PY=/usr/bin/python3
 
 wanted() { [[ -z "$ONLY" || ",$ONLY," == *",$1,"* ]]; }
@@ -103,7 +103,7 @@ check() {
     status=1
     return
   }
-  OMP_NUM_THREADS=${OMP_NUM_THREADS:-2} "$BUILD_DIR/tools/qzdl_forward" "$dir/net.json" \
+  OMP_NUM_THREADS=${OMP_NUM_THREADS:-2} "$BUILD_DIR/tools/qzdl_run" "$dir/net.json" \
     "$dir/net.bin" --batch "$batch" --warmup 0 --inputs-dir "$dir/in" --compare-dir "$dir/ort" \
     >"$dir/ours.log" 2>&1 || true
   if ! grep -q '^compare:' "$dir/ours.log"; then

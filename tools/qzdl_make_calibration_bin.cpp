@@ -21,6 +21,7 @@
 
 #include "runtime/atomic_file.h"
 #include "runtime/image/qz_session.h"
+#include "runtime/terminate_handler.h"
 
 namespace {
 
@@ -61,6 +62,7 @@ bool ReadRecord(const std::string& path, std::vector<unsigned char>& record) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  qzdl::InstallTerminateHandler();
   if (argc < 2 || argc > 3) {
     fprintf(stderr, "usage: %s <image folder> [output file, default calibration.bin]\n", argv[0]);
     return 2;

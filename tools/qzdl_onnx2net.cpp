@@ -18,6 +18,7 @@
 #include <string>
 
 #include "importer/onnx_importer.h"
+#include "runtime/terminate_handler.h"
 
 namespace {
 
@@ -31,6 +32,7 @@ int Usage() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  qzdl::InstallTerminateHandler();
   std::string positional[3];
   int count = 0;
   std::string serial;

@@ -40,6 +40,7 @@
 #include "runtime/weights_file.h"
 #include "importer/const_tensor.h"
 #include "importer/onnx_importer.h"
+#include "runtime/terminate_handler.h"
 
 namespace {
 
@@ -442,6 +443,7 @@ int Usage() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  qzdl::InstallTerminateHandler();
   Options opt;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];

@@ -1,94 +1,259 @@
-// qzdl_run: runs a net on the float runtime and prints its outputs.
+// qzdl_run: runs a net on the runtime, prints and times its outputs, writes
+// them as NumPy files and compares them with reference outputs.
 //
-//   qzdl_run net.json weights.bin [--batch N] [--input NAME=FILE.f32]... [--repeat N]
+//   qzdl_run net.json weights.bin [--batch N] [--input NAME=FILE]...
+//            [--inputs-dir DIR] [--out-dir DIR] [--compare-dir DIR]
+//            [--warmup N] [--repeat N] [--profile]
 //
-// Inputs without a file get a fixed pseudo-random pattern, so two runs print
-// the same numbers. FILE.f32 holds raw little-endian float32 values for the
-// whole batch.
+// Input and reference files are "<tensor>.npy" (float32) or "<tensor>.f32"
+// (raw little-endian float32) for the whole batch, the tensor name with
+// characters other than [A-Za-z0-9_.-] written as "_"; --input names one
+// file per input (".npy" by its ending, raw float32 otherwise). Inputs
+// without a file are an error when --inputs-dir is given, otherwise they get
+// a fixed pattern, so that two runs print the same numbers. --out-dir (alias
+// --outputs-dir) writes "<output>.npy" per net output, the folder made when
+// it does not exist; files are replaced whole. See docs/command-line.md.
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "runtime/atomic_file.h"
 #include "runtime/create_net.h"
+#include "runtime/errors.h"
+#include "runtime/file_read.h"
+#include "runtime/run_support.h"
+#include "runtime/terminate_handler.h"
 
 namespace {
 
+struct Options {
+  std::string json, model;
+  int batch = 0, warmup = 1, repeat = 1;
+  bool profile = false;
+  std::map<std::string, std::string> input_files;
+  std::string inputs_dir, out_dir, compare_dir;
+};
+
 int Usage() {
   fprintf(stderr,
-          "usage: qzdl_run net.json weights.bin [--batch N] [--input NAME=FILE.f32]... "
-          "[--repeat N]\n");
+          "usage: qzdl_run net.json weights.bin [--batch N] [--input NAME=FILE]... "
+          "[--inputs-dir DIR] [--out-dir DIR] [--compare-dir DIR] [--warmup N] [--repeat N] "
+          "[--profile]\n");
   return 2;
+}
+
+int Fail(const std::string& message) {
+  fflush(stdout);
+  fprintf(stderr, "qzdl_run: %s\n", message.c_str());
+  return 1;
+}
+
+// A whole number from `low` up, or -1.
+int Count(const std::string& value, int low) {
+  char* end = nullptr;
+  errno = 0;
+  const long v = strtol(value.c_str(), &end, 10);
+  if (value.empty() || *end != '\0' || errno != 0 || v < low || v > 1000000000) return -1;
+  return static_cast<int>(v);
+}
+
+// 0 on success, else the exit status.
+int Parse(int argc, char** argv, Options* o) {
+  if (argc < 3) return Usage();
+  o->json = argv[1];
+  o->model = argv[2];
+  for (int i = 3; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--profile") {
+      o->profile = true;
+      continue;
+    }
+    if (i + 1 >= argc) return Usage();
+    const std::string value = argv[++i];
+    if (arg == "--batch" || arg == "--warmup" || arg == "--repeat") {
+      const int n = Count(value, arg == "--warmup" ? 0 : 1);
+      if (n < 0) {
+        return Fail(arg + " \"" + value + "\" is not a whole number from " +
+                    (arg == "--warmup" ? "0" : "1") + " to 1000000000");
+      }
+      (arg == "--batch" ? o->batch : arg == "--warmup" ? o->warmup : o->repeat) = n;
+    } else if (arg == "--input") {
+      const size_t eq = value.find('=');
+      if (eq == std::string::npos || eq == 0) return Usage();
+      o->input_files[value.substr(0, eq)] = value.substr(eq + 1);
+    } else if (arg == "--inputs-dir") {
+      o->inputs_dir = value;
+    } else if (arg == "--out-dir" || arg == "--outputs-dir") {
+      o->out_dir = value;
+    } else if (arg == "--compare-dir") {
+      o->compare_dir = value;
+    } else {
+      return Usage();
+    }
+  }
+  return 0;
+}
+
+bool EndsWith(const std::string& s, const std::string& tail) {
+  return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+// Reads one tensor file, .npy by its ending and raw float32 otherwise.
+bool ReadTensorFile(const std::string& path, std::vector<float>* values, std::string* error) {
+  if (EndsWith(path, ".npy")) return qzdl::ReadNpyFloats(path, values, error);
+  if (qzdl::ReadFloatFile(path, values)) return true;
+  std::string bytes;
+  *error = qzdl::ReadWholeFile(path, &bytes, error) ? "its size is not a whole number of floats"
+                                                   : *error;
+  return false;
+}
+
+// "<dir>/<tensor>.npy" when it exists, else "<dir>/<tensor>.f32".
+std::string TensorFileIn(const std::string& dir, const std::string& tensor) {
+  const std::string npy = dir + "/" + qzdl::TensorFileName(tensor, ".npy");
+  struct stat st;
+  return stat(npy.c_str(), &st) == 0 ? npy : dir + "/" + qzdl::TensorFileName(tensor, ".f32");
+}
+
+bool MakeFolders(const std::string& path, std::string* error) {
+  std::string partial;
+  for (size_t pos = 0; pos != std::string::npos;) {
+    const size_t slash = path.find('/', pos + 1);
+    partial = path.substr(0, slash);
+    pos = slash;
+    if (partial.empty() || mkdir(partial.c_str(), 0777) == 0 || errno == EEXIST) continue;
+    *error = std::strerror(errno);
+    return false;
+  }
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    *error = "not a folder";
+    return false;
+  }
+  return true;
+}
+
+int SetInputs(const Options& o, qzdl::Net<float>* net) {
+  for (int i = 0; i < net->GetInputCount(); ++i) {
+    const std::string name = net->GetInputDataName(i);
+    const int64_t count = net->GetInputData(i)->Count(0);
+    std::vector<float> values(count);
+    auto named = o.input_files.find(name);
+    std::string path;
+    if (named != o.input_files.end()) {
+      path = named->second;
+    } else if (!o.inputs_dir.empty()) {
+      path = TensorFileIn(o.inputs_dir, name);
+    }
+    if (!path.empty()) {
+      std::string error;
+      if (!ReadTensorFile(path, &values, &error)) {
+        return Fail("cannot read input \"" + name + "\" from \"" + path + "\": " + error);
+      }
+      if (static_cast<int64_t>(values.size()) != count) {
+        return Fail("\"" + path + "\" holds " + std::to_string(values.size()) +
+                    " floats; input \"" + name + "\" of shape " +
+                    qzdl::DimsToString(net->GetInputData(i)->GetDims()) + " takes " +
+                    std::to_string(count));
+      }
+    } else {
+      for (int64_t k = 0; k < count; ++k) values[k] = std::sin(0.37f * k) * 0.5f + 0.5f;
+    }
+    net->SetFloatInputData(values.data(), i);
+  }
+  for (const auto& kv : o.input_files) {
+    bool known = false;
+    for (int i = 0; i < net->GetInputCount(); ++i) known |= net->GetInputDataName(i) == kv.first;
+    if (!known) return Fail("--input names \"" + kv.first + "\", which is not a net input");
+  }
+  return 0;
+}
+
+// Prints, writes and compares the outputs; returns the exit status.
+int ReportOutputs(const Options& o, qzdl::Net<float>* net) {
+  int status = 0;
+  for (int k = 0; k < net->GetOutCount(); ++k) {
+    const std::string& name = net->GetOutputDataName(k);
+    const qzdl::Data<float>* out = net->GetOutputData(k);
+    const float* v = net->GetFloatOutputData(k);
+    const int64_t n = out->Count(0);
+    double sum = 0.0;
+    for (int64_t i = 0; i < n; ++i) sum += v[i];
+    printf("output \"%s\" %s sum %.6f first:", name.c_str(),
+           qzdl::DimsToString(out->GetDims()).c_str(), sum);
+    for (int64_t i = 0; i < std::min<int64_t>(n, 6); ++i) printf(" %.6f", v[i]);
+    printf("\n");
+    if (!o.out_dir.empty()) {
+      std::string error;
+      const std::string path = o.out_dir + "/" + qzdl::TensorFileName(name, ".npy");
+      if (!qzdl::WriteFileAtomically(path, qzdl::NpyFloatBytes(v, out->GetDims()), &error)) {
+        status = Fail(error);
+      }
+    }
+    if (o.compare_dir.empty()) continue;
+    const std::string path = TensorFileIn(o.compare_dir, name);
+    std::vector<float> want;
+    std::string error;
+    if (!ReadTensorFile(path, &want, &error) || static_cast<int64_t>(want.size()) != n) {
+      status = Fail("no reference of " + std::to_string(n) + " floats for output \"" + name +
+                    "\" in \"" + path + "\"" + (error.empty() ? "" : ": " + error));
+      continue;
+    }
+    const qzdl::Comparison c = qzdl::Compare(v, want.data(), n);
+    printf("compare: output \"%s\" %s max_abs %.3g max_rel %.3g cosine %.9f\n", name.c_str(),
+           qzdl::DimsToString(out->GetDims()).c_str(), c.max_abs, c.max_rel, c.cosine);
+  }
+  return status;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 3) return Usage();
-  const std::string json = argv[1];
-  const std::string model = argv[2];
-  int batch = 0;
-  int repeat = 1;
-  std::map<std::string, std::string> input_files;
-  for (int i = 3; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--batch" && i + 1 < argc) {
-      batch = std::atoi(argv[++i]);
-    } else if (arg == "--repeat" && i + 1 < argc) {
-      repeat = std::max(1, std::atoi(argv[++i]));
-    } else if (arg == "--input" && i + 1 < argc) {
-      const std::string spec = argv[++i];
-      const size_t eq = spec.find('=');
-      if (eq == std::string::npos) return Usage();
-      input_files[spec.substr(0, eq)] = spec.substr(eq + 1);
-    } else {
-      return Usage();
+  qzdl::InstallTerminateHandler();
+  Options o;
+  if (const int status = Parse(argc, argv, &o)) return status;
+  if (!o.out_dir.empty()) {
+    std::string error;
+    if (!MakeFolders(o.out_dir, &error)) {
+      return Fail("cannot make the output folder \"" + o.out_dir + "\": " + error);
     }
   }
 
-  qzdl::Net<float>* net = qzdl::CreateNet<float>(json, model, false, false, 0, 1);
-  if (batch > 0) net->ReshapeBatchNum(batch, 0);
-
-  for (int i = 0; i < net->GetInputCount(); ++i) {
-    qzdl::Data<float>* input = net->GetInputData(i);
-    std::vector<float> values(input->Count(0));
-    auto it = input_files.find(net->GetInputDataName(i));
-    if (it != input_files.end()) {
-      std::ifstream f(it->second, std::ios::binary);
-      f.read(reinterpret_cast<char*>(values.data()), values.size() * sizeof(float));
-      if (!f || f.gcount() != static_cast<std::streamsize>(values.size() * sizeof(float))) {
-        fprintf(stderr, "qzdl_run: input file \"%s\" does not hold %zu floats for input \"%s\"\n",
-                it->second.c_str(), values.size(), it->first.c_str());
-        return 1;
-      }
-    } else {
-      for (size_t k = 0; k < values.size(); ++k) values[k] = std::sin(0.37f * k) * 0.5f + 0.5f;
-    }
-    net->SetFloatInputData(values.data(), i);
+  qzdl::Net<float>* net = nullptr;
+  try {
+    net = qzdl::CreateNet<float>(o.json, o.model, false, false, 0, 1);
+  } catch (std::exception* e) {  // net creation has logged why (standard output)
+    delete e;
+    return Fail("cannot create the net from \"" + o.json + "\" and \"" + o.model + "\"");
   }
+  if (o.batch > 0) {
+    try {
+      net->ReshapeBatchNum(o.batch, 0);
+    } catch (const qzdl::NetFormatError& e) {
+      return Fail("cannot run at batch " + std::to_string(o.batch) + ": " + e.what());
+    }
+  }
+  if (const int status = SetInputs(o, net)) return status;
 
+  for (int r = 0; r < o.warmup; ++r) net->ForwardAll();
   const auto start = std::chrono::steady_clock::now();
-  for (int r = 0; r < repeat; ++r) net->ForwardAll();
+  for (int r = 0; r < o.repeat; ++r) net->ForwardAll();
   const double ms =
-      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-
-  for (int o = 0; o < net->GetOutCount(); ++o) {
-    qzdl::Data<float>* out = net->GetOutputData(o);
-    const float* v = out->GetCpuData();
-    const int64_t n = out->Count(0);
-    double sum = 0.0;
-    for (int64_t k = 0; k < n; ++k) sum += v[k];
-    printf("output \"%s\" %s sum %.6f first:", net->GetOutputDataName(o).c_str(),
-           qzdl::DimsToString(out->GetDims()).c_str(), sum);
-    for (int64_t k = 0; k < std::min<int64_t>(n, 6); ++k) printf(" %.6f", v[k]);
-    printf("\n");
-  }
-  printf("%d forward pass(es) at batch %d: %.3f ms each\n", repeat,
-         net->GetInputData(0)->GetDim(0), ms / repeat);
-  return 0;
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count() /
+      o.repeat;
+  const int batch = net->GetInputData(0)->GetDim(0);
+  const int status = ReportOutputs(o, net);
+  printf("forward: batch %d, %.3f ms per pass, %.2f images/s\n", batch, ms,
+         ms > 0 ? batch * 1000.0 / ms : 0.0);
+  if (o.profile) qzdl::PrintProfile(net, o.repeat);
+  delete net;
+  return status;
 }

@@ -1,6 +1,7 @@
 #include "runtime/create_net.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -76,11 +77,12 @@ TEST_F(CreateNetTest, SerialPathWithMissingNetFileFailsInTheParser) {
   const std::string missing = dir_ + "/missing.json";
   std::string err;
   json11::Json::parse("", err);
+  // The quoted message, then the file on a line of its own.
   EXPECT_EQ(CreationFailure([&] { CreateNet<float>(missing, dir_ + "/m.fb", true, false, 0, 1); }),
-            "Parse json file failed: " + err);
+            "Parse json file failed: " + err + "\nfile \"" + missing + "\"");
   // Any path ending in the two letters takes that road: no dot is needed.
   EXPECT_EQ(CreationFailure([&] { CreateNet<float>(missing, dir_ + "/mxfb", true, false, 0, 1); }),
-            "Parse json file failed: " + err);
+            "Parse json file failed: " + err + "\nfile \"" + missing + "\"");
 }
 
 TEST_F(CreateNetTest, WeightsPathWithMissingNetFileNamesTheNetFile) {
@@ -115,14 +117,15 @@ TEST_F(CreateNetTest, UnopenableModelFile) {
   std::strcpy(addr.sun_path, sock.c_str());
   ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
   EXPECT_EQ(CreationFailure([&] { CreateNet<float>(files.first, sock, true, false, 0, 1); }),
-            "Can't open model file.\n");
+            "Can't open model file.\nfile \"" + sock + "\"\n");
   close(fd);
 }
 
 TEST_F(CreateNetTest, ModelThatCannotBeReadWhole) {
   auto files = AffineNet().WriteFiles(dir_);
+  // A folder opens but cannot be read.
   EXPECT_EQ(CreationFailure([&] { CreateNet<float>(files.first, dir_, true, false, 0, 1); }),
-            "read bin file error\n");
+            "read bin file error\nfile \"" + dir_ + "\"\n");
 }
 
 TEST_F(CreateNetTest, BrokenJsonReportsTheParserText) {
@@ -133,7 +136,7 @@ TEST_F(CreateNetTest, BrokenJsonReportsTheParserText) {
   EXPECT_EQ(CreationFailure([&] {
               CreateNet<float>(dir_ + "/bad.json", dir_ + "/w.bin", true, false, 0, 1);
             }),
-            "Parse json file failed: " + err);
+            "Parse json file failed: " + err + "\nfile \"" + dir_ + "/bad.json\"");
 }
 
 TEST_F(CreateNetTest, NonNetJsonReachesInit) {
@@ -278,7 +281,23 @@ TEST_F(CreateNetTest, SerialPathDoesNotCheckTheModelFileFirst) {
   auto files = AffineNet().WriteFiles(dir_);
   const std::string fb = dir_ + "/absent.fb";
   EXPECT_EQ(CreationFailure([&] { CreateNet<float>(files.first, fb, false, false, 0, 1); }),
-            "Model file \"" + fb + "\": cannot be opened");
+            "Model file \"" + fb + "\": cannot be read: No such file or directory");
+}
+
+TEST_F(CreateNetTest, SerialModelThatIsAFolder) {
+  auto files = AffineNet().WriteFiles(dir_);
+  const std::string folder = dir_ + "/weights.fb";
+  ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
+  EXPECT_EQ(CreationFailure([&] { CreateNet<float>(files.first, folder, false, false, 0, 1); }),
+            "Model file \"" + folder + "\": cannot be read: Is a directory");
+}
+
+TEST_F(CreateNetTest, NetFileThatIsAFolderReachesTheParser) {
+  auto files = AffineNet().WriteFiles(dir_);
+  std::string err;
+  json11::Json::parse("", err);
+  EXPECT_EQ(CreationFailure([&] { CreateNet<float>(dir_, files.second, false, false, 0, 1); }),
+            "Parse json file failed: " + err + "\nfile \"" + dir_ + "\"");
 }
 
 TEST_F(CreateNetTest, FrugalFlagIsPassedOn) {
