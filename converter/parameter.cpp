@@ -10,6 +10,7 @@
 
 #include "quantization/calibration_method.h"
 #include "runtime/atomic_file.h"
+#include "runtime/errors.h"
 #include "runtime/file_read.h"
 #include "runtime/json11.h"
 #include "runtime/log.h"
@@ -349,7 +350,12 @@ void RectifyParameter(ConverterParam& param) {
     exit(-1);
   }
   if (access(param.json_file.c_str(), F_OK) != 0 || access(param.model_file.c_str(), F_OK) != 0) {
-    throw_exception("Net file or model file not found, please check your input.");
+    // The quoted message, then each missing file on a line of its own.
+    std::string missing;
+    for (const std::string* path : {&param.json_file, &param.model_file}) {
+      if (access(path->c_str(), F_OK) != 0) missing += "\n" + FileLine(*path);
+    }
+    throw_exception("Net file or model file not found, please check your input." + missing);
     exit(-1);
   }
 

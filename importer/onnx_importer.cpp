@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "runtime/atomic_file.h"
+#include "runtime/file_read.h"
 #include "runtime/serial_weights.h"
 #include "importer/mapping_context.h"
 #include "importer/graph_checks.h"
@@ -43,6 +44,12 @@ struct NetInput {
   Shape dims;
 };
 
+// " (from \"<file>\")" when the value of constant input `name` came from a file.
+std::string SourceOf(const OnnxImportOptions& options, const std::string& name) {
+  auto it = options.constant_input_files.find(name);
+  return it == options.constant_input_files.end() ? "" : " (from " + Quote(it->second) + ")";
+}
+
 std::vector<NetInput> PrepareInputs(onnx::GraphProto* graph, const OnnxImportOptions& options,
                                     const std::string& base_dir, MappingContext& c) {
   std::set<std::string> initializers;
@@ -55,7 +62,12 @@ std::vector<NetInput> PrepareInputs(onnx::GraphProto* graph, const OnnxImportOpt
     }
     onnx::TensorProto t;
     if (!t.ParseFromString(kv.second)) {
-      throw OnnxImportError("constant input " + Quote(kv.first) + " is not a valid TensorProto");
+      throw OnnxImportError("constant input " + Quote(kv.first) + SourceOf(options, kv.first) +
+                            " is not a valid TensorProto");
+    }
+    if (!t.has_data_type() || t.data_type() == onnx::TensorProto::UNDEFINED) {
+      throw OnnxImportError("constant input " + Quote(kv.first) + SourceOf(options, kv.first) +
+                            " has no element type (an empty or damaged TensorProto)");
     }
     t.set_name(kv.first);
     if (!initializers.count(kv.first)) *graph->add_initializer() = t;
@@ -282,12 +294,11 @@ OnnxImportResult ImportOnnxBytes(const std::string& bytes, const std::string& so
 }
 
 OnnxImportResult ImportOnnxFile(const std::string& path, const OnnxImportOptions& options) {
-  std::ifstream f(path, std::ios::binary);
-  if (!f) throw OnnxImportError("cannot read " + Quote(path));
-  std::ostringstream s;
-  s << f.rdbuf();
-  if (!f.good() && !f.eof()) throw OnnxImportError("cannot read " + Quote(path));
-  return ImportOnnxBytes(s.str(), path, DirOf(path), options);
+  std::string bytes, error;
+  if (!ReadWholeFile(path, &bytes, &error)) {
+    throw OnnxImportError("cannot read " + Quote(path) + ": " + error);
+  }
+  return ImportOnnxBytes(bytes, path, DirOf(path), options);
 }
 
 OnnxImportResult ConvertOnnxFile(const std::string& onnx_path, const std::string& json_path,

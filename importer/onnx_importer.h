@@ -30,6 +30,8 @@ struct OnnxImportOptions {
   // Graph inputs that are really constants: name -> a serialized TensorProto.
   // They become initializers before the import.
   std::map<std::string, std::string> constant_inputs;
+  // The files those tensors were read from, for messages (optional).
+  std::map<std::string, std::string> constant_input_files;
   // The limit on each constant computed while importing, in bytes.
   int64_t max_constant_bytes = kDefaultMaxConstantBytes;
 };

@@ -13,11 +13,10 @@
 // command line).
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "importer/onnx_importer.h"
+#include "runtime/file_read.h"
 #include "runtime/terminate_handler.h"
 
 namespace {
@@ -48,11 +47,13 @@ int main(int argc, char** argv) {
         const std::string item = argv[++i];
         const size_t eq = item.find('=');
         if (eq == std::string::npos || eq == 0) return Usage();
-        std::ifstream f(item.substr(eq + 1), std::ios::binary);
-        if (!f) throw qzdl::OnnxImportError("cannot read \"" + item.substr(eq + 1) + "\"");
-        std::ostringstream bytes;
-        bytes << f.rdbuf();
-        options.constant_inputs[item.substr(0, eq)] = bytes.str();
+        const std::string path = item.substr(eq + 1);
+        std::string bytes, error;
+        if (!qzdl::ReadWholeFile(path, &bytes, &error)) {
+          throw qzdl::OnnxImportError("cannot read \"" + path + "\": " + error);
+        }
+        options.constant_inputs[item.substr(0, eq)] = bytes;
+        options.constant_input_files[item.substr(0, eq)] = path;
       } else if (arg == "--max-constant-mib" && i + 1 < argc) {
         const std::string value = argv[++i];
         char* end = nullptr;

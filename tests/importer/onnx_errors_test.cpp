@@ -54,7 +54,7 @@ TEST(OnnxErrors, NotOnnx) {
 
 TEST(OnnxErrors, MissingFile) {
   const std::string path = TempDir("missing") + "/absent.onnx";
-  ExpectFailure(path, "cannot read \"" + path + "\"");
+  ExpectFailure(path, "cannot read \"" + path + "\": No such file or directory");
 }
 
 TEST(OnnxErrors, ComputedConstantBeyondTheLimit) {
@@ -75,6 +75,28 @@ TEST(OnnxErrors, BadConstantLimit) {
                       "\" is not a whole number from 1 to 4294967296",
                   std::string(" --max-constant-mib '") + value + "'");
   }
+}
+
+TEST(OnnxErrors, ModelThatIsAFolder) {
+  const std::string path = TempDir("folder_model") + "/model.onnx";
+  ASSERT_EQ(system(("mkdir '" + path + "'").c_str()), 0);
+  ExpectFailure(path, "cannot read \"" + path + "\": Is a directory");
+}
+
+TEST(OnnxErrors, ConstantInputFiles) {
+  const std::string dir = TempDir("constant_input_files");
+  const std::string model = Fixture("torch_cnn.onnx");
+  std::ofstream(dir + "/empty.pb").flush();
+  ExpectFailure(model,
+                "constant input \"input\" (from \"" + dir +
+                    "/empty.pb\") has no element type (an empty or damaged TensorProto)",
+                " --constant-input 'input=" + dir + "/empty.pb'");
+  std::ofstream(dir + "/junk.pb") << "\xff\xff\xff";
+  ExpectFailure(model,
+                "constant input \"input\" (from \"" + dir + "/junk.pb\") is not a valid TensorProto",
+                " --constant-input 'input=" + dir + "/junk.pb'");
+  ExpectFailure(model, "cannot read \"" + dir + "\": Is a directory",
+                " --constant-input 'input=" + dir + "'");
 }
 
 TEST(OnnxErrors, UnknownOperator) {

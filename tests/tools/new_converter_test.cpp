@@ -398,7 +398,9 @@ TEST_F(NewConverterTest, MissingNetFileIsCaughtByRectification) {
   ProcessResult r = Run({"-j", net_dir_ + "/absent.json", "-m", model_, "-o", "out.bin"});
   ASSERT_TRUE(r.exited);
   EXPECT_EQ(r.status, 255);
-  EXPECT_NE(r.out.find(" ]: Net file or model file not found, please check your input.\n"),
+  // The quoted message, then the missing file on a line of its own.
+  EXPECT_NE(r.out.find(" ]: Net file or model file not found, please check your input.\nfile \"" +
+                       net_dir_ + "/absent.json\"\n"),
             std::string::npos)
       << r.out;
 }

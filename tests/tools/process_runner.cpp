@@ -49,6 +49,12 @@ void Wait(pid_t pid, int timeout_seconds, ProcessResult& result) {
 
 ProcessResult RunProgram(const std::string& program, const std::vector<std::string>& args,
                          const std::string& dir, int timeout_seconds) {
+  return RunProgramAs(-1, program, args, dir, timeout_seconds);
+}
+
+ProcessResult RunProgramAs(int uid, const std::string& program,
+                           const std::vector<std::string>& args, const std::string& dir,
+                           int timeout_seconds) {
   const std::string out_path = dir + "/.stdout";
   const std::string err_path = dir + "/.stderr";
   std::vector<std::string> words{program};
@@ -66,6 +72,7 @@ ProcessResult RunProgram(const std::string& program, const std::vector<std::stri
     if (out < 0 || err < 0 || chdir(dir.c_str()) != 0) _exit(127);
     dup2(out, 1);
     dup2(err, 2);
+    if (uid >= 0 && (setgid(uid) != 0 || setuid(uid) != 0)) _exit(126);
     execv(program.c_str(), argv.data());
     _exit(127);
   }

@@ -26,6 +26,12 @@ struct ProcessResult {
 ProcessResult RunProgram(const std::string& program, const std::vector<std::string>& args,
                          const std::string& dir, int timeout_seconds = 60);
 
+// The same as user and group `uid` (the caller must be root), e.g. 65534
+// ("nobody") to run without the rights of root.
+ProcessResult RunProgramAs(int uid, const std::string& program,
+                           const std::vector<std::string>& args, const std::string& dir,
+                           int timeout_seconds = 60);
+
 // Runs `fn` in a forked child; the child ends with status 0 when `fn` returns.
 ProcessResult RunForked(const std::function<void()>& fn, int timeout_seconds = 60);
 
