@@ -167,6 +167,22 @@ void CalibrationWithMeanSquareError(const kernels::SquaredErrorKernel& kernel, f
   max = static_cast<float>(hi < vmax ? hi : vmax);
 }
 
+std::vector<std::pair<float, float>> CosineSimFineCandidates(float min, float vmax, float step_min,
+                                                             float step_max) {
+  // Unlike the coarse pass, each product and each sum is rounded on its own;
+  // the library is built with -ffp-contract=off, so the compiler fuses none.
+  std::vector<std::pair<float, float>> candidates;
+  candidates.reserve(100);
+  for (int i = 0; i < 50; ++i) {
+    const float fi = static_cast<float>(i);
+    const float off_min = fi * step_min;
+    const float off_max = fi * step_max;
+    candidates.emplace_back(min - off_min, vmax - off_max);
+    candidates.emplace_back(min + off_min, vmax + off_max);
+  }
+  return candidates;
+}
+
 void CalibrationWithCosineSim(float const* data, unsigned long count, float& min, float& max,
                               int steps, float& similarity) {
   float vmin;
@@ -186,14 +202,9 @@ void CalibrationWithCosineSim(float const* data, unsigned long count, float& min
 
   // Fine: around the best minimum, a hundredth of the coarse step, while the
   // maximum side stays centred on the data's maximum. i = 0 comes twice.
-  candidates.clear();
   step_min = static_cast<float>(step_min / 100.0);
   step_max = static_cast<float>(step_max / 100.0);
-  for (int i = 0; i < 50; ++i) {
-    const float fi = static_cast<float>(i);
-    candidates.emplace_back(std::fma(-fi, step_min, min), std::fma(-fi, step_max, vmax));
-    candidates.emplace_back(std::fma(fi, step_min, min), std::fma(fi, step_max, vmax));
-  }
+  candidates = CosineSimFineCandidates(min, vmax, step_min, step_max);
   ScoreCandidates(data, count, candidates, best, min, max);
   similarity = static_cast<float>(best);
 }

@@ -2,6 +2,9 @@
 // (see docs/quantization-search.md).
 #pragma once
 
+#include <utility>
+#include <vector>
+
 namespace qzdl {
 namespace staticQuantization {
 
@@ -50,6 +53,14 @@ void CalibrationWithMeanSquareError(const kernels::SquaredErrorKernel& kernel, f
 // best score.
 void CalibrationWithCosineSim(float const* data, unsigned long count, float& min, float& max,
                               int steps, float& similarity);
+
+// The second pass's candidates, in order: for i from 0 to 49,
+// (min - i * step_min, vmax - i * step_max) then (min + i * step_min,
+// vmax + i * step_max), each product and each sum rounded to float on its own
+// (not fused). `step_min` and `step_max` are already the hundredths of the
+// coarse steps; the pair for i = 0 comes twice.
+std::vector<std::pair<float, float>> CosineSimFineCandidates(float min, float vmax, float step_min,
+                                                             float step_max);
 
 }  // namespace staticQuantization
 }  // namespace qzdl

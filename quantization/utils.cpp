@@ -38,18 +38,23 @@ inline uint32_t QuantizeOne(float x, float scale, float zf, float qmax) {
   return c > 0.0f ? static_cast<uint32_t>(TruncToInt32(c)) : 0u;
 }
 
-// Up to 16 bits qmax <= 65535, so c lies in [0, 65535] when positive and the
-// plain conversion is exact; written branch-free so that it vectorises.
+// Widths up to 16 bits, and zero or negative `bits`, whose qmax follows the
+// shift modulo 32 and reaches 2^31 for -1. So c lies in [0, 2^31], and only
+// 2^31 itself is out of int32 range: it saturates to 2147483647. The clamp
+// before the conversion keeps it in range, so that the loop vectorises.
 template <typename T>
 void QuantizeNarrow(const float* src, T* dst, unsigned long count, float scale, float zf,
                     float qmax) {
+  constexpr float kBelow2To31 = 2147483520.0f;  // the largest float below 2^31
   for (unsigned long i = 0; i < count; ++i) {
     float v = src[i] / scale;
     v = v + zf;
     v = v + 0.5f;
     float c = (qmax > v) ? v : qmax;
     c = (c > 0.0f) ? c : 0.0f;
-    dst[i] = static_cast<T>(static_cast<int32_t>(c));
+    const int32_t t = static_cast<int32_t>(c < kBelow2To31 ? c : kBelow2To31);
+    const int32_t q = (c >= 2147483648.0f) ? INT32_MAX : t;
+    dst[i] = static_cast<T>(q);
   }
 }
 

@@ -1,8 +1,11 @@
 #include "runtime/json11.h"
 
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
-#include <nlohmann/json.hpp>
+#include <cstdlib>
+#include <limits>
+#include <utility>
 
 namespace json11 {
 
@@ -79,94 +82,309 @@ void dump_string(const std::string& value, std::string& out) {
   out += '"';
 }
 
+// Nesting deeper than this is refused, so that hostile input cannot exhaust
+// the stack: the top-level value is at depth 0, its members at depth 1.
 constexpr int kMaxDepth = 200;
 
-// Converts nlohmann's tree into ours. Depth is limited so that hostile input
-// cannot exhaust the stack.
-bool convert(const nlohmann::json& in, Json& out, int depth, std::string& err) {
-  if (depth > kMaxDepth) {
-    err = "exceeded maximum nesting depth";
-    return false;
+// How a byte is named in error texts: "'x' (120)" for printable ASCII and DEL,
+// "(n)" for the rest, n being the byte as a signed char on every target (so a
+// UTF-8 byte-order mark reads "(-17)" on Arm too).
+std::string Describe(char c) {
+  const unsigned char u = static_cast<unsigned char>(c);
+  const int value = static_cast<signed char>(c);
+  char buf[16];
+  if (u >= 0x20 && u <= 0x7f) {
+    snprintf(buf, sizeof buf, "'%c' (%d)", c, value);
+  } else {
+    snprintf(buf, sizeof buf, "(%d)", value);
   }
-  switch (in.type()) {
-    case nlohmann::json::value_t::null:
-    case nlohmann::json::value_t::discarded:
-      out = Json();
-      return true;
-    case nlohmann::json::value_t::boolean:
-      out = Json(in.get<bool>());
-      return true;
-    case nlohmann::json::value_t::number_integer:
-    case nlohmann::json::value_t::number_unsigned: {
-      // json11 keeps integers that fit an int as int, the rest as double.
-      const double d = in.get<double>();
-      if (in.is_number_integer() && d >= -2147483648.0 && d <= 2147483647.0) {
-        out = Json(static_cast<int>(in.get<int64_t>()));
-      } else {
-        out = Json(d);
-      }
-      return true;
-    }
-    case nlohmann::json::value_t::number_float:
-      out = Json(in.get<double>());
-      return true;
-    case nlohmann::json::value_t::string:
-      out = Json(in.get_ref<const std::string&>());
-      return true;
-    case nlohmann::json::value_t::array: {
-      Json::array items;
-      items.reserve(in.size());
-      for (const auto& element : in) {
-        Json child;
-        if (!convert(element, child, depth + 1, err)) return false;
-        items.push_back(std::move(child));
-      }
-      out = Json(std::move(items));
-      return true;
-    }
-    case nlohmann::json::value_t::object: {
-      Json::object members;
-      for (auto it = in.begin(); it != in.end(); ++it) {
-        Json child;
-        if (!convert(it.value(), child, depth + 1, err)) return false;
-        members[it.key()] = std::move(child);
-      }
-      out = Json(std::move(members));
-      return true;
-    }
-    case nlohmann::json::value_t::binary:
-      err = "binary values are not JSON";
-      return false;
-  }
-  return true;
+  return buf;
 }
 
-// nlohmann's parser recurses through a stack of its own, but a hostile input
-// can still make that stack huge; reject depth before handing text over.
-bool depth_ok(const std::string& in, std::string& err) {
-  int depth = 0;
-  bool in_string = false;
-  for (size_t i = 0; i < in.size(); ++i) {
-    const char c = in[i];
-    if (in_string) {
-      if (c == '\\') {
-        ++i;
-      } else if (c == '"') {
-        in_string = false;
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// Writes code point `cp` as UTF-8 without judging it: a lone surrogate gets
+// its 3-byte form (0xD800 -> ED A0 80). A negative value writes nothing.
+void AppendUtf8(long cp, std::string& out) {
+  if (cp < 0) return;
+  if (cp < 0x80) {
+    out += static_cast<char>(cp);
+  } else if (cp < 0x800) {
+    out += static_cast<char>(0xC0 | (cp >> 6));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else if (cp < 0x10000) {
+    out += static_cast<char>(0xE0 | (cp >> 12));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else {
+    out += static_cast<char>(0xF0 | (cp >> 18));
+    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  }
+}
+
+// Recursive-descent reader with json11's grammar and error texts. Bytes inside
+// strings are kept as they are, valid UTF-8 or not: the files it reads carry
+// paths and tensor names in whatever encoding the user's system has. Only the
+// first error is reported. Reading at in_.size() gives '\0', which no rule
+// accepts, so the end needs no separate test where a byte is looked at.
+class Parser {
+ public:
+  Parser(const std::string& in, std::string& err, JsonParse strategy)
+      : in_(in), err_(err), comments_(strategy == JsonParse::COMMENTS) {}
+
+  Json Document() {
+    Json result = Value(0);
+    SkipGarbage();
+    if (failed_) return Json();
+    if (pos_ != in_.size()) return Fail("unexpected trailing " + Describe(in_[pos_]));
+    return result;
+  }
+
+ private:
+  Json Fail(std::string message) { return Fail(std::move(message), Json()); }
+
+  template <typename T>
+  T Fail(std::string message, T result) {
+    if (!failed_) err_ = std::move(message);
+    failed_ = true;
+    return result;
+  }
+
+  void SkipWhitespace() {
+    while (in_[pos_] == ' ' || in_[pos_] == '\r' || in_[pos_] == '\n' || in_[pos_] == '\t') ++pos_;
+  }
+
+  // Skips one "//" or "/*" comment; false when there is none or on an error.
+  bool SkipComment() {
+    if (in_[pos_] != '/') return false;
+    ++pos_;
+    if (pos_ == in_.size()) return Fail("unexpected end of input after start of comment", false);
+    if (in_[pos_] == '/') {
+      ++pos_;
+      while (pos_ < in_.size() && in_[pos_] != '\n') ++pos_;
+      return true;
+    }
+    if (in_[pos_] != '*') return Fail("malformed comment", false);
+    ++pos_;
+    // The closing "*/" needs two bytes, so the search ends one byte early.
+    while (true) {
+      if (pos_ + 2 > in_.size()) {
+        return Fail("unexpected end of input inside multi-line comment", false);
       }
-    } else if (c == '"') {
-      in_string = true;
-    } else if (c == '[' || c == '{') {
-      if (++depth > kMaxDepth) {
-        err = "exceeded maximum nesting depth";
-        return false;
+      if (in_[pos_] == '*' && in_[pos_ + 1] == '/') break;
+      ++pos_;
+    }
+    pos_ += 2;
+    return true;
+  }
+
+  void SkipGarbage() {
+    SkipWhitespace();
+    if (!comments_) return;
+    while (SkipComment()) SkipWhitespace();
+  }
+
+  // The next byte after whitespace (and comments); '\0' and an error at the end.
+  char NextToken() {
+    SkipGarbage();
+    if (failed_) return '\0';
+    if (pos_ == in_.size()) return Fail("unexpected end of input", '\0');
+    return in_[pos_++];
+  }
+
+  Json Value(int depth) {
+    if (depth > kMaxDepth) return Fail("exceeded maximum nesting depth");
+    const char ch = NextToken();
+    if (failed_) return Json();
+    if (ch == '-' || IsDigit(ch)) {
+      --pos_;
+      return Number();
+    }
+    if (ch == 't') return Literal("true", Json(true));
+    if (ch == 'f') return Literal("false", Json(false));
+    if (ch == 'n') return Literal("null", Json());
+    if (ch == '"') {
+      std::string text = String();
+      return failed_ ? Json() : Json(std::move(text));
+    }
+    if (ch == '{') return Object(depth);
+    if (ch == '[') return Array(depth);
+    return Fail("expected value, got " + Describe(ch));
+  }
+
+  // The word's first byte has been read already.
+  Json Literal(const std::string& word, Json value) {
+    --pos_;
+    if (in_.compare(pos_, word.size(), word) == 0) {
+      pos_ += word.size();
+      return value;
+    }
+    return Fail("parse error: expected " + word + ", got " + in_.substr(pos_, word.size()));
+  }
+
+  // Integers of at most 9 characters, sign included, are kept as int; every
+  // other number is read by strtod, so beyond double range it is an infinity.
+  Json Number() {
+    const size_t start = pos_;
+    if (in_[pos_] == '-') ++pos_;
+    if (in_[pos_] == '0') {
+      ++pos_;
+      if (IsDigit(in_[pos_])) return Fail("leading 0s not permitted in numbers");
+    } else if (in_[pos_] >= '1' && in_[pos_] <= '9') {
+      while (IsDigit(in_[pos_])) ++pos_;
+    } else {
+      return Fail("invalid " + Describe(in_[pos_]) + " in number");
+    }
+    const char after = in_[pos_];
+    if (after != '.' && after != 'e' && after != 'E' &&
+        pos_ - start <= static_cast<size_t>(std::numeric_limits<int>::digits10)) {
+      return Json(std::atoi(in_.c_str() + start));
+    }
+    if (in_[pos_] == '.') {
+      ++pos_;
+      if (!IsDigit(in_[pos_])) return Fail("at least one digit required in fractional part");
+      while (IsDigit(in_[pos_])) ++pos_;
+    }
+    if (in_[pos_] == 'e' || in_[pos_] == 'E') {
+      ++pos_;
+      if (in_[pos_] == '+' || in_[pos_] == '-') ++pos_;
+      if (!IsDigit(in_[pos_])) return Fail("at least one digit required in exponent");
+      while (IsDigit(in_[pos_])) ++pos_;
+    }
+    return Json(std::strtod(in_.c_str() + start, nullptr));
+  }
+
+  // The opening quote has been read. A \u escape is held back one step, so
+  // that a lead surrogate followed by a trail surrogate becomes one 4-byte
+  // character; any other surrogate is written on its own.
+  std::string String() {
+    std::string out;
+    long held = -1;
+    while (true) {
+      if (pos_ == in_.size()) return Fail("unexpected end of input in string", std::string());
+      char ch = in_[pos_++];
+      if (ch == '"') {
+        AppendUtf8(held, out);
+        return out;
       }
-    } else if (c == ']' || c == '}') {
-      --depth;
+      if (static_cast<unsigned char>(ch) <= 0x1f) {
+        return Fail("unescaped " + Describe(ch) + " in string", std::string());
+      }
+      if (ch != '\\') {
+        AppendUtf8(held, out);
+        held = -1;
+        out += ch;
+        continue;
+      }
+      if (pos_ == in_.size()) return Fail("unexpected end of input in string", std::string());
+      ch = in_[pos_++];
+      if (ch == 'u') {
+        const std::string hex = in_.substr(pos_, 4);
+        long cp = 0;
+        for (size_t k = 0; k < 4; ++k) {
+          const int digit = k < hex.size() ? HexDigit(hex[k]) : -1;
+          if (digit < 0) return Fail("bad \\u escape: " + hex, std::string());
+          cp = cp * 16 + digit;
+        }
+        if (held >= 0xD800 && held <= 0xDBFF && cp >= 0xDC00 && cp <= 0xDFFF) {
+          AppendUtf8((((held - 0xD800) << 10) | (cp - 0xDC00)) + 0x10000, out);
+          held = -1;
+        } else {
+          AppendUtf8(held, out);
+          held = cp;
+        }
+        pos_ += 4;
+        continue;
+      }
+      AppendUtf8(held, out);
+      held = -1;
+      switch (ch) {
+        case 'b':
+          out += '\b';
+          break;
+        case 'f':
+          out += '\f';
+          break;
+        case 'n':
+          out += '\n';
+          break;
+        case 'r':
+          out += '\r';
+          break;
+        case 't':
+          out += '\t';
+          break;
+        case '"':
+        case '\\':
+        case '/':
+          out += ch;
+          break;
+        default:
+          return Fail("invalid escape character " + Describe(ch), std::string());
+      }
     }
   }
-  return true;
-}
+
+  // The opening brace has been read. A repeated key keeps its last value.
+  Json Object(int depth) {
+    Json::object members;
+    char ch = NextToken();
+    if (failed_) return Json();
+    if (ch == '}') return Json(std::move(members));
+    while (true) {
+      if (ch != '"') return Fail("expected '\"' in object, got " + Describe(ch));
+      std::string key = String();
+      if (failed_) return Json();
+      ch = NextToken();
+      if (failed_) return Json();
+      if (ch != ':') return Fail("expected ':' in object, got " + Describe(ch));
+      Json value = Value(depth + 1);
+      if (failed_) return Json();
+      members[std::move(key)] = std::move(value);
+      ch = NextToken();
+      if (failed_) return Json();
+      if (ch == '}') return Json(std::move(members));
+      if (ch != ',') return Fail("expected ',' in object, got " + Describe(ch));
+      ch = NextToken();
+      if (failed_) return Json();
+    }
+  }
+
+  // The opening bracket has been read. "[1,]" is refused by the element
+  // reader: "expected value, got ']' (93)".
+  Json Array(int depth) {
+    Json::array items;
+    char ch = NextToken();
+    if (failed_) return Json();
+    if (ch == ']') return Json(std::move(items));
+    while (true) {
+      --pos_;
+      items.push_back(Value(depth + 1));
+      if (failed_) return Json();
+      ch = NextToken();
+      if (failed_) return Json();
+      if (ch == ']') return Json(std::move(items));
+      if (ch != ',') return Fail("expected ',' in list, got " + Describe(ch));
+      NextToken();
+      if (failed_) return Json();
+    }
+  }
+
+  const std::string& in_;
+  std::string& err_;
+  const bool comments_;
+  size_t pos_ = 0;
+  bool failed_ = false;
+};
 
 }  // namespace
 
@@ -280,17 +498,7 @@ void Json::dump(std::string& out) const {
 
 Json Json::parse(const std::string& in, std::string& err, JsonParse strategy) {
   err.clear();
-  if (!depth_ok(in, err)) return Json();
-  nlohmann::json tree;
-  try {
-    tree = nlohmann::json::parse(in, nullptr, true, strategy == JsonParse::COMMENTS);
-  } catch (const nlohmann::json::exception& e) {
-    err = e.what();
-    return Json();
-  }
-  Json out;
-  if (!convert(tree, out, 0, err)) return Json();
-  return out;
+  return Parser(in, err, strategy).Document();
 }
 
 bool Json::operator==(const Json& rhs) const {

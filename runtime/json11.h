@@ -1,13 +1,14 @@
-// JSON values with the json11 interface, backed by nlohmann-json for parsing.
+// JSON values with the json11 interface and a reader of our own.
 //
-// The rest of the system relies on a few json11 behaviours that differ from
-// nlohmann's own interface, and this facade keeps them:
+// The rest of the system relies on json11's behaviours, and this facade keeps
+// them (docs/model-format.md, "JSON text", lists what is accepted and refused):
 //  - values are immutable and cheap to copy (shared storage);
 //  - operator[] with a missing key, or on a value that is not an object
 //    (or an index on a non-array / out of range) yields a null value (NUL);
 //  - bool_value, int_value, number_value, string_value, array_items and
 //    object_items yield false / 0 / empty for a value of another type;
-//  - parse reports errors through a string instead of throwing;
+//  - parse reports errors through a string instead of throwing, with json11's
+//    texts, and keeps the bytes of strings as they are (valid UTF-8 or not);
 //  - dump writes the compact json11 text: objects in key order with ": "
 //    and ", " separators, arrays with ", ".
 #pragma once
@@ -71,7 +72,8 @@ class Json final {
     return out;
   }
 
-  // Parses a whole document. On failure returns a null value and sets err.
+  // Parses a whole document. Clears err, and on failure returns a null value
+  // and sets err. Comments are accepted only with COMMENTS.
   static Json parse(const std::string& in, std::string& err,
                     JsonParse strategy = JsonParse::STANDARD);
   static Json parse(const char* in, std::string& err, JsonParse strategy = JsonParse::STANDARD) {

@@ -53,7 +53,7 @@ ARM64_PACKAGES=(
   libonnx-dev libonnx1 libonnxifi
   libprotobuf-dev libprotobuf32 libprotobuf-lite32
 )
-ALL_PACKAGES=(nlohmann-json3-dev)  # architecture-independent
+ALL_PACKAGES=()
 for p in "${ARM64_PACKAGES[@]}"; do ALL_PACKAGES+=("$p:arm64"); done
 
 # Third-party apt sources are left untouched. apt asks every source without an

@@ -7,7 +7,6 @@ if [ "$(id -u)" != "0" ]; then SUDO="sudo"; fi
 PACKAGES=(
   build-essential cmake ninja-build pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
-  nlohmann-json3-dev
   libflatbuffers-dev flatbuffers-compiler
   libopenblas-dev
   libnlopt-dev zlib1g-dev

@@ -303,6 +303,29 @@ TEST(Quantization, WidthBoundaries) {
   EXPECT_EQ(0, b[0]);
 }
 
+// bits -1 (and -33) make qmax 2^31 while the elements are bytes: an element
+// that reaches qmax converts with saturation to 2147483647, whose low byte is
+// 255 (a plain conversion gives 0x80000000 on x86-64, hence 0).
+TEST(Quantization, NegativeBitsSaturateAt2147483647) {
+  const float src[] = {1.0e12f, kInf, kNaN, 2147483648.0f, 2147483520.0f, 300.0f, -5.0f};
+  const uint8_t want[] = {255, 255, 255, 255, 128, 44, 0};  // 2147483520 = 0x7FFFFF80
+  for (int bits : {-1, -33}) {
+    uint8_t got[7] = {9, 9, 9, 9, 9, 9, 9};
+    Quantization(src, got, 7, 1.0f, 0, bits);
+    for (int i = 0; i < 7; ++i) EXPECT_EQ(want[i], got[i]) << "bits " << bits << ", element " << i;
+  }
+  // Long enough for the vector loop and its tail.
+  std::vector<float> many(37, 1.0e12f);
+  many[3] = 300.0f;
+  std::vector<uint8_t> out(many.size(), 9);
+  Quantization(many.data(), out.data(), many.size(), 1.0f, 0, -1);
+  for (size_t i = 0; i < out.size(); ++i) EXPECT_EQ(i == 3 ? 44 : 255, out[i]) << i;
+  // bits 0: qmax 0, every element stores 0.
+  uint8_t zero[7] = {9, 9, 9, 9, 9, 9, 9};
+  Quantization(src, zero, 7, 1.0f, 0, 0);
+  for (uint8_t v : zero) EXPECT_EQ(0, v);
+}
+
 TEST(Dequantization, SignedDifferenceUpTo16Bits) {
   const uint8_t q8[] = {0, 128, 255};
   float out[3];

@@ -553,8 +553,11 @@ void ReferenceCosineSim(const float* data, unsigned long count, float& min, floa
   step_min = step_min / 100.0;
   step_max = step_max / 100.0;
   for (int i = 0; i < 50; ++i) {
-    list.emplace_back(std::fma(-float(i), step_min, min), std::fma(-float(i), step_max, vmax));
-    list.emplace_back(std::fma(float(i), step_min, min), std::fma(float(i), step_max, vmax));
+    // Not fused: each product and each sum rounded on its own.
+    const float off_min = float(i) * step_min;
+    const float off_max = float(i) * step_max;
+    list.emplace_back(min - off_min, vmax - off_max);
+    list.emplace_back(min + off_min, vmax + off_max);
   }
   score();
   similarity = static_cast<float>(best);
@@ -622,6 +625,43 @@ TEST(CalibrationWithCosineSim, OneStepHasOneCoarseCandidateTheExtremes) {
   // hundredths of it; the minimum around the coarse winner, the extreme -2.
   EXPECT_LE(std::fabs(max - 4.0f), 49 * 0.04f + 1e-5f);
   EXPECT_LE(std::fabs(min + 2.0f), 49 * 0.02f + 1e-5f);
+}
+
+// Data in [-0.5, 1] with 10 steps: the fine steps are -0.05f / 100.0 and
+// 0.1f / 100.0 in float. For i = 30 and 37 a fused multiply-add would round
+// differently from the product rounded, then the sum rounded.
+TEST(CalibrationWithCosineSim, FineCandidatesAreNotFused) {
+  const float step_min = static_cast<float>(-0.5f / 10.0f / 100.0);
+  const float step_max = static_cast<float>(1.0f / 10.0f / 100.0);
+  ASSERT_EQ(0xBA03126Fu, Bits(step_min));
+  ASSERT_EQ(0x3A83126Fu, Bits(step_max));
+  const std::vector<std::pair<float, float>> c =
+      CosineSimFineCandidates(-0.5f, 1.0f, step_min, step_max);
+  ASSERT_EQ(100u, c.size());
+  // i = 30, minus side: -0.5 - 30 * step_min and 1 - 30 * step_max.
+  EXPECT_EQ(0xBEF851ECu, Bits(c[60].first));
+  EXPECT_EQ(0x3F7851ECu, Bits(c[60].second));
+  EXPECT_EQ(0xBEF851EBu, Bits(std::fma(-30.0f, step_min, -0.5f)));  // fused: 1 ulp off
+  EXPECT_EQ(0x3F7851EBu, Bits(std::fma(-30.0f, step_max, 1.0f)));
+  // i = 37, plus side.
+  EXPECT_EQ(0xBF04BC6Au, Bits(c[75].first));
+  EXPECT_EQ(0x3F84BC6Au, Bits(c[75].second));
+  EXPECT_EQ(0xBF04BC6Bu, Bits(std::fma(37.0f, step_min, -0.5f)));
+  EXPECT_EQ(0x3F84BC6Bu, Bits(std::fma(37.0f, step_max, 1.0f)));
+  // Every pair, against the two roundings spelt out with volatile temporaries.
+  for (int i = 0; i < 50; ++i) {
+    volatile float off_min = float(i) * step_min;
+    volatile float off_max = float(i) * step_max;
+    volatile float lo_minus = -0.5f - off_min, hi_minus = 1.0f - off_max;
+    volatile float lo_plus = -0.5f + off_min, hi_plus = 1.0f + off_max;
+    EXPECT_SAME_BITS(float(lo_minus), c[2 * i].first) << i;
+    EXPECT_SAME_BITS(float(hi_minus), c[2 * i].second) << i;
+    EXPECT_SAME_BITS(float(lo_plus), c[2 * i + 1].first) << i;
+    EXPECT_SAME_BITS(float(hi_plus), c[2 * i + 1].second) << i;
+  }
+  // The pair for i = 0 comes twice: the best minimum and the data's maximum.
+  EXPECT_EQ(c[0], c[1]);
+  EXPECT_EQ(std::make_pair(-0.5f, 1.0f), c[0]);
 }
 
 TEST(CalibrationWithCosineSim, NoScoreAboveZeroKeepsTheCallersRange) {

@@ -341,6 +341,50 @@ TEST_F(NewConverterTest, ConfigFileInTheWorkingDirectory) {
   EXPECT_EQ(r.out.find("ghost"), std::string::npos);
 }
 
+// Paths and tensor names are bytes in the user's encoding: "\xe9" is e-acute in
+// Latin-1 and no UTF-8. Files written and read by the converter keep it.
+TEST_F(NewConverterTest, ParameterFileKeepsLatin1Paths) {
+  const std::string folder = dir_ + "/n\xe9t";
+  ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
+  const auto files = PlainNet().WriteFiles(folder);
+  ProcessResult first =
+      Run({"-j", files.first, "-m", files.second, "-o", "out\xe9.bin", "-O", "params.json"});
+  ExpectNoDataEnd(first);
+  const std::string dumped = ReadFile(run_dir_ + "/params.json");
+  EXPECT_NE(dumped.find("\"json_file\": \"" + files.first + "\""), std::string::npos) << dumped;
+  EXPECT_NE(dumped.find("\"output_name\": \"out\xe9.bin\""), std::string::npos) << dumped;
+
+  ProcessResult again = Run({"-I", "params.json"});
+  ExpectNoDataEnd(again);
+  EXPECT_TRUE(HasLine(again.out, "  --json:               \"" + files.first + "\"")) << again.out;
+  EXPECT_TRUE(HasLine(again.out, "  --model:              \"" + files.second + "\""));
+  EXPECT_TRUE(HasLine(again.out, "  --output:             \"out\xe9.bin\""));
+}
+
+TEST_F(NewConverterTest, NetWithALatin1TensorNameLoads) {
+  NetBuilder net;
+  net.Input("data", {1, 3, 4, 4}).Layer("relu\xe9", "ReLU", {"data"}, {"caf\xe9"});
+  UseNet(net);
+  ASSERT_NE(ReadFile(json_).find("\"caf\xe9\""), std::string::npos);
+  WriteFile(run_dir_ + "/config.json", "{\"CalibrationMethod\": {\"caf\xe9\": \"MEAN\"}}");
+  ProcessResult r = RunWithNet({});
+  ExpectNoDataEnd(r);
+  EXPECT_EQ(r.out.find("Parse json file failed"), std::string::npos) << r.out;
+  EXPECT_TRUE(HasLine(r.out, "Data caf\xe9`s calibration method has been changed to: Average."))
+      << r.out;
+}
+
+// One key that is no UTF-8 does not make the whole file unreadable.
+TEST_F(NewConverterTest, ConfigFileWithALatin1KeyIsRead) {
+  WriteFile(run_dir_ + "/config.json",
+            "{\"CalibrationMethod\": {\"caf\xe9\": \"MES\", \"b\": \"MEAN\"}}");
+  ProcessResult r = RunWithNet({});
+  ExpectNoDataEnd(r);
+  EXPECT_TRUE(HasLine(r.out, "Data b`s calibration method has been changed to: Average.")) << r.out;
+  EXPECT_EQ(CountLines(r.out, "Data b`s calibration method has been changed to: Average."), 1);
+  EXPECT_EQ(r.out.find("caf"), std::string::npos);
+}
+
 TEST_F(NewConverterTest, ConfigFileBesideTheNetIsNotRead) {
   WriteFile(net_dir_ + "/config.json", R"({"CalibrationMethod": {"a": "MEAN"}})");
   ProcessResult r = RunWithNet({"-c", "2"});
