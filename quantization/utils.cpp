@@ -9,6 +9,7 @@
 
 #include "quantization/float_convert.h"
 #include "quantization/simd_kernels.h"
+#include "runtime/int8/grid.h"
 
 namespace qzdl {
 namespace staticQuantization {
@@ -19,14 +20,6 @@ float QuantizationMaxValue(int bits) {
 }
 
 namespace {
-
-// Step 4 of the scale/zero derivation: clamp below at 0, above at qmax
-// (truncated), round half away from zero in between. NaN gives 0.
-int ZeroFromReal(float z, float qmax) {
-  if (z < 0.0f) return 0;
-  if (qmax < z) return TruncToInt32(qmax);
-  return TruncToInt32(std::round(z));
-}
 
 // One element of Quantization up to the integer: v = x / scale + zf + 0.5,
 // each step rounded, clamped to qmax (NaN too) and truncated if positive.
@@ -60,30 +53,14 @@ void QuantizeNarrow(const float* src, T* dst, unsigned long count, float scale, 
 
 }  // namespace
 
+// The grid rule is the runtime's, so that calibration scores ranges on the
+// grids the 8-bit net computes with.
 void ConfigureScaleZero(float min, float max, int bits, float& scale, int& zero) {
-  const float qmax = QuantizationMaxValue(bits);
-  const float s = (max - min) / qmax;
-  const float z = 0.0f - min / s;
-  scale = s;
-  zero = ZeroFromReal(z, qmax);
+  GridOfRange(min, max, QuantizationMaxValue(bits), scale, zero);
 }
 
 void ConfigQuantizationParam(float min, float max, int bits, float& scale, int& zero) {
-  const float qmax = QuantizationMaxValue(bits);
-  const float hi = max > 0.0f ? max : 0.0f;
-  float lo;
-  float range;
-  if (min < 0.0f) {
-    lo = min;
-    range = hi - min;
-  } else {
-    lo = 0.0f;
-    range = hi;
-  }
-  const float s = range / qmax;
-  const float z = 0.0f - lo / s;
-  scale = s;
-  zero = ZeroFromReal(z, qmax);
+  GridOfRangeWithZero(min, max, QuantizationMaxValue(bits), scale, zero);
 }
 
 void CalculateCombineMinMax(float cur_min, float cur_max, float new_min, float new_max, int bins,

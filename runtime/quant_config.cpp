@@ -2,31 +2,12 @@
 
 #include <cmath>
 
+#include "runtime/int8/grid.h"
+
 namespace qzdl {
 
 void QuantizationConfig::ScaleAndZero(float min, float max, float& scale, int& zero) {
-  const float qmax = 255.0f;
-  const float hi = max > 0 ? max : 0.0f;
-  float lo;
-  float range;
-  if (min < 0) {
-    lo = min;
-    range = hi - min;
-  } else {
-    lo = 0.0f;
-    range = hi;
-  }
-  scale = range / qmax;
-  const float z = 0.0f - lo / scale;
-  if (z < 0) {
-    zero = 0;
-  } else if (qmax < z) {
-    zero = static_cast<int>(qmax);
-  } else if (std::isnan(z)) {
-    zero = 0;
-  } else {
-    zero = static_cast<int>(std::round(z));
-  }
+  GridOfRangeWithZero(min, max, 255.0f, scale, zero);
 }
 
 void QuantizationConfig::Recompute() {

@@ -1,0 +1,130 @@
+// The requantization arithmetic, bit for bit: one rounding of acc * M (ties
+// toward +infinity) in both the fixed-point and the double mode, the
+// fixed-point multiplier's range and accuracy, and the clamps.
+#include "runtime/int8/requantize.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <random>
+
+namespace qzdl {
+namespace {
+
+using int128 = __int128;
+
+// floor(num / den) for den > 0, in exact integers.
+int128 FloorDiv(int128 num, int128 den) {
+  int128 q = num / den;
+  if ((num % den != 0) && (num < 0)) --q;
+  return q;
+}
+
+// round(acc * m * 2^-n), ties toward +infinity, exactly.
+int64_t ExactRound(int64_t acc, int64_t m, int n) {
+  const int128 den = static_cast<int128>(1) << (n + 1);
+  return static_cast<int64_t>(FloorDiv(2 * static_cast<int128>(acc) * m + (den >> 1), den));
+}
+
+TEST(Requantize, MultiplierFromFrexp) {
+  const Requantizer half = MakeRequantizer(0.5, false);
+  EXPECT_EQ(half.multiplier, 1 << 30);
+  EXPECT_EQ(half.shift, 31);
+  const Requantizer three = MakeRequantizer(3.0, false);  // 0.75 * 2^2
+  EXPECT_EQ(three.multiplier, 3 << 29);
+  EXPECT_EQ(three.shift, 29);
+  // A fraction that rounds up to 2^31 moves to the next exponent.
+  const Requantizer up = MakeRequantizer(std::nextafter(1.0, 0.0), false);
+  EXPECT_EQ(up.multiplier, 1 << 30);
+  EXPECT_EQ(up.shift, 30);
+  for (double bad : {0.0, -1.0, std::nan("")}) {
+    const Requantizer r = MakeRequantizer(bad, false);
+    EXPECT_EQ(r.multiplier, 0);
+    EXPECT_EQ(RequantizeRaw(123456, r), 0);
+    EXPECT_EQ(Requantize(-99999, r, 77), 77);
+  }
+}
+
+TEST(Requantize, MultiplierIsWithinOnePartIn2To31) {
+  std::mt19937_64 rng(5);
+  std::uniform_real_distribution<double> exponent(-31.0, 29.0);
+  for (int i = 0; i < 100000; ++i) {
+    const double real = std::exp2(exponent(rng));
+    const Requantizer r = MakeRequantizer(real, false);
+    ASSERT_GE(r.multiplier, 1 << 30) << real;
+    ASSERT_LT(int64_t{r.multiplier}, int64_t{1} << 31) << real;
+    ASSERT_GE(r.shift, 1);
+    ASSERT_LE(r.shift, 62);
+    const double represented = std::ldexp(static_cast<double>(r.multiplier), -r.shift);
+    EXPECT_LE(std::fabs(represented - real), real * std::ldexp(1.0, -31)) << real;
+  }
+}
+
+TEST(Requantize, FixedPointRoundsOnceExactly) {
+  std::mt19937_64 rng(11);
+  std::uniform_int_distribution<int32_t> accs(INT32_MIN, INT32_MAX);
+  std::uniform_int_distribution<int32_t> small(-100000, 100000);
+  std::uniform_real_distribution<double> exponent(-31.0, 10.0);
+  for (int i = 0; i < 200000; ++i) {
+    const Requantizer r = MakeRequantizer(std::exp2(exponent(rng)), false);
+    const int32_t acc = (i & 1) ? accs(rng) : small(rng);
+    int64_t want = ExactRound(acc, r.multiplier, r.shift);
+    want = std::max<int64_t>(-(int64_t{1} << 30), std::min<int64_t>(int64_t{1} << 30, want));
+    ASSERT_EQ(RequantizeRaw(acc, r), want) << acc << " * " << r.multiplier << " >> " << r.shift;
+  }
+}
+
+TEST(Requantize, TiesGoUp) {
+  const Requantizer half = MakeRequantizer(0.5, false);
+  const Requantizer half_d = MakeRequantizer(0.5, true);
+  for (const Requantizer* r : {&half, &half_d}) {
+    EXPECT_EQ(RequantizeRaw(5, *r), 3);    // 2.5
+    EXPECT_EQ(RequantizeRaw(-5, *r), -2);  // -2.5
+    EXPECT_EQ(RequantizeRaw(-7, *r), -3);  // -3.5
+    EXPECT_EQ(RequantizeRaw(4, *r), 2);
+    EXPECT_EQ(RequantizeRaw(-1, *r), 0);  // -0.5
+    EXPECT_EQ(RequantizeRaw(-3, *r), -1);  // -1.5
+  }
+}
+
+TEST(Requantize, DoubleModeRoundsTheDoubleProduct) {
+  std::mt19937_64 rng(3);
+  std::uniform_int_distribution<int32_t> accs(-50000000, 50000000);
+  std::uniform_real_distribution<double> exponent(-20.0, 0.0);
+  for (int i = 0; i < 100000; ++i) {
+    const double real = std::exp2(exponent(rng));
+    const Requantizer r = MakeRequantizer(real, true);
+    const int32_t acc = accs(rng);
+    const double want = std::floor(static_cast<double>(acc) * real + 0.5);
+    ASSERT_EQ(RequantizeRaw(acc, r), static_cast<int32_t>(want)) << acc << " " << real;
+  }
+}
+
+TEST(Requantize, LargeAndTinyMultipliers) {
+  const Requantizer huge = MakeRequantizer(std::ldexp(1.0, 40), false);
+  EXPECT_TRUE(huge.saturate);
+  EXPECT_EQ(Requantize(1, huge, 0), 255);
+  EXPECT_EQ(Requantize(-1, huge, 255), 0);
+  EXPECT_EQ(Requantize(0, huge, 17), 17);
+  // 2^20: a small shift whose product leaves the int32 range is clamped.
+  const Requantizer big = MakeRequantizer(std::ldexp(1.0, 20), false);
+  EXPECT_EQ(RequantizeRaw(INT32_MAX, big), 1 << 30);
+  EXPECT_EQ(RequantizeRaw(INT32_MIN, big), -(1 << 30));
+  EXPECT_EQ(RequantizeRaw(3, big), 3 << 20);
+  const Requantizer tiny = MakeRequantizer(std::ldexp(1.0, -40), false);
+  EXPECT_EQ(tiny.multiplier, 0);
+  EXPECT_EQ(RequantizeRaw(INT32_MAX, tiny), 0);
+  EXPECT_EQ(RequantizeRaw(INT32_MIN, tiny), 0);
+}
+
+TEST(Requantize, CodesAreClamped) {
+  const Requantizer r = MakeRequantizer(0.25, false);
+  EXPECT_EQ(Requantize(400, r, 128), 228);
+  EXPECT_EQ(Requantize(4000, r, 128), 255);
+  EXPECT_EQ(Requantize(-4000, r, 128), 0);
+  EXPECT_EQ(Requantize(-510, r, 128), 1);  // -127.5 rounds up to -127
+}
+
+}  // namespace
+}  // namespace qzdl
