@@ -39,19 +39,14 @@ std::string DimsString(const std::vector<int64_t>& dims) {
 }
 
 int64_t DimsProduct(const std::vector<int64_t>& dims, size_t from, size_t to) {
-  to = std::min(to, dims.size());
-  from = std::min(from, to);
   // An empty tensor may have other dims of any size (ConstantOfShape of
   // [0, 2^62, 100]): a 0 makes the product 0, and a product past the int64
-  // range saturates instead of overflowing.
-  for (size_t k = from; k < to; ++k) {
-    if (dims[k] == 0) return 0;
+  // range saturates; the callers compare it with a limit.
+  try {
+    return CheckedProduct(dims, from, to);
+  } catch (const ShapeOverflow&) {
+    return std::numeric_limits<int64_t>::max();
   }
-  int64_t n = 1;
-  for (size_t k = from; k < to; ++k) {
-    if (__builtin_mul_overflow(n, dims[k], &n)) return std::numeric_limits<int64_t>::max();
-  }
-  return n;
 }
 
 namespace {
@@ -150,9 +145,10 @@ V ReadLe(const char* p) {
 void FromBytes(const std::string& raw, ConstTensor* t) {
   const size_t size = ElementSize(t->type);
   const int64_t n = t->Count();
-  if (raw.size() != static_cast<size_t>(n) * size) {
+  const int64_t bytes = CheckedMul(n, static_cast<int64_t>(size));
+  if (static_cast<int64_t>(raw.size()) != bytes) {
     throw FoldError("holds " + std::to_string(raw.size()) + " bytes of data, expected " +
-                    std::to_string(n * size) + " for shape " + DimsString(t->dims));
+                    std::to_string(bytes) + " for shape " + DimsString(t->dims));
   }
   const char* p = raw.data();
   for (int64_t k = 0; k < n; ++k, p += size) {
@@ -282,12 +278,21 @@ int64_t CountUpTo(const std::vector<int64_t>& dims, int64_t limit) {
   for (int64_t d : dims) {
     if (d <= 0) return 0;
   }
-  int64_t n = 1;
-  for (int64_t d : dims) {
-    if (n > limit / d) return -1;
-    n *= d;
+  try {
+    const int64_t n = CheckedProduct(dims);
+    return n <= limit ? n : -1;
+  } catch (const ShapeOverflow&) {
+    return -1;
   }
-  return n;
+}
+
+std::vector<int64_t> WalkStrides(const std::vector<int64_t>& dims) {
+  // CheckedStrides still multiplies the dims to the right of a 0 ([0, 2^63 - 1,
+  // 2] overflows there), though no stride of an empty tensor is ever used.
+  if (std::find(dims.begin(), dims.end(), 0) != dims.end()) {
+    return std::vector<int64_t>(dims.size(), 0);
+  }
+  return CheckedStrides(dims);
 }
 
 namespace {
@@ -336,11 +341,12 @@ ConstTensor ConstTensor::Make(int32_t type, const std::vector<int64_t>& dims) {
   }
   if (CountUpTo(dims, MaxConstantElements(type)) < 0) {
     // The byte count itself may pass the int64 range; say so rather than wrap.
-    const int64_t count = DimsProduct(dims);
-    int64_t bytes = 0;
-    const std::string size = __builtin_mul_overflow(count, ElementBytes(type), &bytes)
-                                 ? "more than 2^63 bytes"
-                                 : std::to_string(bytes) + " bytes";
+    std::string size;
+    try {
+      size = std::to_string(CheckedMul(CheckedProduct(dims), ElementBytes(type))) + " bytes";
+    } catch (const ShapeOverflow&) {
+      size = "more than 2^63 bytes";
+    }
     throw FoldError("would have shape " + DimsString(dims) + " of " + TypeName(type) + ", " +
                     size + ", beyond " + ConstantLimitText());
   }
@@ -389,9 +395,10 @@ ConstTensor TensorFromProto(const onnx::TensorProto& proto, const std::string& b
     raw = &proto.raw_data();
   }
   if (raw) {
-    if (static_cast<int64_t>(raw->size()) != n * element_size) {
+    const int64_t bytes = CheckedMul(n, element_size);  // n is below 2^63 / 16
+    if (static_cast<int64_t>(raw->size()) != bytes) {
       throw FoldError("holds " + std::to_string(raw->size()) + " bytes of data, expected " +
-                      std::to_string(n * element_size) + " for shape " + DimsString(dims));
+                      std::to_string(bytes) + " for shape " + DimsString(dims));
     }
     ConstTensor t = ConstTensor::Sized(type, dims);
     FromBytes(*raw, &t);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "importer/onnx_importer.h"
+#include "runtime/checked_math.h"
 
 namespace onnx {
 class TensorProto;
@@ -82,6 +83,11 @@ bool IsPermutation(const std::vector<int64_t>& perm, size_t rank);
 // products that would overflow). Negative dims count as 0.
 int64_t CountUpTo(const std::vector<int64_t>& dims, int64_t limit);
 
+// Row-major strides for walking the elements of a tensor of `dims`
+// (CheckedStrides). An empty tensor has no element to walk, so its strides
+// are all 0 whatever the sizes of its other axes. Throws ShapeOverflow.
+std::vector<int64_t> WalkStrides(const std::vector<int64_t>& dims);
+
 // A constant tensor. Values of floating types live in `f` (float32 values
 // rounded to float32), integer and bool values in `i`.
 struct ConstTensor {
@@ -123,7 +129,9 @@ std::vector<int64_t> BroadcastShapes(const std::vector<int64_t>& a, const std::v
 // "[1, 3, 224, 224]".
 std::string DimsString(const std::vector<int64_t>& dims);
 
-// The product of dims[from, to): 0 when one is 0, saturating at the int64 maximum.
+// The product of dims[from, to): 0 when one is 0, saturating at the int64
+// maximum (callers compare it with a limit). Where a product past the int64
+// range is an error, CheckedProduct says so instead.
 int64_t DimsProduct(const std::vector<int64_t>& dims, size_t from = 0, size_t to = SIZE_MAX);
 
 }  // namespace qzdl::onnx_import

@@ -95,16 +95,23 @@ ConstTensor Gather(const ConstTensor& data, const ConstTensor& indices, int64_t 
   dims.insert(dims.end(), indices.dims.begin(), indices.dims.end());
   dims.insert(dims.end(), data.dims.begin() + axis + 1, data.dims.end());
   ConstTensor out = ConstTensor::Make(data.type, dims);
-  const int64_t outer = DimsProduct(data.dims, 0, axis), inner = DimsProduct(data.dims, axis + 1);
   const int64_t n = data.dims[axis], count = indices.Count();
+  for (int64_t j = 0; j < count; ++j) {
+    const int64_t idx = indices.GetInt(j);
+    if (idx < -n || idx >= n) {
+      throw FoldError("index " + std::to_string(idx) + " is outside an axis of size " +
+                      std::to_string(n));
+    }
+  }
+  // An empty result has nothing to copy (its other dims may be huge). Else
+  // `data` is not empty either, and the offsets below stay within it.
+  if (out.Count() == 0) return out;
+  const int64_t outer = CheckedProduct(data.dims, 0, axis);
+  const int64_t inner = CheckedProduct(data.dims, axis + 1);
   int64_t o = 0;
   for (int64_t a = 0; a < outer; ++a) {
     for (int64_t j = 0; j < count; ++j) {
       int64_t idx = indices.GetInt(j);
-      if (idx < -n || idx >= n) {
-        throw FoldError("index " + std::to_string(idx) + " is outside an axis of size " +
-                        std::to_string(n));
-      }
       if (idx < 0) idx += n;
       for (int64_t b = 0; b < inner; ++b) CopyElement(data, (a * n + idx) * inner + b, &out, o++);
     }
@@ -128,14 +135,16 @@ ConstTensor Concat(const Inputs& in, int64_t axis) {
                         DimsString(t.dims) + " differ outside axis " + std::to_string(axis));
       }
     }
-    dims[axis] += t.dims[axis];
+    dims[axis] = CheckedAdd(dims[axis], t.dims[axis]);
   }
   ConstTensor out = ConstTensor::Make(first.type, dims);
-  const int64_t outer = DimsProduct(dims, 0, axis);
+  // Empty inputs may have huge dims; an empty result has nothing to copy.
+  if (out.Count() == 0) return out;
+  const int64_t outer = CheckedProduct(dims, 0, axis);
   int64_t o = 0;
   for (int64_t a = 0; a < outer; ++a) {
     for (const ConstTensor* t : in) {
-      const int64_t run = DimsProduct(t->dims, axis);
+      const int64_t run = CheckedProduct(t->dims, axis);
       for (int64_t b = 0; b < run; ++b) {
         if (t->IsFloat() == out.IsFloat()) {
           CopyElement(*t, a * run + b, &out, o++);
@@ -156,9 +165,9 @@ ConstTensor Transpose(const ConstTensor& x, std::vector<int64_t> perm) {
   if (!IsPermutation(perm, rank)) {
     throw FoldError("perm " + DimsString(perm) + " is not a permutation of the input's axes");
   }
-  std::vector<int64_t> dims(rank), in_stride(rank, 1);
-  for (size_t k = rank; k-- > 1;) in_stride[k - 1] = in_stride[k] * x.dims[k];
-  std::vector<int64_t> stride(rank);
+  // Checked once: the offsets walked below stay within `x`.
+  const std::vector<int64_t> in_stride = WalkStrides(x.dims);
+  std::vector<int64_t> dims(rank), stride(rank);
   for (size_t k = 0; k < rank; ++k) {
     dims[k] = x.dims[NormAxis(perm[k], rank)];
     stride[k] = in_stride[NormAxis(perm[k], rank)];
@@ -211,8 +220,9 @@ ConstTensor Slice(const ConstTensor& x, std::vector<int64_t> starts, std::vector
     step[ax] = s;
   }
   ConstTensor out = ConstTensor::Make(x.type, dims);
-  std::vector<int64_t> in_stride(rank, 1), idx(rank, 0);
-  for (int64_t k = rank; k-- > 1;) in_stride[k - 1] = in_stride[k] * x.dims[k];
+  // Checked once: the offsets walked below stay within `x`.
+  const std::vector<int64_t> in_stride = WalkStrides(x.dims);
+  std::vector<int64_t> idx(rank, 0);
   for (int64_t e = 0, total = out.Count(); e < total; ++e) {
     int64_t src = 0;
     for (int64_t k = 0; k < rank; ++k) src += (begin[k] + idx[k] * step[k]) * in_stride[k];
@@ -419,7 +429,8 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
     const int64_t rank = out.dims.size();
     int64_t axis = AttrInt(node, "axis", 1);
     axis = axis == rank ? rank : NormAxis(axis, rank);
-    out.dims = {DimsProduct(out.dims, 0, axis), DimsProduct(out.dims, axis)};
+    // An empty tensor of huge dims may have no 2-d form within the int64 range.
+    out.dims = {CheckedProduct(out.dims, 0, axis), CheckedProduct(out.dims, axis)};
     return One(std::move(out));
   }
   if (op == "Slice") {
@@ -494,7 +505,7 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
       if (x.dims[k] > 0 && reps[k] > MaxConstantElements(x.type) / x.dims[k]) {
         throw TooManyValues(x.type);
       }
-      dims[k] = x.dims[k] * reps[k];
+      dims[k] = CheckedMul(x.dims[k], reps[k]);
     }
     ConstTensor out = ConstTensor::Make(x.type, dims);
     std::vector<int64_t> idx(dims.size(), 0);

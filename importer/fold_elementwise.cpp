@@ -8,13 +8,14 @@ namespace qzdl::onnx_import {
 
 BroadcastWalk::BroadcastWalk(const std::vector<int64_t>& out, const std::vector<int64_t>& in) {
   const size_t rank = out.size();
+  // Checked once here: the offsets walked then stay within `in`, so Next()
+  // needs no checks. An empty `in` (whose other dims may be huge) broadcasts
+  // only to an empty `out`, which is not walked at all.
+  const std::vector<int64_t> in_stride = WalkStrides(in);
   std::vector<int64_t> stride(rank, 0);
-  int64_t s = 1;
   for (size_t k = 0; k < in.size(); ++k) {
     const size_t ax = in.size() - 1 - k;
-    const size_t ox = rank - 1 - k;
-    stride[ox] = in[ax] == 1 ? 0 : s;
-    s *= in[ax];
+    stride[rank - 1 - k] = in[ax] == 1 ? 0 : in_stride[ax];
   }
   // Axes of size 1 never advance: leaving them out keeps each step short for
   // shapes with many of them.

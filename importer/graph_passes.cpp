@@ -39,6 +39,11 @@ onnx::TensorProto ToProto(const ConstTensor& t, const std::string& name) {
 
 namespace {
 
+// The error for `message` about `node` (named by NameNodes).
+ImportError NodeError(const onnx::NodeProto& node, const std::string& message) {
+  return ImportError("node " + Quote(node.name()) + " (" + node.op_type() + "): " + message);
+}
+
 bool StaticShape(const onnx::TypeProto& type, Shape* dims) {
   if (!type.has_tensor_type() || !type.tensor_type().has_shape()) return false;
   dims->clear();
@@ -114,8 +119,7 @@ bool FoldPass(onnx::GraphProto* graph, int opset, MappingContext* c) {
                                                        : c->consts[node.input(0)].dims;
         if (op == "Size") {
           ConstTensor t = ConstTensor::Make(kInt64, {});
-          t.i[0] = 1;
-          for (int64_t d : s) t.i[0] *= d;
+          t.i[0] = CheckedProduct(s);
           outs.push_back(t);
         } else {
           const int64_t rank = s.size();
@@ -143,7 +147,9 @@ bool FoldPass(onnx::GraphProto* graph, int opset, MappingContext* c) {
         outs = EvaluateNode(node, opset, ins, c->BaseDir());
       }
     } catch (const FoldError& e) {
-      throw ImportError("node " + Quote(node.name()) + " (" + op + "): " + e.what());
+      throw NodeError(node, e.what());
+    } catch (const ShapeOverflow& e) {
+      throw NodeError(node, e.what());
     }
     // Every output the node names must get a value (Dropout's mask does not).
     bool complete = !outs.empty();
@@ -247,8 +253,8 @@ bool AdaptNewerForms(onnx::GraphProto* graph, int opset, MappingContext* c) {
       const ConstTensor* pads = ConstInput(node, 1, c);
       const ConstTensor* axes = ConstInput(node, 3, c);
       const int64_t rank = rank_of(0);
-      if (!pads || !axes || rank < 0 || pads->Count() != 2 * axes->Count()) continue;
-      std::vector<int64_t> full(2 * rank, 0);
+      if (!pads || !axes || rank < 0 || pads->Count() != CheckedMul(2, axes->Count())) continue;
+      std::vector<int64_t> full(CheckedMul(2, rank), 0);
       const int64_t n = axes->Count();
       for (int64_t k = 0; k < n; ++k) {
         int64_t ax = axes->GetInt(k);
@@ -288,10 +294,12 @@ bool AdaptNewerForms(onnx::GraphProto* graph, int opset, MappingContext* c) {
       const int64_t rank = it->second.size();
       if (axis < 0) axis += rank;
       if (axis < 0 || axis >= rank) continue;
-      const int64_t total = it->second[axis], parts = node.output_size();
-      const int64_t piece = (total + parts - 1) / parts;
       std::vector<int64_t> sizes;
-      for (int64_t k = 0; k < parts; ++k) sizes.push_back(std::min(piece, total - piece * k));
+      try {
+        sizes = EvenSplit(it->second[axis], node.output_size());
+      } catch (const ShapeOverflow& e) {
+        throw NodeError(node, e.what());
+      }
       while (node.input_size() < 2) node.add_input("");
       node.set_input(1, AddConst(graph, c, node.name() + "_split", ConstTensor::Int64s(sizes)));
       RemoveAttr(&node, "num_outputs");

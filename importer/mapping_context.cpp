@@ -272,6 +272,15 @@ json11::Json::array JsonInts(const std::vector<int64_t>& v) {
   return out;
 }
 
+std::vector<int64_t> EvenSplit(int64_t total, int64_t parts) {
+  const int64_t piece = CheckedAdd(total, parts - 1) / parts;
+  std::vector<int64_t> sizes;
+  for (int64_t k = 0; k < parts; ++k) {
+    sizes.push_back(std::min(piece, total - CheckedMul(piece, k)));
+  }
+  return sizes;
+}
+
 std::vector<int> IntDims(const Shape& s) { return std::vector<int>(s.begin(), s.end()); }
 
 int64_t NormalizeAxis(MappingContext& c, int64_t axis, int64_t rank, const std::string& attr) {
@@ -286,10 +295,7 @@ void EmitReshape(MappingContext& c, const std::string& in, const Shape& in_shape
                  const Shape& out_shape, const std::string& name) {
   std::vector<int64_t> shapes = out_shape;
   if (!in_shape.empty() && !out_shape.empty() && in_shape[0] == out_shape[0]) {
-    int64_t rest_in = 1, rest_out = 1;
-    for (size_t k = 1; k < in_shape.size(); ++k) rest_in *= in_shape[k];
-    for (size_t k = 1; k < out_shape.size(); ++k) rest_out *= out_shape[k];
-    if (rest_in == rest_out) shapes[0] = 0;
+    if (CheckedProduct(in_shape, 1) == CheckedProduct(out_shape, 1)) shapes[0] = 0;
   }
   c.Emit("Reshape", {in}, {out}, {{"shapes", JsonInts(shapes)}}, name);
 }

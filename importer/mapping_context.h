@@ -150,6 +150,11 @@ const MapperTable& Mappers();
 void EmitReshape(MappingContext& c, const std::string& in, const Shape& in_shape, const std::string& out,
                  const Shape& out_shape, const std::string& name = "");
 json11::Json::array JsonInts(const std::vector<int64_t>& v);
+// The sizes of ONNX Split's `parts` pieces of an axis of `total` when no
+// sizes are given: each piece rounded up, the last one taking the rest (it is
+// negative when `total` is too short for the pieces; callers refuse that).
+// Throws ShapeOverflow.
+std::vector<int64_t> EvenSplit(int64_t total, int64_t parts);
 std::vector<int> IntDims(const Shape& s);
 int64_t NormalizeAxis(MappingContext& c, int64_t axis, int64_t rank, const std::string& attr);
 

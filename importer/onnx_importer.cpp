@@ -89,6 +89,8 @@ std::vector<NetInput> PrepareInputs(onnx::GraphProto* graph, const OnnxImportOpt
       if (t.Count() > onnx_import::kInferenceDataLimit) init = onnx_import::ToProto(t, init.name());
     } catch (const FoldError& e) {
       throw OnnxImportError("initializer " + Quote(init.name()) + " " + e.what());
+    } catch (const ShapeOverflow& e) {
+      throw OnnxImportError("initializer " + Quote(init.name()) + ": " + e.what());
     }
   }
 
@@ -287,6 +289,9 @@ OnnxImportResult ImportOnnxBytes(const std::string& bytes, const std::string& so
   try {
     return Import(model, source, base_dir, options);
   } catch (const onnx_import::FoldError& e) {
+    throw OnnxImportError(Quote(source) + ": " + e.what());
+  } catch (const ShapeOverflow& e) {
+    // The passes name the node; this is the last resort of any other step.
     throw OnnxImportError(Quote(source) + ": " + e.what());
   } catch (const std::bad_alloc&) {
     throw OnnxImportError(Quote(source) + ": out of memory while importing");

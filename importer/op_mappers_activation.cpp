@@ -95,8 +95,7 @@ void MapSoftmax(MappingContext& c) {
     return;
   }
   const Shape& in = c.InShape(0);
-  int64_t outer = 1, inner = 1;
-  for (int64_t k = 0; k < rank; ++k) (k < axis ? outer : inner) *= in[k];
+  const int64_t outer = CheckedProduct(in, 0, axis), inner = CheckedProduct(in, axis);
   const std::string flat = c.NewTensor("2d"), soft = c.NewTensor("2d_out");
   EmitReshape(c, c.In(0), in, flat, {outer, inner}, c.NewLayerName("to2d"));
   c.Emit(type, {flat}, {soft}, {{"axis", 1}}, c.NewLayerName());

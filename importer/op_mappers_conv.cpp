@@ -64,10 +64,13 @@ Window ReadWindow(MappingContext& c, const std::vector<int64_t>& kernel, bool ha
     pads.assign(2 * sr, 0);
   } else if (auto_pad == "SAME_UPPER" || auto_pad == "SAME_LOWER") {
     for (size_t k = 0; k < sr; ++k) {
+      // The strides, dilations and kernel are checked above, but the input
+      // size may be any inferred dim.
       const int64_t size = in[2 + k];
-      const int64_t out = (size + strides[k] - 1) / strides[k];
-      const int64_t extent = (kernel[k] - 1) * dil[k] + 1;
-      const int64_t total = std::max<int64_t>((out - 1) * strides[k] + extent - size, 0);
+      const int64_t out = CheckedAdd(size, strides[k] - 1) / strides[k];
+      const int64_t extent = CheckedAdd(CheckedMul(kernel[k] - 1, dil[k]), 1);
+      const int64_t total =
+          std::max<int64_t>(CheckedAdd(CheckedMul(out - 1, strides[k]), extent - size), 0);
       const int64_t small = total / 2, large = total - small;
       pads[k] = auto_pad == "SAME_UPPER" ? small : large;
       pads[k + sr] = auto_pad == "SAME_UPPER" ? large : small;
@@ -188,7 +191,7 @@ void MapConvTranspose(MappingContext& c) {
   if (cin % group || group > std::max<int64_t>(cin, 1)) {
     c.BadAttr("group", std::to_string(group), "does not divide the weights");
   }
-  const int64_t m = mg * group, cg = cin / group;
+  const int64_t m = CheckedMul(mg, group), cg = cin / group;
   const Shape& in = c.InShape(0);
   auto list = [&](const std::string& name, int64_t def) {
     std::vector<int64_t> v = c.Ints(name);
@@ -217,11 +220,14 @@ void MapConvTranspose(MappingContext& c) {
       c.BadAttr("output_shape", Ints(out_shape), "expected the spatial dims only");
     }
     for (int k = 0; k < sr; ++k) {
-      const int64_t target = out_shape.empty() ? in[2 + k] * strides[k] : out_shape[k];
-      const int64_t total =
-          strides[k] * (in[2 + k] - 1) + out_pad[k] + (kernel[k] - 1) * dil[k] + 1 - target;
+      // The attributes are checked above; the input size may be any inferred dim.
+      const int64_t target = out_shape.empty() ? CheckedMul(in[2 + k], strides[k]) : out_shape[k];
+      const int64_t natural =
+          CheckedAdd(CheckedAdd(CheckedMul(strides[k], in[2 + k] - 1), out_pad[k]),
+                     CheckedAdd(CheckedMul(kernel[k] - 1, dil[k]), 1));
+      const int64_t total = CheckedAdd(natural, -target);
       // Halves rounded down, also for a negative total (a longer output).
-      const int64_t half = total >= 0 ? total / 2 : -((1 - total) / 2);
+      const int64_t half = total / 2 - (total < 0 && total % 2 != 0);
       int64_t begin, end;
       if (auto_pad == "SAME_UPPER") {
         begin = half, end = total - half;
@@ -229,7 +235,8 @@ void MapConvTranspose(MappingContext& c) {
         begin = total - half, end = half;
       }
       if (end < 0) {
-        out_pad[k] -= end;  // the output is longer than the natural one: extend at the end
+        // The output is longer than the natural one: extend at the end.
+        out_pad[k] = CheckedAdd(out_pad[k], -end);
         end = 0;
       }
       if (begin < 0) c.BadAttr("output_shape", Ints(out_shape), "needs a negative leading pad");
@@ -257,8 +264,7 @@ void MapConvTranspose(MappingContext& c) {
   p["bias_term"] = bias;
   std::vector<float> b = bias ? BiasOf(c, 2, m) : std::vector<float>{};
   // [C, M/g, k...] -> [M, C/g, k...]
-  int64_t taps = 1;
-  for (int64_t k : kernel) taps *= k;
+  const int64_t taps = CheckedProduct(kernel);
   const std::vector<float> src = w.Floats();
   std::vector<float> dst(src.size());
   // Empty weights (a channel count of 0) have nothing to move.

@@ -217,8 +217,9 @@ void MapReduce(MappingContext& c) {
     c.Emit("UnaryOp", {x}, {t}, {{"operation", before}}, c.NewLayerName(before));
     x = t;
   }
-  int64_t count = 1;
-  for (int64_t a : set) count *= c.InShape(0)[a];
+  Shape reduced_dims;
+  for (int64_t a : set) reduced_dims.push_back(c.InShape(0)[a]);
+  const int64_t count = CheckedProduct(reduced_dims);
   const std::string mean = c.NewTensor("mean");
   c.Emit("ReduceMean", {x}, {mean}, reduce, c.NewLayerName("mean"));
   const std::string sum = after.empty() ? c.Out(0) : c.NewTensor("sum");

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
-#include <numeric>
 #include <set>
 
 #include "importer/mapping_context.h"
@@ -15,13 +14,6 @@ namespace qzdl::onnx_import {
 namespace {
 
 using json11::Json;
-
-int64_t Product(const Shape& dims, size_t from = 0, size_t to = SIZE_MAX) {
-  to = std::min(to, dims.size());
-  from = std::min(from, to);
-  return std::accumulate(dims.begin() + from, dims.begin() + to, int64_t{1},
-                         std::multiplies<int64_t>());
-}
 
 int Clamp32(int64_t v) { return static_cast<int>(std::clamp<int64_t>(v, INT_MIN, INT_MAX)); }
 
@@ -52,9 +44,9 @@ void MapReshape(MappingContext& c) {
   if (infer >= 0) {
     out[infer] = 1;
     const int64_t known = CountUpTo(out, INT64_MAX);  // -1 past the int64 range
-    out[infer] = known > 0 ? Product(in) / known : 0;
+    out[infer] = known > 0 ? CheckedProduct(in) / known : 0;
   }
-  if (CountUpTo(out, INT64_MAX) != Product(in)) {
+  if (CountUpTo(out, INT64_MAX) != CheckedProduct(in)) {
     c.Fail("shape " + DimsString(target) + " does not fit input of shape " + DimsString(in));
   }
   EmitReshape(c, c.In(0), in, c.Out(0), out);
@@ -69,7 +61,7 @@ void MapFlatten(MappingContext& c) {
     c.Emit("Flatten", {c.In(0)}, {c.Out(0)}, {{"axis", 1}, {"end_axis", -1}});
     return;
   }
-  EmitReshape(c, c.In(0), in, c.Out(0), {Product(in, 0, axis), Product(in, axis)});
+  EmitReshape(c, c.In(0), in, c.Out(0), {CheckedProduct(in, 0, axis), CheckedProduct(in, axis)});
 }
 
 std::vector<int64_t> AxesOf(MappingContext& c, int input) {
@@ -133,7 +125,7 @@ void MapConcat(MappingContext& c) {
   const int64_t axis = NormalizeAxis(c, c.Int("axis", 1), rank, "axis");
   std::vector<std::string> ins;
   for (int k = 0; k < c.NumInputs(); ++k) {
-    if (c.HasInput(k) && Product(c.InShape(k)) > 0) ins.push_back(c.In(k));
+    if (c.HasInput(k) && CheckedProduct(c.InShape(k)) > 0) ins.push_back(c.In(k));
   }
   c.Emit("Concat", ins, {c.Out(0)}, {{"axis", static_cast<int>(axis)}});
 }
@@ -152,16 +144,14 @@ void MapSplit(MappingContext& c) {
   const int64_t num = c.Int("num_outputs", n);
   if (num != n)
     c.BadAttr("num_outputs", std::to_string(num), "the node has " + std::to_string(n) + " outputs");
-  if (sizes.empty()) {
-    const int64_t piece = (total + n - 1) / n;  // the last piece takes the rest
-    for (int k = 0; k < n; ++k) sizes.push_back(std::min(piece, total - piece * k));
-  }
-  // Each piece within the axis first, so that the sum cannot overflow.
+  if (sizes.empty()) sizes = EvenSplit(total, n);
+  // Each piece within the axis and the sum so far within the axis, so that
+  // the sum cannot pass the int64 range.
   bool fits = static_cast<int>(sizes.size()) == n;
   int64_t sum = 0;
   for (int64_t s : sizes) {
-    fits &= s >= 0 && s <= total;
-    if (fits) sum += s;
+    fits &= s >= 0 && s <= total - sum;
+    if (fits) sum = CheckedAdd(sum, s);
   }
   if (!fits || sum != total) {
     c.Fail("split " + DimsString(sizes) + " does not cut axis " + std::to_string(axis) +
@@ -173,7 +163,7 @@ void MapSplit(MappingContext& c) {
   for (int k = 0; k < n; ++k) {
     if (sizes[k] < 1) c.Fail("split " + DimsString(sizes) + " has an empty piece");
     if (k) points.push_back(static_cast<int>(at));
-    at += sizes[k];
+    at = CheckedAdd(at, sizes[k]);
     outs.push_back(c.Node().output(k).empty() ? c.NewTensor("unused") : c.Out(k));
   }
   if (n == 1) {

@@ -682,5 +682,53 @@ TEST(MalformedModel, ConvStrideBeyondInt) {
             "supported (entries must lie in 1..2147483647)");
 }
 
+// Found by the fuzzer: folding an Add of an empty constant computed the
+// strides of its other dims, whose product passes the int64 range. Nothing
+// is walked in an empty tensor: the sum folds, and the Add using it is then
+// refused for its shapes.
+TEST(MalformedModel, ConstantSumOfAnEmptyTensorWithHugeDims) {
+  onnx::ModelProto m = ConvModel();
+  AddConst(&m, "e", kF, {0, INT64_MAX, 27487790694400}, {});
+  AddConst(&m, "one", kF, {1}, {1});
+  AddNode(&m, "Add", "sum", {"e", "one"}, {"s"});
+  AddNode(&m, "Add", "add", {"y", "s"}, {"z"});
+  EXPECT_EQ(ImportMessage(m),
+            "node \"add\" (Add): shapes [1, 1, 2, 2] and [0, 9223372036854775807, "
+            "27487790694400] cannot be broadcast together");
+}
+
+// Products and sums of dims beyond the int64 range name the node.
+TEST(MalformedModel, ConstantFlattenBeyondInt64) {
+  onnx::ModelProto m = ConvModel();
+  AddConst(&m, "e", kF, {int64_t{1} << 62, 4, 0}, {});
+  SetInt(AddNode(&m, "Flatten", "flatten", {"e"}, {"f"}), "axis", 2);
+  AddNode(&m, "Add", "add", {"y", "f"}, {"z"});
+  EXPECT_EQ(ImportMessage(m),
+            "node \"flatten\" (Flatten): the product of dims [4611686018427387904, 4, 0] is "
+            "beyond the int64 range");
+}
+
+TEST(MalformedModel, ConstantConcatBeyondInt64) {
+  onnx::ModelProto m = ConvModel();
+  AddConst(&m, "a", kF, {0, INT64_MAX}, {});
+  SetInt(AddNode(&m, "Concat", "concat", {"a", "a"}, {"c"}), "axis", 1);
+  AddNode(&m, "Add", "add", {"y", "c"}, {"z"});
+  EXPECT_EQ(ImportMessage(m),
+            "node \"concat\" (Concat): 9223372036854775807 + 9223372036854775807 is beyond "
+            "the int64 range");
+}
+
+TEST(MalformedModel, SizeBeyondInt64) {
+  onnx::ModelProto m = EmptyModel();
+  AddInput(&m, "x", {INT32_MAX, INT32_MAX, INT32_MAX});
+  AddNode(&m, "Size", "size", {"x"}, {"n"});
+  AddOutput(&m, "n");
+  m.mutable_graph()->mutable_output(0)->mutable_type()->mutable_tensor_type()->set_elem_type(
+      onnx::TensorProto::INT64);
+  EXPECT_EQ(ImportMessage(m),
+            "node \"size\" (Size): the product of dims [2147483647, 2147483647, 2147483647] is "
+            "beyond the int64 range");
+}
+
 }  // namespace
 }  // namespace qzdl::test

@@ -162,6 +162,9 @@ TEST(BroadcastWalk, OffsetsOfEachBroadcastKind) {
   EXPECT_EQ(Walk({1, 1, 1, 2, 1, 1}, {2, 1, 1}), (std::vector<int64_t>{0, 1}));
   EXPECT_EQ(Walk({}, {}), (std::vector<int64_t>{0}));
   EXPECT_EQ(Walk({2, 0, 3}, {3}), (std::vector<int64_t>{}));
+  // An empty tensor whose other dims have no strides within the int64 range.
+  const int64_t huge = INT64_MAX;
+  EXPECT_EQ(Walk({0, huge, 27487790694400}, {0, huge, 27487790694400}), (std::vector<int64_t>{}));
 }
 
 }  // namespace
