@@ -5,7 +5,7 @@
 #   scripts/fuzz.sh [seconds per target (600)] [target ...]
 #
 # Targets: net_json weights serial_model onnx_import onnx_graph npy npz image
-# list_set text_set (all by default). JOBS=n runs n targets at a time (default 1).
+# list_set text_set quantized_weights (all by default). JOBS=n runs n targets at a time (default 1).
 # Each run starts from the committed seeds (tests/fuzz/corpus/<target>) plus
 # what earlier runs found (fuzz-out/<target>/corpus); crash inputs are saved
 # as fuzz-out/<target>/crashes/{crash,timeout,oom}-*, the log as
@@ -18,7 +18,8 @@ SECONDS_PER_TARGET=${1:-600}
 shift || true
 TARGETS=("$@")
 if [ ${#TARGETS[@]} -eq 0 ]; then
-  TARGETS=(net_json weights serial_model onnx_import onnx_graph npy npz image list_set text_set)
+  TARGETS=(net_json weights serial_model onnx_import onnx_graph npy npz image list_set text_set
+    quantized_weights)
 fi
 JOBS=${JOBS:-1}
 BUILD_DIR=${FUZZ_BUILD_DIR:-build-fuzz}

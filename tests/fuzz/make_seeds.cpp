@@ -2,6 +2,7 @@
 //   make_seeds <source dir> <onnx test data dir> <corpus dir>
 // Seeds come from the repository's example net and fixtures, a few literal
 // inputs, and small ONNX node test models with the nets imported from them.
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -9,6 +10,8 @@
 #include <set>
 #include <string>
 
+#include "runtime/int8/grid.h"
+#include "runtime/int8/quantized_weights.h"
 #include "runtime/serial_weights.h"
 #include "runtime/weights_file.h"
 #include "small_net.h"
@@ -72,6 +75,49 @@ int main(int argc, char** argv) {
         qzdl::ParseWeights(net_bin.data(), static_cast<int64_t>(net_bin.size()), "net.bin");
     Write(out / "serial_model/small_cnn.fb", qzdl::SerializeSerialWeights(blobs));
     Write(out / "serial_model/empty.fb", qzdl::SerializeSerialWeights({}));
+
+    // Quantized weights: the example net's blobs as 8-bit codes with one
+    // grid per channel, the first bias also as int32, and an empty file.
+    std::vector<qzdl::QuantizedBlob> quantized;
+    for (const qzdl::WeightBlob& b : blobs) {
+      qzdl::QuantizedBlob q;
+      q.layer = b.layer;
+      q.name = b.name;
+      q.dims = b.dims;
+      const size_t channels = b.dims.empty() ? 1 : static_cast<size_t>(b.dims[0]);
+      const size_t per = channels ? b.values.size() / channels : 0;
+      for (size_t c = 0; c < channels; ++c) {
+        qzdl::ChannelGrid g;
+        g.min = g.max = per ? b.values[c * per] : 0.0f;
+        for (size_t k = 0; k < per; ++k) {
+          g.min = std::min(g.min, b.values[c * per + k]);
+          g.max = std::max(g.max, b.values[c * per + k]);
+        }
+        int zero = 0;
+        qzdl::GridOfRangeWithZero(g.min, g.max, 255.0f, g.scale, zero);
+        g.zero = zero;
+        q.grids.push_back(g);
+        for (size_t k = 0; k < per; ++k) {
+          const float v = g.scale > 0 ? b.values[c * per + k] / g.scale + zero + 0.5f : 0.0f;
+          q.bytes.push_back(static_cast<char>(std::min(255.0f, std::max(0.0f, v))));
+        }
+      }
+      quantized.push_back(q);
+      if (q.name == "bias" && quantized.size() < 4) {
+        q.name = "bias_int32";
+        q.type = qzdl::BlobType::kInt32;
+        q.bytes.clear();
+        for (float v : b.values) {
+          const int32_t i = static_cast<int32_t>(v * 1000.0f);
+          q.bytes.append(reinterpret_cast<const char*>(&i), 4);
+        }
+        q.grids.resize(1);
+        quantized.push_back(q);
+      }
+    }
+    Write(out / "quantized_weights/small_cnn.bin", qzdl::SerializeQuantizedWeights(quantized));
+    Write(out / "quantized_weights/empty.bin", qzdl::SerializeQuantizedWeights({}));
+    Write(out / "quantized_weights/float_file.bin", net_bin.substr(0, 64));
 
     CopyAll(src / "tests/fixtures/npy", out / "npy", ".npy");
     CopyAll(src / "tests/fixtures/npy", out / "npz", ".npz");

@@ -1,0 +1,100 @@
+#include "runtime/int8/quantized_weights.h"
+
+#include <cstring>
+
+#include "runtime/byte_io.h"
+#include "runtime/errors.h"
+
+namespace qzdl {
+
+int BlobElementBytes(BlobType type) { return type == BlobType::kUint8 ? 1 : 4; }
+
+std::vector<QuantizedBlob> ParseQuantizedWeights(const char* bytes, int64_t length,
+                                                 const std::string& source) {
+  if (length < 0) throw NetFormatError(source + ": negative length");
+  ByteReader r(reinterpret_cast<const unsigned char*>(bytes), static_cast<uint64_t>(length),
+               source);
+  r.Need(16, "the header");
+  if (std::memcmp(bytes, "QZQW", 4) != 0) {
+    r.Fail(std::memcmp(bytes, "QZWT", 4) == 0
+               ? "a float weights file, not a quantized one"
+               : "not a quantized weights file (bad magic number)");
+  }
+  r.U32("the header");
+  const uint32_t version = r.U32("the header");
+  if (version != kQuantizedWeightsVersion) {
+    r.Fail("unsupported quantized weights file version " + std::to_string(version));
+  }
+  const uint32_t count = r.U32("the header");
+  r.U32("the header");
+  std::vector<QuantizedBlob> blobs;
+  for (uint32_t b = 0; b < count; ++b) {
+    const std::string where = "blob " + std::to_string(b);
+    QuantizedBlob blob;
+    blob.layer = r.String(where + " layer name");
+    blob.name = r.String(where + " name");
+    const std::string label = "layer \"" + blob.layer + "\" blob \"" + blob.name + "\"";
+    uint64_t expected = 0;
+    blob.dims = r.Dims(label, &expected);
+    const uint32_t type = r.U32(label);
+    if (type > 2) r.Fail(label + ": unknown element type " + std::to_string(type));
+    blob.type = static_cast<BlobType>(type);
+    const uint64_t n = r.U64(label);
+    if (n != expected) {
+      r.Fail(label + ": holds " + std::to_string(n) + " values for shape " +
+             DimsToString(blob.dims));
+    }
+    const uint64_t size = BlobElementBytes(blob.type);
+    if (n > r.Remaining() / size) r.Fail("truncated while reading " + label);
+    blob.bytes = r.Bytes(n * size, label);
+    const uint32_t grids = r.U32(label + " grid count");
+    const uint32_t channels = blob.dims.empty() ? 1u : static_cast<uint32_t>(blob.dims[0]);
+    if (grids > 1 && grids != channels) {
+      r.Fail(label + ": " + std::to_string(grids) + " grids for " + std::to_string(channels) +
+             " channels (0, 1 or one per channel)");
+    }
+    if (grids > r.Remaining() / 16) r.Fail("truncated while reading " + label + " grids");
+    std::vector<float> fields;
+    for (uint32_t g = 0; g < grids; ++g) {
+      ChannelGrid grid;
+      r.Floats(fields, 3, label + " grid");
+      grid.min = fields[0], grid.max = fields[1], grid.scale = fields[2];
+      grid.zero = static_cast<int32_t>(r.U32(label + " grid"));
+      if (grid.zero < 0 || grid.zero > 255) {
+        r.Fail(label + ": grid " + std::to_string(g) + " has zero point " +
+               std::to_string(grid.zero) + ", outside 0 .. 255");
+      }
+      blob.grids.push_back(grid);
+    }
+    blobs.push_back(std::move(blob));
+  }
+  if (r.Remaining() != 0) r.Fail(std::to_string(r.Remaining()) + " unexpected trailing bytes");
+  return blobs;
+}
+
+std::string SerializeQuantizedWeights(const std::vector<QuantizedBlob>& blobs) {
+  std::string out = "QZQW";
+  PutU32(out, kQuantizedWeightsVersion);
+  PutU32(out, static_cast<uint32_t>(blobs.size()));
+  PutU32(out, 0);
+  for (const QuantizedBlob& b : blobs) {
+    PutString(out, b.layer);
+    PutString(out, b.name);
+    PutDims(out, b.dims);
+    PutU32(out, static_cast<uint32_t>(b.type));
+    PutU64(out, b.bytes.size() / BlobElementBytes(b.type));
+    out += b.bytes;
+    PutU32(out, static_cast<uint32_t>(b.grids.size()));
+    for (const ChannelGrid& g : b.grids) {
+      for (float f : {g.min, g.max, g.scale}) {
+        uint32_t bits;
+        std::memcpy(&bits, &f, 4);
+        PutU32(out, bits);
+      }
+      PutU32(out, static_cast<uint32_t>(g.zero));
+    }
+  }
+  return out;
+}
+
+}  // namespace qzdl
