@@ -3,6 +3,8 @@
 // the item's transform chain and end in the check that the element count fits
 // the item.
 #include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -23,13 +25,18 @@ namespace {
 const qzg::QZSAMP kPixelLayout = static_cast<qzg::QZSAMP>(2);
 
 // The line of a sample whose element count does not fit its item; ends the
-// process.
-[[noreturn]] void CountMismatch(Data<float>* expected, Data<float>* got) {
-  printf("Expect Count()=%d shape=%s for input \"%s\", bug got Count()=%d shape=%s instead.\n",
-         static_cast<int>(expected->Count(0)),
+// process. Counts are 64-bit: a tensor may hold more than 2^31 - 1 values.
+[[noreturn]] void CountMismatch(Data<float>* expected, int64_t got_count,
+                                const std::string& got_shape) {
+  printf("Expect Count()=%lld shape=%s for input \"%s\", bug got Count()=%lld shape=%s instead.\n",
+         static_cast<long long>(expected->Count(0)),
          Loader::vector_int_to_string(expected->GetDims()).c_str(), expected->GetName().c_str(),
-         static_cast<int>(got->Count(0)), Loader::vector_int_to_string(got->GetDims()).c_str());
+         static_cast<long long>(got_count), got_shape.c_str());
   exit(-1);
+}
+
+[[noreturn]] void CountMismatch(Data<float>* expected, Data<float>* got) {
+  CountMismatch(expected, got->Count(0), Loader::vector_int_to_string(got->GetDims()));
 }
 
 }  // namespace
@@ -125,8 +132,19 @@ void Loader::load_npy_to_data(Data<float>* target) {
     array = *static_cast<cnpy::NpyArray*>(shared_ptr);
   }
   // The array's shape and word size are not looked at: its elements are
-  // taken as 32-bit floats, flat, and only their number counts.
-  target->Resize({1, static_cast<int>(array.elementCount)});
+  // taken as 32-bit floats, flat, and only their number counts. A dim is an
+  // int, so an array of more than 2^31 - 1 elements takes the item's shape
+  // when it has the item's count, and cannot be delivered otherwise.
+  if (array.elementCount > static_cast<size_t>(INT_MAX)) {
+    if (data == nullptr)
+      qzdl::throw_exception("please reshape loader first", new qzdl::QZDLInitException());
+    if (static_cast<uint64_t>(data->Count(0)) != array.elementCount)
+      CountMismatch(data, static_cast<int64_t>(array.elementCount),
+                    "[1, " + std::to_string(array.elementCount) + "]");
+    target->Resize(data->GetDims());
+  } else {
+    target->Resize({1, static_cast<int>(array.elementCount)});
+  }
   target->Reallocate();
   const size_t room = static_cast<size_t>(std::max<int64_t>(target->Count(0), 0)) * sizeof(float);
   const size_t have = std::min(room, array.byteCount());

@@ -1,6 +1,7 @@
 #include "runtime/data.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -11,6 +12,8 @@ namespace qzdl {
 void* AlignedBuffer::Reserve(size_t bytes) {
   if (bytes <= capacity_ && ptr_ != nullptr) return ptr_;
   Release();
+  // Rounding up must not wrap to a small block.
+  if (bytes > SIZE_MAX - 63) throw std::bad_alloc();
   const size_t rounded = std::max<size_t>(64, (bytes + 63) / 64 * 64);
   ptr_ = std::aligned_alloc(64, rounded);
   if (ptr_ == nullptr) throw std::bad_alloc();
@@ -73,7 +76,9 @@ void Data<T>::Resize(const std::vector<int>& dims) {
 
 template <typename T>
 void Data<T>::Reallocate() {
-  const int64_t count = std::max<int64_t>(Count(0), 0);
+  // Counts are int64 (they may pass 2^31 - 1); the bytes must not wrap.
+  const uint64_t count = static_cast<uint64_t>(std::max<int64_t>(Count(0), 0));
+  if (count > SIZE_MAX / ElementBytes()) throw std::bad_alloc();
   data_ = static_cast<T*>(owned_.Reserve(static_cast<size_t>(count) * ElementBytes()));
 }
 

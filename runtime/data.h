@@ -45,7 +45,9 @@ class Data {
   // tensor's rank read as 1, so 2-d data reads as N x C x 1 x 1.
   int GetDim(int axis) const;
   int NumAxes() const { return static_cast<int>(dims_.size()); }
-  // Product of the dims from `axis` to the last (1 past the last axis).
+  // Product of the dims from `axis` to the last (1 past the last axis). Each
+  // dim is an int, but the product may pass 2^31 - 1: element counts,
+  // offsets and byte sizes are 64-bit throughout.
   int64_t Count(int axis) const;
   // Bytes of storage in use for the current shape (0 without storage).
   int64_t GetSize() const;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "runtime/checked_math.h"
 #include "runtime/errors.h"
 #include "runtime/layer_registry.h"
 #include "runtime/serial_weights.h"
@@ -46,18 +47,27 @@ std::vector<std::string> ReadNames(const json11::Json& layer, const std::string&
   return names;
 }
 
-// Tensors are limited to what an int element count can address.
+// Whether the element count of `dims` stays within int64, the type every
+// count, offset and loop over a tensor's elements is held in. Each dim is an
+// int, but the count may well pass 2^31 - 1.
+bool CountFits(const std::vector<int>& dims, std::string* why = nullptr) {
+  try {
+    CheckedProduct(dims);
+    return true;
+  } catch (const ShapeOverflow& e) {
+    if (why != nullptr) *why = e.what();
+    return false;
+  }
+}
+
+// An output needs at least one axis, dims of at least 1 and an element count
+// within int64.
 template <typename T>
 void CheckShape(const Layer<T>& layer, const Data<T>& t) {
   const std::vector<int> dims = t.GetDims();
   bool ok = !dims.empty();
-  int64_t count = 1;
-  for (int d : dims) {
-    if (d < 1) ok = false;
-    count *= std::max(d, 1);
-    if (count > INT_MAX) ok = false;
-  }
-  if (!ok)
+  for (int d : dims) ok = ok && d >= 1;
+  if (!ok || !CountFits(dims))
     layer.Fail("output \"" + t.GetName() + "\" would have invalid shape " + DimsToString(dims));
 }
 
@@ -105,7 +115,10 @@ void Net<T>::Init(const json11::Json& net, std::string dataType, void*) {
     if (name.empty()) FailNet("every net input needs a non-empty \"name\"");
     if (tensors_.count(name)) FailNet("net input \"" + name + "\" is listed twice");
     auto data = std::make_unique<Data<T>>(name);
-    data->Resize(ReadDims(input["dims"], "\"dims\" of net input \"" + name + "\""));
+    const std::string what = "\"dims\" of net input \"" + name + "\"";
+    data->Resize(ReadDims(input["dims"], what));
+    std::string why;
+    if (!CountFits(data->GetDims(), &why)) FailNet(what + ": " + why);
     inputs_.push_back(data.get());
     input_names_.push_back(name);
     tensors_[name] = std::move(data);
@@ -318,11 +331,18 @@ template <typename T>
 void Net<T>::Reshape(bool allocate, int batch) {
   const SourceNames names(net_file_, model_file_);
   if (batch > 0) {
+    // All inputs are checked before any changes.
+    std::vector<std::vector<int>> shapes;
     for (Data<T>* in : inputs_) {
       std::vector<int> dims = in->GetDims();
       dims[0] = batch;
-      in->Resize(dims);
+      std::string why;
+      if (!CountFits(dims, &why))
+        throw NetFormatError(SourceNames::Net() + ": batch " + std::to_string(batch) +
+                             " does not fit net input \"" + in->GetName() + "\": " + why);
+      shapes.push_back(dims);
     }
+    for (size_t i = 0; i < inputs_.size(); ++i) inputs_[i]->Resize(shapes[i]);
   }
   for (Layer<T>* l : layers_) {
     l->SyncStaging();

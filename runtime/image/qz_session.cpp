@@ -161,10 +161,12 @@ void QZSession::BufferImg(unsigned char* out, int width, int height, QZSAMP samp
           bgr[c] = row0[3 * static_cast<size_t>(ox) + c];
           continue;
         }
-        const float a = row0[3 * tx.i0 + c];
-        const float b = row0[3 * tx.i1 + c];
-        const float d = row1[3 * tx.i0 + c];
-        const float e = row1[3 * tx.i1 + c];
+        const size_t x0 = 3 * static_cast<size_t>(tx.i0) + c;
+        const size_t x1 = 3 * static_cast<size_t>(tx.i1) + c;
+        const float a = row0[x0];
+        const float b = row0[x1];
+        const float d = row1[x0];
+        const float e = row1[x1];
         const float top = a + (b - a) * tx.f;
         const float bottom = d + (e - d) * tx.f;
         bgr[c] = RoundToByte(top + (bottom - top) * ty.f);

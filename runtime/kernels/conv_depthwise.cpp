@@ -139,7 +139,7 @@ void DepthwiseConvolution(const ConvGeometry& g, const float* x, const float* w,
   const int multiplier = g.out_c / g.in_c;
   const int64_t planes = int64_t(g.batch) * g.out_c;
   const int64_t in_plane = g.InPlane(), out_plane = g.OutPlane();
-  const int kk = g.KernelArea();
+  const int64_t kk = g.KernelArea();
   const size_t per_thread = DepthwiseScratchFloats(g);
   const size_t padded = size_t(PaddedH(g)) * PaddedW(g);
   const Path path = PathFor(g);

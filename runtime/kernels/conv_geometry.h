@@ -20,7 +20,9 @@ struct ConvGeometry {
 
   int InPerGroup() const { return in_c / group; }
   int OutPerGroup() const { return out_c / group; }
-  int KernelArea() const { return kernel_h * kernel_w; }
+  // Products of dims are 64-bit; the kernels narrow them where the layer has
+  // checked that they fit (GEMM dimensions are ints).
+  int64_t KernelArea() const { return int64_t(kernel_h) * kernel_w; }
   int64_t InPlane() const { return int64_t(in_h) * in_w; }
   int64_t OutPlane() const { return int64_t(out_h) * out_w; }
   // Height and width covered by one dilated kernel.

@@ -3,6 +3,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdint>
 
 #include "runtime/kernels/conv_depthwise.h"
@@ -24,13 +25,20 @@ constexpr int kDeconvRowBlock = 64;
 constexpr int kFcCols = 128;  // inner product: outputs per tile
 constexpr int kFcRows = 64;   // and batch rows per tile
 
-int RoundUp(int v, int to) { return (v + to - 1) / to * to; }
+// 64-bit: v may be close to 2^31 - 1.
+int64_t RoundUp(int v, int to) { return (int64_t(v) + to - 1) / to * to; }
 
 // Splits `total` into equal blocks of at most about `cap` (multiples of 16).
 int EvenBlock(int total, int cap) {
   if (total <= cap) return total;
   const int tiles = NumBlocks(total, cap);
-  return std::min(total, RoundUp(NumBlocks(total, tiles), 16));
+  return static_cast<int>(std::min<int64_t>(total, RoundUp(NumBlocks(total, tiles), 16)));
+}
+
+// The GEMM paths pass the output plane (as a row stride) and a patch (as
+// the inner dimension) to the GEMM library, whose dimensions are ints.
+bool GemmFits(const ConvGeometry& g) {
+  return g.OutPlane() <= INT_MAX && int64_t(g.InPerGroup()) * g.KernelArea() <= INT_MAX;
 }
 
 bool Is1x1Unpadded(const ConvGeometry& g) {
@@ -66,18 +74,22 @@ ConvKernel::~ConvKernel() = default;
 bool ConvKernel::Applies(ConvAlgorithm a, const ConvGeometry& g) {
   switch (a) {
     case ConvAlgorithm::kDepthwise:
-      return IsDepthwise(g);
+      return IsDepthwise(g) && g.KernelArea() <= INT_MAX;
     case ConvAlgorithm::kGemm1x1:
-      return Is1x1Plain(g);
+      return Is1x1Plain(g) && GemmFits(g);
+    case ConvAlgorithm::kIm2colGemm:
+      return GemmFits(g);
     case ConvAlgorithm::kDnnl:
-      return DnnlConvolution::Available();
-    default:
+      // oneDNN's kernels are not trusted with planes beyond the int range.
+      return DnnlConvolution::Available() && GemmFits(g) && g.InPlane() <= INT_MAX;
+    case ConvAlgorithm::kAuto:
       return true;
   }
+  return false;
 }
 
-void ConvKernel::Configure(const ConvGeometry& g, bool bias, ConvAlgorithm want) {
-  if (configured_ && g == g_ && bias == bias_ && want == want_) return;
+bool ConvKernel::Configure(const ConvGeometry& g, bool bias, ConvAlgorithm want) {
+  if (configured_ && g == g_ && bias == bias_ && want == want_) return true;
   configured_ = false;
   g_ = g;
   bias_ = bias;
@@ -92,10 +104,14 @@ void ConvKernel::Configure(const ConvGeometry& g, bool bias, ConvAlgorithm want)
       // Strided 1x1: gathering the used pixels beats reordering all of them.
       a = ConvAlgorithm::kIm2colGemm;
     } else {
-      a = DnnlConvolution::Available() ? ConvAlgorithm::kDnnl : ConvAlgorithm::kIm2colGemm;
+      a = Applies(ConvAlgorithm::kDnnl, g) ? ConvAlgorithm::kDnnl : ConvAlgorithm::kIm2colGemm;
     }
   }
   dnnl_.reset();
+  if (!Applies(a, g)) {
+    algorithm_ = ConvAlgorithm::kAuto;
+    return false;
+  }
   if (a == ConvAlgorithm::kDnnl) {
     dnnl_ = std::make_unique<DnnlConvolution>();
     if (!dnnl_->Configure(g, bias)) {
@@ -110,11 +126,12 @@ void ConvKernel::Configure(const ConvGeometry& g, bool bias, ConvAlgorithm want)
     cols_.Reserve(sizeof(float) * slots_ * DepthwiseScratchFloats(g));
   }
   configured_ = true;
+  return true;
 }
 
 void ConvKernel::PlanTiles() {
   const int plane = static_cast<int>(g_.OutPlane());
-  const int k = g_.InPerGroup() * g_.KernelArea();
+  const int k = static_cast<int>(g_.InPerGroup() * g_.KernelArea());
   const int rows = g_.OutPerGroup();
   const bool im2col = algorithm_ == ConvAlgorithm::kIm2colGemm;
   const int cap = im2col ? std::max(kMinColBlock, kColFloats / k / 16 * 16) : kGemm1x1Cols;
@@ -125,7 +142,9 @@ void ConvKernel::PlanTiles() {
   if (items < kMinItems)
     m_tiles = std::max(
         1, std::min(NumBlocks(kMinItems, static_cast<int>(items)), NumBlocks(rows, kMinRowBlock)));
-  m_block_ = m_tiles == 1 ? rows : std::min(rows, RoundUp(NumBlocks(rows, m_tiles), 16));
+  m_block_ = m_tiles == 1
+                 ? rows
+                 : static_cast<int>(std::min<int64_t>(rows, RoundUp(NumBlocks(rows, m_tiles), 16)));
   m_tiles_ = NumBlocks(rows, m_block_);
   slots_ = 0;
   if (im2col) {
@@ -167,7 +186,7 @@ void ConvKernel::RunGemm(const float* x, const float* w, const float* b, float* 
   const ConvGeometry& g = g_;
   const int plane = static_cast<int>(g.OutPlane());
   const int cin_g = g.InPerGroup(), cout_g = g.OutPerGroup();
-  const int k = cin_g * g.KernelArea();
+  const int k = static_cast<int>(cin_g * g.KernelArea());
   const bool im2col = algorithm_ == ConvAlgorithm::kIm2colGemm;
   const int64_t total = int64_t(g.batch) * g.group * m_tiles_ * n_tiles_;
   const int threads = im2col ? std::min(slots_, omp_get_max_threads()) : omp_get_max_threads();
@@ -207,11 +226,15 @@ void ConvKernel::RunGemm(const float* x, const float* w, const float* b, float* 
   }
 }
 
-void DeconvKernel::Configure(const ConvGeometry& g, bool bias) {
-  if (configured_ && g == g_ && bias == bias_) return;
+bool DeconvKernel::Configure(const ConvGeometry& g, bool bias) {
+  if (configured_ && g == g_ && bias == bias_) return true;
+  configured_ = false;
+  // The GEMM's rows are (output channel of a group, tap), its columns input
+  // positions: both are ints in the GEMM library.
+  if (g.OutPerGroup() * g.KernelArea() > INT_MAX || g.InPlane() > INT_MAX) return false;
   g_ = g;
   bias_ = bias;
-  rows_ = g.OutPerGroup() * g.KernelArea();
+  rows_ = static_cast<int>(g.OutPerGroup() * g.KernelArea());
   const int in_plane = static_cast<int>(g.InPlane());
   n_block_ = in_plane;
   if (int64_t(rows_) * in_plane > kDeconvColFloats)
@@ -220,12 +243,14 @@ void DeconvKernel::Configure(const ConvGeometry& g, bool bias) {
   packed_.Reserve(sizeof(float) * size_t(g.out_c) * g.InPerGroup() * g.KernelArea());
   col_.Reserve(sizeof(float) * size_t(rows_) * n_block_);
   configured_ = true;
+  return true;
 }
 
 void DeconvKernel::Run(const float* x, const float* w, const float* b, float* y) {
   const ConvGeometry& g = g_;
   if (!bias_) b = nullptr;
-  const int cin_g = g.InPerGroup(), cout_g = g.OutPerGroup(), kk = g.KernelArea();
+  const int cin_g = g.InPerGroup(), cout_g = g.OutPerGroup();
+  const int kk = static_cast<int>(g.KernelArea());
   const int in_plane = static_cast<int>(g.InPlane());
   const int64_t out_plane = g.OutPlane();
   float* packed = static_cast<float*>(packed_.get());
@@ -237,7 +262,7 @@ void DeconvKernel::Run(const float* x, const float* w, const float* b, float* y)
     float* dst = packed + int64_t(grp) * rows_ * cin_g + int64_t(oc) * kk * cin_g;
     const float* src = w + int64_t(o) * cin_g * kk;
     for (int c = 0; c < cin_g; ++c)
-      for (int t = 0; t < kk; ++t) dst[int64_t(t) * cin_g + c] = src[c * kk + t];
+      for (int t = 0; t < kk; ++t) dst[int64_t(t) * cin_g + c] = src[int64_t(c) * kk + t];
   }
   const int m_tiles = NumBlocks(rows_, m_block_);
   for (int n = 0; n < g.batch; ++n) {
@@ -249,8 +274,9 @@ void DeconvKernel::Run(const float* x, const float* w, const float* b, float* y)
       for (int oc = 0; oc < cout_g; ++oc)
         std::fill(yg + oc * out_plane, yg + (oc + 1) * out_plane,
                   b != nullptr ? b[grp * cout_g + oc] : 0.0f);
-      for (int p0 = 0; p0 < in_plane; p0 += n_block_) {
-        const int np = std::min(n_block_, in_plane - p0);
+      // 64-bit: the last step may pass 2^31 - 1.
+      for (int64_t p0 = 0; p0 < in_plane; p0 += n_block_) {
+        const int np = static_cast<int>(std::min<int64_t>(n_block_, in_plane - p0));
 #pragma omp parallel for schedule(dynamic)
         for (int mt = 0; mt < m_tiles; ++mt) {
           const int m0 = mt * m_block_, mb = std::min(m_block_, rows_ - m0);
@@ -269,11 +295,12 @@ void InnerProductForward(int batch, int k, int out, bool transpose, const float*
                          const float* b, float* y) {
   const int o_block = EvenBlock(out, kFcCols), n_block = EvenBlock(batch, kFcRows);
   const int o_tiles = NumBlocks(out, o_block), n_tiles = NumBlocks(batch, n_block);
-  const int total = o_tiles * n_tiles;
+  // The output may hold more than 2^31 - 1 values, and so may the tiles.
+  const int64_t total = int64_t(o_tiles) * n_tiles;
 #pragma omp parallel for schedule(dynamic)
-  for (int item = 0; item < total; ++item) {
-    const int o0 = (item % o_tiles) * o_block, no = std::min(o_block, out - o0);
-    const int n0 = (item / o_tiles) * n_block, nn = std::min(n_block, batch - n0);
+  for (int64_t item = 0; item < total; ++item) {
+    const int o0 = static_cast<int>(item % o_tiles) * o_block, no = std::min(o_block, out - o0);
+    const int n0 = static_cast<int>(item / o_tiles) * n_block, nn = std::min(n_block, batch - n0);
     float* yt = y + int64_t(n0) * out + o0;
     float beta = 0.0f;
     if (b != nullptr) {

@@ -31,12 +31,15 @@ class ConvKernel {
   ConvKernel();
   ~ConvKernel();
 
-  // Whether algorithm `a` can compute g (kDnnl: only whether the build has it).
+  // Whether algorithm `a` can compute g (kDnnl: whether the build has it).
+  // The GEMM paths and oneDNN need an output plane, and a patch of
+  // C/group x kh x kw values, of at most 2^31 - 1 (ints in their APIs); the
+  // depthwise kernel takes planes of any size.
   static bool Applies(ConvAlgorithm a, const ConvGeometry& g);
   // Picks the algorithm (`want`, when it applies, else the automatic choice)
   // and sizes the workspace. Does nothing when called again with the same
-  // arguments.
-  void Configure(const ConvGeometry& g, bool bias, ConvAlgorithm want = ConvAlgorithm::kAuto);
+  // arguments. False, with nothing configured, when no algorithm applies.
+  bool Configure(const ConvGeometry& g, bool bias, ConvAlgorithm want = ConvAlgorithm::kAuto);
   ConvAlgorithm algorithm() const { return algorithm_; }
   // e.g. "im2col+gemm (oneDNN 2.6.3)" or "oneDNN brgconv:avx512_core".
   std::string Describe() const;
@@ -65,7 +68,9 @@ class ConvKernel {
 // geometry's "in" is the deconvolution's input.
 class DeconvKernel {
  public:
-  void Configure(const ConvGeometry& g, bool bias);
+  // False when (M / group) x kh x kw or the input plane is beyond 2^31 - 1,
+  // the GEMM's int dimensions.
+  bool Configure(const ConvGeometry& g, bool bias);
   void Run(const float* x, const float* w, const float* b, float* y);
 
  private:

@@ -23,7 +23,10 @@ void FillRows(float* c, int64_t ldc, int rows, int cols, const float* v);
 // "oneDNN 2.6.3" or "OpenBLAS 0.3.21 ..." for logs and benchmarks.
 const char* GemmBackendName();
 
-// Splits [0, total) into pieces of `block` (the last may be shorter).
-inline int NumBlocks(int total, int block) { return (total + block - 1) / block; }
+// Splits [0, total) into pieces of `block` (the last may be shorter). The
+// sum is 64-bit: total may be close to 2^31 - 1.
+inline int NumBlocks(int total, int block) {
+  return static_cast<int>((int64_t(total) + block - 1) / block);
+}
 
 }  // namespace qzdl

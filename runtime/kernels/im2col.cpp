@@ -12,7 +12,7 @@ void Im2colTile(const ConvGeometry& g, const float* x, int64_t p0, int np, float
     const float* xc = x + c * plane;
     for (int ky = 0; ky < g.kernel_h; ++ky) {
       for (int kx = 0; kx < g.kernel_w; ++kx) {
-        float* row = col + (int64_t(c * g.kernel_h + ky) * g.kernel_w + kx) * np;
+        float* row = col + ((int64_t(c) * g.kernel_h + ky) * g.kernel_w + kx) * np;
         int oy = static_cast<int>(p0 / g.out_w);
         int ox = static_cast<int>(p0 % g.out_w);
         for (int j = 0; j < np; ox = 0, ++oy) {
@@ -47,7 +47,7 @@ void Im2colTile(const ConvGeometry& g, const float* x, int64_t p0, int np, float
 void Col2imAdd(const ConvGeometry& g, const float* col, int64_t p0, int np, float* y) {
   for (int ky = 0; ky < g.kernel_h; ++ky) {
     for (int kx = 0; kx < g.kernel_w; ++kx) {
-      const float* row = col + int64_t(ky * g.kernel_w + kx) * np;
+      const float* row = col + (int64_t(ky) * g.kernel_w + kx) * np;
       int iy = static_cast<int>(p0 / g.in_w);
       int ix = static_cast<int>(p0 % g.in_w);
       for (int j = 0; j < np; ix = 0, ++iy) {

@@ -13,6 +13,8 @@ void ConstantLayer<float>::LoadParam(const ParamReader& param) {
   this->ExpectCounts(0, 0, 1, 1);
   if (!param.Has("dims")) param.Fail("missing param \"dims\"");
   dims_ = param.Ints("dims", {});
+  // The values come from the weights, read from a buffer of at most 2^31 - 1
+  // bytes: a larger constant could never be loaded.
   bool ok = !dims_.empty() && dims_.size() <= 8;
   int64_t count = 1;
   for (int d : dims_) {

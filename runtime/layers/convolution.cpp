@@ -30,6 +30,20 @@ int AtLeast(const ParamReader& param, const Picked& p, int min) {
 
 std::string Pair(int64_t h, int64_t w) { return std::to_string(h) + "x" + std::to_string(w); }
 
+// The GEMM library takes its dimensions and strides as ints, and so do the
+// kernels' tap indices: a patch of (input channel, tap) values of a
+// convolution, or a column of (output channel, tap) values of a
+// deconvolution, must fit one.
+template <typename T>
+void CheckGemmRows(const Layer<T>& layer, const std::string& what, int channels,
+                   const ConvParams& p) {
+  const int64_t n = int64_t(channels) * p.kernel_h * p.kernel_w;
+  if (n > INT_MAX)
+    layer.Fail(what + " of " + std::to_string(channels) + " channels per group x kernel " +
+               Pair(p.kernel_h, p.kernel_w) + " = " + std::to_string(n) +
+               " values is more than 2147483647, the most a GEMM dimension takes");
+}
+
 // Geometry of the layer's input and params; output sizes are left to the caller.
 ConvGeometry InputGeometry(const std::vector<int>& dims, const ConvParams& p) {
   ConvGeometry g;
@@ -147,11 +161,16 @@ void ConvolutionLayer<float>::Reshape() {
     this->Fail("kernel extent " + Pair(extent_h, extent_w) + " (kernel " +
                Pair(p.kernel_h, p.kernel_w) + ", dilation " + Pair(p.dilation_h, p.dilation_w) +
                ") is larger than the padded input " + Pair(padded_h, padded_w));
+  CheckGemmRows(*this, "a patch", g.InPerGroup(), p);
   g.out_h = g.ConvOutH();
   g.out_w = g.ConvOutW();
   this->out()->Resize({g.batch, g.out_c, g.out_h, g.out_w});
   geometry_ = g;
-  kernel_.Configure(g, p.bias_term);
+  // Only the depthwise kernel walks planes beyond the int range.
+  if (!kernel_.Configure(g, p.bias_term))
+    this->Fail("output plane " + Pair(g.out_h, g.out_w) + " of " + std::to_string(g.OutPlane()) +
+               " positions is more than 2147483647, the most a GEMM dimension takes; only a " +
+               "depthwise convolution runs on such planes");
 }
 
 template <>
@@ -205,9 +224,13 @@ void DeconvolutionLayer<float>::Reshape() {
     this->Fail("output would be " + Pair(out_h, out_w) + ", which is too large");
   g.out_h = static_cast<int>(out_h);
   g.out_w = static_cast<int>(out_w);
+  CheckGemmRows(*this, "a column", g.OutPerGroup(), p);
+  if (g.InPlane() > INT_MAX)
+    this->Fail("input plane " + Pair(g.in_h, g.in_w) + " of " + std::to_string(g.InPlane()) +
+               " positions is more than 2147483647, the most a GEMM dimension takes");
   this->out()->Resize({g.batch, g.out_c, g.out_h, g.out_w});
   geometry_ = g;
-  kernel_.Configure(g, p.bias_term);
+  if (!kernel_.Configure(g, p.bias_term)) this->Fail("no kernel takes this shape");
 }
 
 template <>

@@ -116,7 +116,9 @@ void PriorBoxLayer<float>::Reshape() {
   step_h_ = step_h_param_ > 0.0f ? step_h_param_ : img_h_ / layer_h_;
   step_w_ = step_w_param_ > 0.0f ? step_w_param_ : img_w_ / layer_w_;
   const int64_t values = int64_t(layer_h_) * layer_w_ * NumPriors() * 4;
-  if (values * 2 > INT_MAX)
+  // The values make one axis of the output, an int; the element count, twice
+  // that, may pass 2^31 - 1.
+  if (values > INT_MAX)
     this->Fail("a " + std::to_string(layer_h_) + " x " + std::to_string(layer_w_) +
                " feature map with " + std::to_string(NumPriors()) +
                " priors per location gives too many boxes");
@@ -234,7 +236,9 @@ void DetectionOutputLayer<float>::Reshape() {
   const int64_t after_nms = classes * per_class;
   const int64_t per_image = keep_top_k_ > 0 ? std::min<int64_t>(after_nms, keep_top_k_) : after_nms;
   const int64_t rows = std::max<int64_t>(1, per_image * num);
-  if (rows * 7 > INT_MAX || after_nms * int64_t(sizeof(Detection)) > INT_MAX)
+  // The rows make one axis of the output (an int); the candidates of an item
+  // are the work buffer, kept within 2^31 - 1 bytes.
+  if (rows > INT_MAX || after_nms * int64_t(sizeof(Detection)) > INT_MAX)
     this->Fail("would reserve " + std::to_string(rows) +
                " detection rows; limit them with param \"keep_top_k\" or \"nms_top_k\"");
   rows_per_image_ = static_cast<int>(per_image);

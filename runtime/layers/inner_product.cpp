@@ -41,6 +41,8 @@ void InnerProductLayer<float>::Reshape() {
                  std::to_string(k) + " values per item), but the weights " +
                  DimsToString(weights[0]->GetDims()) + " expect " + std::to_string(expected));
   }
+  // Weights are read from a buffer of at most 2^31 - 1 bytes, so more values
+  // could never be loaded; the limit also keeps k, a GEMM dimension, an int.
   if (k * num_output_ > INT_MAX)
     this->Fail("weights [" + std::to_string(num_output_) + ", " + std::to_string(k) +
                "] would have more than 2^31-1 elements");

@@ -16,7 +16,8 @@ int SourceIndex(int p, int n, const std::string& mode) {
   if (p >= 0 && p < n) return p;
   if (mode == "constant") return -1;
   if (mode == "edge") return p < 0 ? 0 : n - 1;
-  return p < 0 ? -p : 2 * (n - 1) - p;  // reflect; pads are < n
+  // Reflect; pads are < n. 2 * (n - 1) may pass the int range.
+  return p < 0 ? -p : static_cast<int>(2 * (int64_t(n) - 1) - p);
 }
 
 }  // namespace

@@ -137,7 +137,7 @@ void PoolingLayer<float>::Run() {
 
   // One task is one output row of one plane; each output element is computed
   // by one task in a fixed order.
-  const int64_t rows = in->GetDim(0) * in->GetDim(1) * oh;
+  const int64_t rows = int64_t(in->GetDim(0)) * in->GetDim(1) * oh;
   const int64_t work_per_row = std::max<int64_t>(1, ow * kh * kw);
   ParallelFor(
       rows,

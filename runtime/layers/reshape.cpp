@@ -95,6 +95,11 @@ void ReshapeLayer<float>::Reshape() {
     const int64_t known = Product(dims);  // with 1 at the inferred entry
     if (known < 0 || count % known != 0)
       this->Fail(head + ": " + std::to_string(count) + " is not a multiple of " + CountText(dims));
+    // The count may pass 2^31 - 1, but one dim is an int.
+    if (count / known > INT_MAX)
+      this->Fail(head + ": entry " + std::to_string(infer) + " would be " +
+                 std::to_string(count / known) + ", more than " + std::to_string(INT_MAX) +
+                 " on one axis");
     dims[infer] = static_cast<int>(count / known);
   } else if (Product(dims) != count) {
     this->Fail(head + ": that makes " + DimsToString(dims) + " (" + CountText(dims) + " elements)");

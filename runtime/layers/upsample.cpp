@@ -25,7 +25,7 @@ void AxisNearest(int in, int out, std::vector<int>& i0) {
   for (int i = 0; i < out; ++i) {
     if (out == in) {
       i0[i] = i;
-    } else if (out == 2 * in) {
+    } else if (out == 2 * int64_t(in)) {
       i0[i] = i >> 1;
     } else {
       const float src = std::floor(static_cast<float>(i) * scale);

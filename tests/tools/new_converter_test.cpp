@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "support/big_memory.h"
 #include "support/net_builder.h"
 #include "tools/expected_output.h"
 #include "tools/process_runner.h"
@@ -425,6 +426,55 @@ TEST_F(NewConverterTest, ReshapeWithAdaQuantKeepsTheMode) {
   EXPECT_EQ(r.out.find("changed to Peak"), std::string::npos);
   EXPECT_TRUE(HasLine(r.out, "  --calibration_mode:   AdaQuantSequential"));
   EXPECT_TRUE(HasLine(r.out, "  --frugal:             true"));
+}
+
+TEST_F(NewConverterTest, TensorBeyondTheIntRangeOpensFrugalMode) {
+  // 46341 x 46341 = 2147488281 elements, more than 2^31 - 1. The net is
+  // created in frugal mode, so the tensor gets no storage.
+  NetBuilder big;
+  big.Input("data", {1, 1, 2, 2})
+      .Layer("up", "Upsample", {"data"}, {"big"}, {{"out_h", 46341}, {"out_w", 46341}})
+      .Layer("relu", "ReLU", {"big"}, {"out"});
+  UseNet(big);
+  const char kTooLarge[] = "Warning: Network is too large, open frugal mode now.";
+  ProcessResult plain = RunWithNet({});
+  ExpectNoDataEnd(plain);
+  EXPECT_EQ(CountLines(plain.out, kTooLarge), 1) << plain.out;
+  EXPECT_TRUE(HasLine(plain.out, "  --frugal:             true"));
+
+  ProcessResult mse = RunWithNet({"-c", "4"});
+  ExpectNoDataEnd(mse);
+  const std::string warnings = std::string(kTooLarge) +
+                               "\n"
+                               "Warning: Network is too large, calibration method will be changed "
+                               "to Peak.\n"
+                               "CONVERTER PARAMETERS: \n";
+  EXPECT_NE(mse.out.find(warnings), std::string::npos) << mse.out;
+  EXPECT_TRUE(HasLine(mse.out, "  --calibration_mode:   Naive"));
+  EXPECT_TRUE(HasLine(mse.out, "  --frugal:             true"));
+}
+
+TEST_F(NewConverterTest, TensorBeyondTheIntRangeIsCalibrated) {
+  NetBuilder big;
+  big.Input("data", {1, 1, 2, 2})
+      .Layer("up", "Upsample", {"data"}, {"big"}, {{"out_h", 46341}, {"out_w", 46341}})
+      .Layer("relu", "ReLU", {"big"}, {"big"});
+  UseNet(big);
+  // One random item, so one round that fills the 8.6 GB tensor.
+  BigMemoryLock lock;
+  if (AvailableMemory() < kBigTestMemory)
+    GTEST_SKIP() << "needs 10 GB of available memory for a tensor of 8.6 GB";
+  ProcessResult r = RunWithNet({"-a", "1"});
+  ASSERT_FALSE(r.timed_out);
+  ASSERT_TRUE(r.exited) << "signal " << r.signal << "\n" << r.out << r.err;
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_EQ(CountLines(r.out, "Warning: Network is too large, open frugal mode now."), 1);
+  EXPECT_TRUE(HasLine(r.out, "[1/1] Calibration round 1:")) << r.out;
+  // The tensor is observed as the Upsample's output and again after the ReLU.
+  EXPECT_NE(r.out.find("[2/2]observing data: \"big\" with Naive; min: "), std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("[3/2]observing data: \"big\" with Naive; min: "), std::string::npos)
+      << r.out;
 }
 
 TEST_F(NewConverterTest, FailingNetCreationAborts) {
