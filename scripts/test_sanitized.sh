@@ -25,6 +25,10 @@ build_seconds=$SECONDS
 echo "== ctest -LE slow (AddressSanitizer + UndefinedBehaviorSanitizer)"
 SECONDS=0
 status=0
-(cd "$BUILD_DIR" && ctest --output-on-failure -j "$JOBS" --timeout 600 -LE slow) || status=$?
+# The two runs on a real 8.6 GB tensor are left to the normal build: under
+# the sanitizers they take minutes and gigabytes of shadow memory.
+BIG='UpsampleAndReluRunBeyondTheIntRange|TensorBeyondTheIntRangeIsCalibrated'
+(cd "$BUILD_DIR" && ctest --output-on-failure -j "$JOBS" --timeout 600 -LE slow -E "$BIG") ||
+  status=$?
 echo "== sanitized build: configure and build ${build_seconds} s, tests ${SECONDS} s"
 exit $status
