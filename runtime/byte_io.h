@@ -85,6 +85,33 @@ class ByteReader {
   std::string source_;
 };
 
+// The start of one blob of the weights containers: its names, dims, element
+// type word and element count, the count checked against the dims.
+struct BlobHeader {
+  std::string layer, name;
+  std::string label;  // `layer "l" blob "b"`, for messages
+  std::vector<int> dims;
+  uint32_t type = 0;
+  uint64_t count = 0;
+};
+
+inline BlobHeader ReadBlobHeader(ByteReader& r, uint32_t index) {
+  const std::string where = "blob " + std::to_string(index);
+  BlobHeader h;
+  h.layer = r.String(where + " layer name");
+  h.name = r.String(where + " name");
+  h.label = "layer \"" + h.layer + "\" blob \"" + h.name + "\"";
+  uint64_t expected = 0;
+  h.dims = r.Dims(h.label, &expected);
+  h.type = r.U32(h.label);
+  h.count = r.U64(h.label);
+  if (h.count != expected) {
+    r.Fail(h.label + ": holds " + std::to_string(h.count) + " values for shape " +
+           DimsToString(h.dims));
+  }
+  return h;
+}
+
 inline void PutU32(std::string& out, uint32_t v) {
   for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>((v >> (8 * i)) & 0xff));
 }
@@ -102,6 +129,15 @@ inline void PutString(std::string& out, const std::string& s) {
 inline void PutDims(std::string& out, const std::vector<int>& dims) {
   PutU32(out, static_cast<uint32_t>(dims.size()));
   for (int d : dims) PutU32(out, static_cast<uint32_t>(d));
+}
+
+inline void PutBlobHeader(std::string& out, const std::string& layer, const std::string& name,
+                          const std::vector<int>& dims, uint32_t type, uint64_t count) {
+  PutString(out, layer);
+  PutString(out, name);
+  PutDims(out, dims);
+  PutU32(out, type);
+  PutU64(out, count);
 }
 
 }  // namespace qzdl

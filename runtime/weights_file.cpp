@@ -23,20 +23,13 @@ std::vector<WeightBlob> ParseWeights(const char* bytes, int64_t length, const st
   const uint32_t count = r.U32("the header");
   r.U32("the header");
   for (uint32_t b = 0; b < count; ++b) {
-    const std::string where = "blob " + std::to_string(b);
+    const BlobHeader h = ReadBlobHeader(r, b);
+    if (h.type != 0) r.Fail(h.label + ": unknown element type " + std::to_string(h.type));
     WeightBlob blob;
-    blob.layer = r.String(where + " layer name");
-    blob.name = r.String(where + " name");
-    const std::string label = "layer \"" + blob.layer + "\" blob \"" + blob.name + "\"";
-    uint64_t expected = 0;
-    blob.dims = r.Dims(label, &expected);
-    const uint32_t type = r.U32(label);
-    if (type != 0) r.Fail(label + ": unknown element type " + std::to_string(type));
-    const uint64_t n = r.U64(label);
-    if (n != expected)
-      r.Fail(label + ": holds " + std::to_string(n) + " values for shape " +
-             DimsToString(blob.dims));
-    r.Floats(blob.values, n, label);
+    blob.layer = h.layer;
+    blob.name = h.name;
+    blob.dims = h.dims;
+    r.Floats(blob.values, h.count, h.label);
     blobs.push_back(std::move(blob));
   }
   if (r.Remaining() != 0) r.Fail(std::to_string(r.Remaining()) + " unexpected trailing bytes");
@@ -49,11 +42,7 @@ std::string SerializeWeights(const std::vector<WeightBlob>& blobs) {
   PutU32(out, static_cast<uint32_t>(blobs.size()));
   PutU32(out, 0);
   for (const WeightBlob& b : blobs) {
-    PutString(out, b.layer);
-    PutString(out, b.name);
-    PutDims(out, b.dims);
-    PutU32(out, 0);
-    PutU64(out, b.values.size());
+    PutBlobHeader(out, b.layer, b.name, b.dims, 0, b.values.size());
     for (float v : b.values) {
       uint32_t bits;
       std::memcpy(&bits, &v, 4);

@@ -29,21 +29,15 @@ std::vector<QuantizedBlob> ParseQuantizedWeights(const char* bytes, int64_t leng
   r.U32("the header");
   std::vector<QuantizedBlob> blobs;
   for (uint32_t b = 0; b < count; ++b) {
-    const std::string where = "blob " + std::to_string(b);
+    const BlobHeader h = ReadBlobHeader(r, b);
+    if (h.type > 2) r.Fail(h.label + ": unknown element type " + std::to_string(h.type));
+    const std::string& label = h.label;
+    const uint64_t n = h.count;
     QuantizedBlob blob;
-    blob.layer = r.String(where + " layer name");
-    blob.name = r.String(where + " name");
-    const std::string label = "layer \"" + blob.layer + "\" blob \"" + blob.name + "\"";
-    uint64_t expected = 0;
-    blob.dims = r.Dims(label, &expected);
-    const uint32_t type = r.U32(label);
-    if (type > 2) r.Fail(label + ": unknown element type " + std::to_string(type));
-    blob.type = static_cast<BlobType>(type);
-    const uint64_t n = r.U64(label);
-    if (n != expected) {
-      r.Fail(label + ": holds " + std::to_string(n) + " values for shape " +
-             DimsToString(blob.dims));
-    }
+    blob.layer = h.layer;
+    blob.name = h.name;
+    blob.dims = h.dims;
+    blob.type = static_cast<BlobType>(h.type);
     const uint64_t size = BlobElementBytes(blob.type);
     if (n > r.Remaining() / size) r.Fail("truncated while reading " + label);
     blob.bytes = r.Bytes(n * size, label);
@@ -78,11 +72,8 @@ std::string SerializeQuantizedWeights(const std::vector<QuantizedBlob>& blobs) {
   PutU32(out, static_cast<uint32_t>(blobs.size()));
   PutU32(out, 0);
   for (const QuantizedBlob& b : blobs) {
-    PutString(out, b.layer);
-    PutString(out, b.name);
-    PutDims(out, b.dims);
-    PutU32(out, static_cast<uint32_t>(b.type));
-    PutU64(out, b.bytes.size() / BlobElementBytes(b.type));
+    PutBlobHeader(out, b.layer, b.name, b.dims, static_cast<uint32_t>(b.type),
+                  b.bytes.size() / BlobElementBytes(b.type));
     out += b.bytes;
     PutU32(out, static_cast<uint32_t>(b.grids.size()));
     for (const ChannelGrid& g : b.grids) {
