@@ -59,5 +59,22 @@ TEST(Grid, TensorRecordsUseIt) {
   EXPECT_EQ(c.getZeroPoint(), 64);
 }
 
+TEST(Grid, CodesAddAHalfAndTruncate) {
+  EXPECT_EQ(CodeOf(0.0f, 0.5f, 10), 10);
+  EXPECT_EQ(CodeOf(0.25f, 0.5f, 10), 11);   // 10.5 + 0.5: exact halves go up
+  EXPECT_EQ(CodeOf(-0.25f, 0.5f, 10), 10);  // 9.5 + 0.5
+  EXPECT_EQ(CodeOf(-0.26f, 0.5f, 10), 9);
+  EXPECT_EQ(CodeOf(1e9f, 0.5f, 10), 255);
+  EXPECT_EQ(CodeOf(-1e9f, 0.5f, 10), 0);
+  EXPECT_EQ(CodeOf(std::nanf(""), 0.5f, 10), 255);
+  EXPECT_EQ(RealOf(13, 0.5f, 10), 1.5f);
+  EXPECT_EQ(RealOf(0, 0.5f, 10), -5.0f);
+  // Every code of a grid comes back to itself.
+  for (int c = 0; c < 256; ++c) {
+    const unsigned char code = static_cast<unsigned char>(c);
+    EXPECT_EQ(CodeOf(RealOf(code, 0.0173f, 77), 0.0173f, 77), code) << c;
+  }
+}
+
 }  // namespace
 }  // namespace qzdl

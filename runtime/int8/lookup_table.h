@@ -1,0 +1,23 @@
+// Unary activations on 8-bit codes: a table of 256 output codes, one per
+// input code, built once from the float function on the real value each
+// input code stands for. Applying it is one load per element, and the result
+// is what the float activation gives on the dequantized input, quantized to
+// the output grid (no other rounding).
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+
+namespace qzdl {
+
+using CodeTable = std::array<uint8_t, 256>;
+
+// table[c] = CodeOf(f(RealOf(c, in)), out) for every code c.
+CodeTable BuildCodeTable(const std::function<float(float)>& f, float in_scale, int in_zero,
+                         float out_scale, int out_zero);
+
+// y[i] = table[x[i]]; x and y may be the same buffer.
+void ApplyCodeTable(const CodeTable& table, const uint8_t* x, uint8_t* y, int64_t count);
+
+}  // namespace qzdl
