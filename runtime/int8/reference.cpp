@@ -1,5 +1,6 @@
 #include "runtime/int8/reference.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace qzdl {
@@ -57,6 +58,40 @@ void ReferenceInnerProductU8(int batch, int k_dim, int out, bool transpose, cons
       }
       y[int64_t(n) * out + o] = Requantize(SaturateToInt32(acc), q.requantizer[o], q.output_zero);
     }
+  }
+}
+
+SumQuantization MakeSumQuantization(const std::vector<CodeGrid>& inputs,
+                                    const std::vector<float>& coeff, CodeGrid output) {
+  SumQuantization q;
+  q.output_zero = output.zero;
+  std::vector<double> real(inputs.size(), 0.0);
+  double largest = 0;
+  for (size_t k = 0; k < inputs.size(); ++k) {
+    if (output.scale > 0) {
+      real[k] = double(coeff.empty() ? 1.0f : coeff[k]) * inputs[k].scale / output.scale;
+    }
+    if (!(std::fabs(real[k]) <= 1e30)) real[k] = 0;  // NaN or beyond any code
+    largest = std::max(largest, std::fabs(real[k]));
+  }
+  // 2^30 <= largest * 2^shift < 2^31, within 1 .. 62; a term then takes at
+  // most 31 + 8 bits, so even 2^20 of them fit the 64-bit sum.
+  int exponent = 0;
+  std::frexp(largest, &exponent);
+  q.shift = largest > 0 ? std::min(62, std::max(1, 31 - exponent)) : 31;
+  for (double r : real) q.multiplier.push_back(std::llround(std::ldexp(r, q.shift)));
+  return q;
+}
+
+void ReferenceEltwiseSumU8(const std::vector<const uint8_t*>& x,
+                           const std::vector<CodeGrid>& inputs, const SumQuantization& q,
+                           int64_t count, uint8_t* y) {
+  const int64_t half = int64_t{1} << (q.shift - 1);
+  for (int64_t i = 0; i < count; ++i) {
+    int64_t acc = 0;
+    for (size_t k = 0; k < x.size(); ++k) acc += (x[k][i] - inputs[k].zero) * q.multiplier[k];
+    const int64_t v = q.output_zero + ((acc + half) >> q.shift);
+    y[i] = static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v);
   }
 }
 

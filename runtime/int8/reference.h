@@ -38,6 +38,28 @@ void ReferenceInnerProductU8(int batch, int k_dim, int out, bool transpose, cons
                              int32_t x_zero, const uint8_t* w, const ChannelQuantization& q,
                              uint8_t* y);
 
+// A code grid: the real value of code q is (q - zero) * scale.
+struct CodeGrid {
+  float scale = 0;
+  int32_t zero = 0;
+};
+
+// An element-wise sum of N inputs with coefficients, on codes:
+// y = zy + round(sum_k c_k * s_k / s_y * (x_k - z_k)), one rounding (ties up).
+// Each term's multiplier is a fixed-point integer at one shared shift, chosen
+// so that the largest |c_k * s_k / s_y| takes 30 bits, and the terms are
+// summed in 64 bits before the one rounding shift.
+struct SumQuantization {
+  std::vector<int64_t> multiplier;  // per input
+  int shift = 0;                     // 1 .. 62
+  int32_t output_zero = 0;
+};
+SumQuantization MakeSumQuantization(const std::vector<CodeGrid>& inputs,
+                                    const std::vector<float>& coeff, CodeGrid output);
+void ReferenceEltwiseSumU8(const std::vector<const uint8_t*>& x,
+                           const std::vector<CodeGrid>& inputs, const SumQuantization& q,
+                           int64_t count, uint8_t* y);
+
 // The int32 bias of real bias b at scale s_x * s_w: b / (s_x * s_w) rounded
 // to nearest (ties away from zero) in double precision, saturating at the
 // int32 range; 0 when the scale is 0.

@@ -195,6 +195,44 @@ TEST(ReferenceU8, AccumulatorSaturatesAtInt32) {
   EXPECT_EQ(y, 215);  // round(2147483647 * 1e-7) = 215
 }
 
+TEST(ReferenceU8, EltwiseSumWithinOneCodeOfFloat) {
+  std::mt19937 rng(4);
+  const Grid a(-1.0f, 2.0f), b(-0.2f, 5.0f), c(0.0f, 1.0f);
+  const std::vector<float> coeff = {0.5f, -2.0f, 1.25f};
+  const int64_t n = 5000;
+  const std::vector<float> af = Random(n, rng, -1.0f, 2.0f), bf = Random(n, rng, -0.2f, 5.0f),
+                           cf = Random(n, rng, 0.0f, 1.0f);
+  std::vector<uint8_t> aq(n), bq(n), cq(n);
+  std::vector<float> want(n);
+  for (int64_t i = 0; i < n; ++i) {
+    aq[i] = a.Code(af[i]), bq[i] = b.Code(bf[i]), cq[i] = c.Code(cf[i]);
+    want[i] = coeff[0] * a.Real(aq[i]) + coeff[1] * b.Real(bq[i]) + coeff[2] * c.Real(cq[i]);
+  }
+  const Grid y(*std::min_element(want.begin(), want.end()),
+               *std::max_element(want.begin(), want.end()));
+  const SumQuantization q =
+      MakeSumQuantization({{a.scale, a.zero}, {b.scale, b.zero}, {c.scale, c.zero}}, coeff,
+                          {y.scale, y.zero});
+  std::vector<uint8_t> got(n);
+  ReferenceEltwiseSumU8({aq.data(), bq.data(), cq.data()},
+                        {{a.scale, a.zero}, {b.scale, b.zero}, {c.scale, c.zero}}, q, n,
+                        got.data());
+  for (int64_t i = 0; i < n; ++i) {
+    ASSERT_LE(std::abs(int(got[i]) - int(y.Code(want[i]))), 1) << i;
+  }
+}
+
+TEST(ReferenceU8, EltwiseSumOfEqualGridsIsExact) {
+  // Two inputs on the output's own grid: codes add exactly around the zero point.
+  const SumQuantization q = MakeSumQuantization({{0.1f, 100}, {0.1f, 100}}, {}, {0.1f, 100});
+  const uint8_t a[3] = {100, 120, 250}, b[3] = {100, 90, 250};
+  uint8_t y[3];
+  ReferenceEltwiseSumU8({a, b}, {{0.1f, 100}, {0.1f, 100}}, q, 3, y);
+  EXPECT_EQ(y[0], 100);
+  EXPECT_EQ(y[1], 110);
+  EXPECT_EQ(y[2], 255);
+}
+
 TEST(ReferenceU8, BiasQuantization) {
   EXPECT_EQ(QuantizeBias(0.5f, 0.5f, 0.25f), 4);
   EXPECT_EQ(QuantizeBias(-0.3125f, 0.5f, 0.25f), -3);  // -2.5: away from zero
