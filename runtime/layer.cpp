@@ -220,5 +220,6 @@ void Layer<T>::Forward() {
 }
 
 template class Layer<float>;
+template class Layer<unsigned char>;
 
 }  // namespace qzdl

@@ -144,5 +144,6 @@ class Layer {
 };
 
 extern template class Layer<float>;
+extern template class Layer<unsigned char>;
 
 }  // namespace qzdl

@@ -2,6 +2,7 @@
 
 #include <map>
 
+#include "runtime/int8/float_island_layer.h"
 #include "runtime/layers/activation.h"
 #include "runtime/layers/activation_extra.h"
 #include "runtime/layers/concat.h"
@@ -133,6 +134,19 @@ std::vector<std::string> RegisteredLayerTypes<float>() {
 template <>
 void RegisterLayerTypeForTesting<float>(const std::string& type, LayerFactory<float> factory) {
   FloatTable()[type] = factory;
+}
+
+// The 8-bit net knows every type of the table; each runs as a float island
+// until its integer kernel lands (docs/int8.md).
+template <>
+std::unique_ptr<Layer<unsigned char>> CreateLayer<unsigned char>(const std::string& type) {
+  if (FloatTable().count(type) == 0) return nullptr;
+  return std::make_unique<FloatIslandLayer>();
+}
+
+template <>
+std::vector<std::string> RegisteredLayerTypes<unsigned char>() {
+  return RegisteredLayerTypes<float>();
 }
 
 }  // namespace qzdl

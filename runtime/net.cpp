@@ -8,6 +8,8 @@
 
 #include "runtime/checked_math.h"
 #include "runtime/errors.h"
+#include "runtime/file_read.h"
+#include "runtime/int8/grid.h"
 #include "runtime/layer_registry.h"
 #include "runtime/serial_weights.h"
 #include "runtime/weights_file.h"
@@ -456,6 +458,31 @@ void Net<T>::LoadSerialWeights(std::string path) {
   ApplyWeights(ReadSerialWeights(path));
 }
 
+template <typename T>
+void Net<T>::LoadWeights(std::string path) {
+  const SourceNames names(net_file_, path);
+  std::string bytes, error;
+  if (!ReadWholeFile(path, &bytes, &error)) {
+    throw NetFormatError(SourceNames::Model() + ": cannot be read: " + error);
+  }
+  ApplyWeights(ParseWeights(bytes.data(), static_cast<int64_t>(bytes.size()), SourceNames::Model()));
+}
+
+template <>
+void Net<unsigned char>::SetFloatInputData(float* data, int index) {
+  Data<unsigned char>* input = inputs_.at(index);
+  if (input->GetCpuData() == nullptr) input->Reallocate();
+  const int64_t n = input->Count(0);
+  if (input->GetDataType() == "float") {
+    std::memcpy(input->GetCpuData(), data, sizeof(float) * n);
+    return;
+  }
+  const QuantizationConfig* grid = context_.int8_config->GetDataConfig(input->GetName());
+  unsigned char* codes = input->GetCpuData();
+  for (int64_t i = 0; i < n; ++i) codes[i] = CodeOf(data[i], grid->getScale(), grid->getZeroPoint());
+}
+
 template class Net<float>;
+template class Net<unsigned char>;
 
 }  // namespace qzdl

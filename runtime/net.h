@@ -42,6 +42,8 @@ class Net {
   std::string& GetOutputDataName(int index) { return output_names_.at(index); }
   float* GetFloatOutputData(int index);
 
+  // Stores a float batch into input `index`. In an 8-bit net an "int8" input
+  // gets the codes of the values on its grid, a "float" one the values.
   void SetFloatInputData(float* data, int index);
   void SetFloatInputDataByName(float* data, const std::string& name);
 
@@ -67,6 +69,10 @@ class Net {
   void SetInt8Config(INT8Config* config);
 
   void LoadWeights(char* bytes, int length);
+  // The float weights file at `path` (an 8-bit net keeps the float values and
+  // quantizes them under its configuration when it computes). Throws
+  // NetFormatError naming the file.
+  void LoadWeights(std::string path);
   void LoadQuantizationWeights(char* bytes, int length);
   void LoadSerialWeights(std::string path);
 
@@ -103,6 +109,11 @@ class Net {
   bool high_accuracy_ = false;
 };
 
+// Codes of the values on the input's grid (net.cpp).
+template <>
+void Net<unsigned char>::SetFloatInputData(float* data, int index);
+
 extern template class Net<float>;
+extern template class Net<unsigned char>;
 
 }  // namespace qzdl

@@ -1,0 +1,167 @@
+// The 8-bit net, built from the same description as the float net and
+// sharing one configuration: the example net, with a configuration made from
+// the float net's own tensor ranges, computes outputs close to the float
+// net's, and sees a change of the configuration at its next forward.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "runtime/create_net.h"
+#include "runtime/int8/float_island_layer.h"
+#include "runtime/int8/grid.h"
+#include "runtime/json11.h"
+#include "runtime/net.h"
+#include "support/net_builder.h"
+
+namespace qzdl {
+namespace {
+
+const std::string kJson = std::string(QZDL_SOURCE_DIR) + "/examples/small_cnn/net.json";
+const std::string kWeights = std::string(QZDL_SOURCE_DIR) + "/examples/small_cnn/net.bin";
+constexpr int kBatch = 4;
+
+double Cosine(const std::vector<float>& a, const std::vector<float>& b) {
+  double ab = 0, aa = 0, bb = 0;
+  for (size_t i = 0; i < a.size(); ++i) ab += a[i] * b[i], aa += a[i] * a[i], bb += b[i] * b[i];
+  return ab / std::sqrt(aa * bb);
+}
+
+class Int8NetTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    float_net_.reset(CreateNet<float>(kJson, kWeights, false, false, 0, 1));
+    float_net_->ReshapeBatchNum(kBatch, 0);
+    input_.resize(float_net_->GetInputData(0)->Count(0));
+    for (size_t i = 0; i < input_.size(); ++i) input_[i] = 1.5f * std::sin(0.013f * i) + 0.2f;
+    // Ranges of every tensor over every layer that writes it (in place too).
+    float_net_->SetFloatInputData(input_.data(), 0);
+    std::map<std::string, std::pair<float, float>> ranges;
+    const Data<float>* x = float_net_->GetInputData(0);
+    ranges[x->GetName()] = {x->GetMinValue(), x->GetMaxValue()};
+    for (Layer<float>* layer : float_net_->GetLayers()) {
+      layer->Forward();
+      for (Data<float>* out : layer->GetOutputs()) {
+        auto it = ranges.find(out->GetName());
+        const float lo = out->GetMinValue(), hi = out->GetMaxValue();
+        if (it == ranges.end()) {
+          ranges[out->GetName()] = {lo, hi};
+        } else {
+          it->second = {std::min(it->second.first, lo), std::max(it->second.second, hi)};
+        }
+      }
+    }
+    for (const auto& kv : ranges) config_.addDataConfig(kv.first, kv.second.first, kv.second.second);
+    const float* y = float_net_->GetFloatOutputData(0);
+    want_.assign(y, y + float_net_->GetOutputData(0)->Count(0));
+
+    std::string error;
+    const json11::Json desc = json11::Json::parse(test::ReadFile(kJson), error);
+    ASSERT_EQ(error, "");
+    int8_net_ = std::make_unique<Net<unsigned char>>(desc, "int8", nullptr);
+    int8_net_->SetInt8Config(&config_);
+    int8_net_->LoadWeights(kWeights);
+    int8_net_->ReshapeBatchNum(kBatch, 0);
+  }
+
+  // The 8-bit net's output on the input, dequantized on its grid.
+  std::vector<float> Run8() {
+    int8_net_->SetFloatInputData(input_.data(), 0);
+    int8_net_->ForwardAll();
+    const Data<unsigned char>* y = int8_net_->GetOutputData(0);
+    const QuantizationConfig* grid = config_.GetDataConfig(y->GetName());
+    std::vector<float> got;
+    for (int64_t i = 0; i < y->Count(0); ++i) {
+      got.push_back(RealOf(y->GetCpuData()[i], grid->getScale(), grid->getZeroPoint()));
+    }
+    return got;
+  }
+
+  std::unique_ptr<Net<float>> float_net_;
+  std::unique_ptr<Net<unsigned char>> int8_net_;
+  INT8Config config_;
+  std::vector<float> input_, want_;
+};
+
+TEST_F(Int8NetTest, SameLayersAndTensorsAsTheFloatNet) {
+  ASSERT_EQ(int8_net_->GetLayers().size(), float_net_->GetLayers().size());
+  for (size_t i = 0; i < float_net_->GetLayers().size(); ++i) {
+    Layer<float>* f = float_net_->GetLayers()[i];
+    Layer<unsigned char>* q = int8_net_->GetLayers()[i];
+    EXPECT_EQ(q->GetName(), f->GetName());
+    EXPECT_EQ(q->GetType(), f->GetType());
+    EXPECT_EQ(q->GetTypeDetail(), f->GetTypeDetail());
+    ASSERT_EQ(q->GetOutputs().size(), f->GetOutputs().size());
+    for (size_t k = 0; k < f->GetOutputs().size(); ++k) {
+      EXPECT_EQ(q->GetOutputs()[k]->GetName(), f->GetOutputs()[k]->GetName());
+      EXPECT_EQ(q->GetOutputs()[k]->GetDims(), f->GetOutputs()[k]->GetDims());
+      EXPECT_EQ(q->GetOutputs()[k]->GetDataType(), "int8");
+    }
+  }
+  EXPECT_EQ(int8_net_->GetInputData(0)->GetDataType(), "int8");
+}
+
+TEST_F(Int8NetTest, OutputCloseToTheFloatNet) {
+  const std::vector<float> got = Run8();
+  ASSERT_EQ(got.size(), want_.size());
+  const double cosine = Cosine(got, want_);
+  RecordProperty("cosine", std::to_string(cosine));
+  std::printf("8-bit net against float on the example net: cosine %.6f\n", cosine);
+  EXPECT_GE(cosine, 0.99);
+}
+
+TEST_F(Int8NetTest, InputsAreCodesOnTheirGrid) {
+  int8_net_->SetFloatInputData(input_.data(), 0);
+  const Data<unsigned char>* x = int8_net_->GetInputData(0);
+  const QuantizationConfig* grid = config_.GetDataConfig(x->GetName());
+  for (int64_t i = 0; i < x->Count(0); ++i) {
+    ASSERT_EQ(x->GetCpuData()[i], CodeOf(input_[i], grid->getScale(), grid->getZeroPoint())) << i;
+  }
+}
+
+TEST_F(Int8NetTest, AConfigurationChangeIsSeenAtTheNextForward) {
+  const std::vector<float> before = Run8();
+  // A grid four times coarser for the first convolution's output.
+  QuantizationConfig* conv1 = config_.GetDataConfig("conv1");
+  conv1->update(conv1->getMin() * 4, conv1->getMax() * 4);
+  const std::vector<float> after = Run8();
+  EXPECT_NE(before, after);
+  EXPECT_LT(Cosine(after, want_), Cosine(before, want_));
+}
+
+TEST_F(Int8NetTest, FloatTensorsKeepFloats) {
+  // A "float" input holds the values themselves, four bytes an element.
+  Data<unsigned char>* x = int8_net_->GetInputData(0);
+  x->ChangeDataType("float");
+  x->Reallocate();
+  int8_net_->SetFloatInputData(input_.data(), 0);
+  EXPECT_EQ(x->GetSize(), static_cast<int64_t>(input_.size() * sizeof(float)));
+  EXPECT_EQ(reinterpret_cast<const float*>(x->GetCpuData())[5], input_[5]);
+  // The first layer reads the floats as they are, so the result is at least
+  // as close to the float net as with codes.
+  const std::vector<float> from_floats = Run8();
+  x->ChangeDataType("int8");
+  x->Reallocate();
+  const std::vector<float> from_codes = Run8();
+  EXPECT_GE(Cosine(from_floats, want_), 0.99);
+  EXPECT_NE(from_floats, from_codes);
+}
+
+TEST(Int8Net, WeightsFileErrorsNameTheFile) {
+  std::string error;
+  const json11::Json desc = json11::Json::parse(test::ReadFile(kJson), error);
+  Net<unsigned char> net(desc, "int8", nullptr);
+  try {
+    net.LoadWeights("/no/such/weights.bin");
+    FAIL() << "no error";
+  } catch (const NetFormatError& e) {
+    EXPECT_EQ(std::string(e.what()),
+              "Model file \"/no/such/weights.bin\": cannot be read: No such file or directory");
+  }
+}
+
+}  // namespace
+}  // namespace qzdl
