@@ -103,7 +103,11 @@ std::string ParamReader::Choice(const std::string& key, const std::string& def,
 }
 
 template <typename T>
-Layer<T>::~Layer() = default;
+Layer<T>::~Layer() {
+  for (auto& kv : uint8_attrs_) delete kv.second;
+  for (auto& kv : float_attrs_) delete kv.second;
+  for (auto& kv : int32_attrs_) delete kv.second;
+}
 
 template <typename T>
 void Layer<T>::Bind(const json11::Json& json, const std::string& name, const std::string& type,

@@ -1,6 +1,7 @@
 // Base class of all layers, and the helpers layer families share.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -52,6 +53,8 @@ struct WeightSpec {
 struct NetContext {
   INT8Config* int8_config = nullptr;
   bool frugal = false;
+  // 8-bit nets: requantize with double multipliers (docs/int8.md).
+  bool high_accuracy = false;
 };
 
 template <typename T>
@@ -110,6 +113,15 @@ class Layer {
 
   [[noreturn]] void Fail(const std::string& what) const;
 
+  // 8-bit layers: the tensors derived from the weights and the configuration
+  // (quantized weights, int32 biases, requantization constants), by name.
+  // They are made at the first forward that finds the maps empty. A caller
+  // that changes the configuration deletes them and empties the maps; the
+  // layer deletes what is left when it goes.
+  std::map<std::string, Data<unsigned char>*>& GetUint8AttrDatas() { return uint8_attrs_; }
+  std::map<std::string, Data<float>*>& GetFloatAttrDatas() { return float_attrs_; }
+  std::map<std::string, Data<int>*>& GetInt32AttrDatas() { return int32_attrs_; }
+
  protected:
   // The kernel. Inputs and outputs are allocated and shaped.
   virtual void Run() = 0;
@@ -141,6 +153,9 @@ class Layer {
     Data<T>* staging;
   };
   std::vector<Staging> staging_;
+  std::map<std::string, Data<unsigned char>*> uint8_attrs_;
+  std::map<std::string, Data<float>*> float_attrs_;
+  std::map<std::string, Data<int>*> int32_attrs_;
 };
 
 extern template class Layer<float>;

@@ -2,6 +2,7 @@
 
 #include <map>
 
+#include "runtime/int8/convolution_int8.h"
 #include "runtime/int8/float_island_layer.h"
 #include "runtime/layers/activation.h"
 #include "runtime/layers/activation_extra.h"
@@ -136,11 +137,12 @@ void RegisterLayerTypeForTesting<float>(const std::string& type, LayerFactory<fl
   FloatTable()[type] = factory;
 }
 
-// The 8-bit net knows every type of the table; each runs as a float island
-// until its integer kernel lands (docs/int8.md).
+// The 8-bit net knows every type of the table: convolution in integers, the
+// others as float islands until their integer kernels land (docs/int8.md).
 template <>
 std::unique_ptr<Layer<unsigned char>> CreateLayer<unsigned char>(const std::string& type) {
   if (FloatTable().count(type) == 0) return nullptr;
+  if (type == "Convolution") return std::make_unique<ConvolutionInt8Layer>();
   return std::make_unique<FloatIslandLayer>();
 }
 

@@ -77,7 +77,7 @@ class Net {
   void LoadSerialWeights(std::string path);
 
   bool GetHighAccuracyDoubleMultiplier() const { return high_accuracy_flag_; }
-  void SetHighAccuracyDoubleMultiplier() { high_accuracy_ = true; }
+  void SetHighAccuracyDoubleMultiplier() { high_accuracy_ = context_.high_accuracy = true; }
   bool HighAccuracyDoubleMultiplierEnabled() const { return high_accuracy_; }
 
   const std::string& DataType() const { return data_type_; }

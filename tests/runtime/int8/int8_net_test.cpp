@@ -150,6 +150,92 @@ TEST_F(Int8NetTest, FloatTensorsKeepFloats) {
   EXPECT_NE(from_floats, from_codes);
 }
 
+// The first convolution's own output codes after ForwardFromTo(0, 1).
+std::vector<unsigned char> Conv1Codes(Net<unsigned char>* net, const std::vector<float>& input) {
+  net->SetFloatInputData(const_cast<float*>(input.data()), 0);
+  net->ForwardFromTo(0, 1, false);
+  const Data<unsigned char>* y = net->GetLayers()[0]->GetOutputs()[0];
+  return std::vector<unsigned char>(y->GetCpuData(), y->GetCpuData() + y->Count(0));
+}
+
+void ClearAttributes(Layer<unsigned char>* layer) {
+  for (auto& kv : layer->GetUint8AttrDatas()) delete kv.second;
+  for (auto& kv : layer->GetFloatAttrDatas()) delete kv.second;
+  for (auto& kv : layer->GetInt32AttrDatas()) delete kv.second;
+  layer->GetUint8AttrDatas().clear();
+  layer->GetFloatAttrDatas().clear();
+  layer->GetInt32AttrDatas().clear();
+}
+
+TEST_F(Int8NetTest, ConvolutionAttributesAreRebuiltOnlyAfterClearing) {
+  Layer<unsigned char>* conv1 = int8_net_->GetLayers()[0];
+  ASSERT_EQ(conv1->GetType(), "Convolution");
+  EXPECT_TRUE(conv1->GetUint8AttrDatas().empty());
+  const std::vector<unsigned char> first = Conv1Codes(int8_net_.get(), input_);
+  ASSERT_EQ(conv1->GetUint8AttrDatas().count("weight"), 1u);
+  for (const char* name : {"weight_zero", "bias", "multiplier", "shift"}) {
+    EXPECT_EQ(conv1->GetInt32AttrDatas().count(name), 1u) << name;
+    EXPECT_EQ(conv1->GetInt32AttrDatas()[name]->Count(0), 16) << name;
+  }
+  const Data<unsigned char>* weight = conv1->GetUint8AttrDatas()["weight"];
+  const unsigned char* weight_codes = weight->GetCpuData();
+
+  // Present attributes are used as they are: no rebuild, same storage.
+  QuantizationConfig* grid = config_.GetDataConfig("conv1");
+  grid->update(grid->getMin() * 2, grid->getMax() * 2);
+  EXPECT_EQ(Conv1Codes(int8_net_.get(), input_), first);
+  EXPECT_EQ(conv1->GetUint8AttrDatas()["weight"], weight);
+  EXPECT_EQ(conv1->GetUint8AttrDatas()["weight"]->GetCpuData(), weight_codes);
+
+  // Cleared, they are made again from the changed configuration.
+  ClearAttributes(conv1);
+  const std::vector<unsigned char> again = Conv1Codes(int8_net_.get(), input_);
+  EXPECT_NE(again, first);
+  EXPECT_EQ(conv1->GetUint8AttrDatas().count("weight"), 1u);
+}
+
+TEST_F(Int8NetTest, ConvolutionWithinOneCodeOfFloatOnDequantizedValues) {
+  for (bool high_accuracy : {false, true}) {
+    if (high_accuracy) {
+      int8_net_->SetHighAccuracyDoubleMultiplier();
+      ClearAttributes(int8_net_->GetLayers()[0]);
+    }
+    const std::vector<unsigned char> codes = Conv1Codes(int8_net_.get(), input_);
+    Layer<unsigned char>* conv1 = int8_net_->GetLayers()[0];
+    const QuantizationConfig* xg = config_.GetDataConfig("data");
+    const QuantizationConfig* yg = config_.GetDataConfig("conv1");
+    // Dequantized input, dequantized weights and bias, the float kernel.
+    const Data<unsigned char>* x = int8_net_->GetInputData(0);
+    std::vector<float> xr;
+    for (int64_t i = 0; i < x->Count(0); ++i)
+      xr.push_back(RealOf(x->GetCpuData()[i], xg->getScale(), xg->getZeroPoint()));
+    const Data<unsigned char>* w = conv1->GetUint8AttrDatas()["weight"];
+    const int per = static_cast<int>(w->Count(1));
+    std::vector<float> wr, br;
+    for (int o = 0; o < 16; ++o) {
+      const float s = conv1->GetFloatAttrDatas()["weight_scale"]->GetCpuData()[o];
+      const int z = conv1->GetInt32AttrDatas()["weight_zero"]->GetCpuData()[o];
+      for (int k = 0; k < per; ++k) wr.push_back(RealOf(w->GetCpuData()[o * per + k], s, z));
+      br.push_back(static_cast<float>(conv1->GetInt32AttrDatas()["bias"]->GetCpuData()[o] *
+                                      double(xg->getScale()) * s));
+    }
+    auto* twin = static_cast<FloatIslandLayer*>(conv1)->Twin();
+    ASSERT_NE(twin, nullptr);
+    const Data<float>* out = float_net_->GetLayers()[0]->GetOutputs()[0];
+    std::vector<float> want(out->Count(0));
+    float_net_->GetLayers()[0]->GetWeights()[0]->ShareData(wr.data());
+    float_net_->GetLayers()[0]->GetWeights()[1]->ShareData(br.data());
+    float_net_->SetFloatInputData(xr.data(), 0);
+    float_net_->ForwardFromTo(0, 1, false);
+    int worst = 0;
+    for (size_t i = 0; i < codes.size(); ++i) {
+      const int want_code = CodeOf(out->GetCpuData()[i], yg->getScale(), yg->getZeroPoint());
+      worst = std::max(worst, std::abs(int(codes[i]) - want_code));
+    }
+    EXPECT_LE(worst, 1) << (high_accuracy ? "double" : "fixed point");
+  }
+}
+
 TEST(Int8Net, WeightsFileErrorsNameTheFile) {
   std::string error;
   const json11::Json desc = json11::Json::parse(test::ReadFile(kJson), error);
