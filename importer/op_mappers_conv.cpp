@@ -115,6 +115,12 @@ void EmitSpatial(MappingContext& c, const std::string& type, const Json::object&
   }
   const Shape& in_shape = c.InShape(0);
   const Shape& out_shape = c.OutShape(0);
+  // ONNX shape inference may give the output fewer axes (ConvTranspose with
+  // an output_shape of 0), without an error.
+  if (out_shape.size() != 3) {
+    c.Fail("shape inference gave output " + Quote(out) + " the shape " + Ints(out_shape) +
+           "; 1-d data needs [N, C, L]");
+  }
   const std::string in4 = c.NewTensor("2d");
   EmitReshape(c, in, in_shape, in4, {in_shape[0], in_shape[1], 1, in_shape[2]},
               c.NewLayerName("to2d"));

@@ -697,6 +697,19 @@ TEST(MalformedModel, ConstantSumOfAnEmptyTensorWithHugeDims) {
             "27487790694400] cannot be broadcast together");
 }
 
+// Found by the fuzzer: for an output_shape of 0, shape inference gave the
+// output of a 1-d ConvTranspose 2 axes, and the mapping read the third.
+TEST(MalformedModel, ConvTransposeOutputOfTwoAxes) {
+  onnx::ModelProto m = EmptyModel();
+  AddInput(&m, "x", {1, 2, 4});
+  AddConst(&m, "w", kF, {2, 1, 1}, {1, 1});
+  SetInts(AddNode(&m, "ConvTranspose", "deconv", {"x", "w"}, {"y"}), "output_shape", {0});
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m),
+            "node \"deconv\" (ConvTranspose): shape inference gave output \"y\" the shape "
+            "[1, 1]; 1-d data needs [N, C, L]");
+}
+
 // Products and sums of dims beyond the int64 range name the node.
 TEST(MalformedModel, ConstantFlattenBeyondInt64) {
   onnx::ModelProto m = ConvModel();
