@@ -2,7 +2,7 @@
 
 #include <map>
 
-#include "runtime/int8/convolution_int8.h"
+#include "runtime/int8/weighted_int8.h"
 #include "runtime/int8/float_island_layer.h"
 #include "runtime/layers/activation.h"
 #include "runtime/layers/activation_extra.h"
@@ -143,6 +143,7 @@ template <>
 std::unique_ptr<Layer<unsigned char>> CreateLayer<unsigned char>(const std::string& type) {
   if (FloatTable().count(type) == 0) return nullptr;
   if (type == "Convolution") return std::make_unique<ConvolutionInt8Layer>();
+  if (type == "InnerProduct") return std::make_unique<InnerProductInt8Layer>();
   return std::make_unique<FloatIslandLayer>();
 }
 

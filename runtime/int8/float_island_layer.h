@@ -28,7 +28,7 @@ class FloatIslandLayer : public Layer<unsigned char> {
   // The float kernel always reads a copy of its inputs.
   bool InPlaceSafe() const override { return false; }
 
-  Layer<float>* Twin() { return twin_.get(); }
+  Layer<float>* Twin() const { return twin_.get(); }
 
  protected:
   void Run() override;

@@ -1,10 +1,11 @@
-#include "runtime/int8/convolution_int8.h"
+#include "runtime/int8/weighted_int8.h"
 
 #include <algorithm>
-#include <cstring>
+#include <limits>
 
 #include "runtime/int8/grid.h"
 #include "runtime/layers/convolution.h"
+#include "runtime/layers/inner_product.h"
 
 namespace qzdl {
 
@@ -21,16 +22,17 @@ D* Attr(std::map<std::string, D*>& attrs, const std::string& name, const std::ve
 
 }  // namespace
 
-void ConvolutionInt8Layer::Prepare() {
+void WeightedInt8Layer::Prepare() {
   INT8Config* config = context()->int8_config;
   const QuantizationConfig* x = config->GetDataConfig(GetInputs()[0]->GetName());
   const QuantizationConfig* y = config->GetDataConfig(GetOutputs()[0]->GetName());
   Data<unsigned char>* w = GetWeights()[0];
   const float* wf = reinterpret_cast<const float*>(w->GetCpuData());
-  const int out = w->GetDim(0);
-  const int64_t per = w->Count(1);
+  const int out = OutputChannels();
+  const int64_t per = out > 0 ? w->Count(0) / out : 0;
   const bool has_bias = GetWeights().size() > 1;
-  const float* bf = has_bias ? reinterpret_cast<const float*>(GetWeights()[1]->GetCpuData()) : nullptr;
+  const float* bf =
+      has_bias ? reinterpret_cast<const float*>(GetWeights()[1]->GetCpuData()) : nullptr;
   const std::vector<QuantizationConfig>* records = config->GetWeightConfig(GetName(), 0);
   if (records != nullptr && static_cast<int>(records->size()) != out) records = nullptr;
 
@@ -45,20 +47,24 @@ void ConvolutionInt8Layer::Prepare() {
   q_.output_zero = y->getZeroPoint();
   input_zero_ = x->getZeroPoint();
   for (int o = 0; o < out; ++o) {
-    const float* channel = wf + o * per;
     float lo = 0, hi = 0;
     if (records != nullptr) {
       lo = (*records)[o].getMin();
       hi = (*records)[o].getMax();
     } else if (per > 0) {
-      lo = *std::min_element(channel, channel + per);
-      hi = *std::max_element(channel, channel + per);
+      lo = std::numeric_limits<float>::max();
+      hi = std::numeric_limits<float>::lowest();
+      for (int64_t k = 0; k < per; ++k) {
+        lo = std::min(lo, wf[ChannelWeightAt(o, k)]);
+        hi = std::max(hi, wf[ChannelWeightAt(o, k)]);
+      }
     }
     float scale = 0;
     int z = 0;
     GridOfRangeWithZero(lo, hi, 255.0f, scale, z);
     for (int64_t k = 0; k < per; ++k) {
-      codes->GetCpuData()[o * per + k] = scale > 0 ? CodeOf(channel[k], scale, z) : z;
+      const int64_t at = ChannelWeightAt(o, k);
+      codes->GetCpuData()[at] = scale > 0 ? CodeOf(wf[at], scale, z) : static_cast<uint8_t>(z);
     }
     const Requantizer r =
         MakeRequantizer(double(x->getScale()) * scale / y->getScale(), context()->high_accuracy);
@@ -73,7 +79,7 @@ void ConvolutionInt8Layer::Prepare() {
   }
 }
 
-void ConvolutionInt8Layer::Run() {
+void WeightedInt8Layer::Run() {
   Data<unsigned char>* x = GetInputs()[0];
   Data<unsigned char>* y = GetOutputs()[0];
   if (x->GetDataType() == "float" || y->GetDataType() == "float") {
@@ -83,9 +89,46 @@ void ConvolutionInt8Layer::Run() {
   if (GetUint8AttrDatas().count("weight") == 0 || GetInt32AttrDatas().count("bias") == 0) {
     Prepare();
   }
+  RunCodes(x->GetCpuData(), GetUint8AttrDatas()["weight"]->GetCpuData(), y->GetCpuData());
+}
+
+void ConvolutionInt8Layer::RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) {
   const ConvGeometry& g = static_cast<ConvolutionLayer<float>*>(Twin())->geometry();
-  ReferenceConvolutionU8(g, x->GetCpuData(), input_zero_, GetUint8AttrDatas()["weight"]->GetCpuData(),
-                         q_, y->GetCpuData());
+  ReferenceConvolutionU8(g, x, input_zero_, weight, q_, y);
+}
+
+int64_t ConvolutionInt8Layer::ChannelWeightAt(int o, int64_t k) const {
+  return int64_t(o) * weight(0)->Count(1) + k;
+}
+
+int ConvolutionInt8Layer::OutputChannels() const { return weight(0)->GetDim(0); }
+
+namespace {
+
+const InnerProductLayer<float>& InnerProduct(const FloatIslandLayer* layer) {
+  return *static_cast<InnerProductLayer<float>*>(layer->Twin());
+}
+
+}  // namespace
+
+void InnerProductInt8Layer::RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) {
+  const InnerProductLayer<float>& ip = InnerProduct(this);
+  const int out = ip.NumOutput();
+  const int64_t k = GetWeights()[0]->Count(0) / out;
+  const int batch = static_cast<int>(GetInputs()[0]->Count(0) / k);
+  ReferenceInnerProductU8(batch, static_cast<int>(k), out, ip.Transpose(), x, input_zero_, weight,
+                          q_, y);
+}
+
+int64_t InnerProductInt8Layer::ChannelWeightAt(int o, int64_t k) const {
+  const InnerProductLayer<float>& ip = InnerProduct(this);
+  const int out = ip.NumOutput();
+  const int64_t k_dim = weight(0)->Count(0) / out;
+  return ip.Transpose() ? k * out + o : int64_t(o) * k_dim + k;
+}
+
+int InnerProductInt8Layer::OutputChannels() const {
+  return InnerProduct(this).NumOutput();
 }
 
 }  // namespace qzdl

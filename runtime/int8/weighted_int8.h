@@ -1,0 +1,53 @@
+// The layers with weights in the 8-bit net, computed in integers
+// (docs/int8.md): codes of the input minus its zero point times weight codes
+// minus each output channel's zero point, summed with the int32 bias and
+// requantized once per output channel. Weights are quantized per output
+// channel on the configuration's weight records for the layer where present,
+// else on each channel's own range. A "float" input or output falls back on
+// the float kernel.
+#pragma once
+
+#include <cstdint>
+
+#include "runtime/int8/float_island_layer.h"
+#include "runtime/int8/reference.h"
+
+namespace qzdl {
+
+class WeightedInt8Layer : public FloatIslandLayer {
+ protected:
+  void Run() override;
+  // The integer kernel on codes; attributes and q_ are ready.
+  virtual void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) = 0;
+  // Weight k of output channel o in the float weight blob (its layout).
+  virtual int64_t ChannelWeightAt(int o, int64_t k) const = 0;
+  virtual int OutputChannels() const = 0;
+
+  ChannelQuantization q_;
+  int32_t input_zero_ = 0;
+
+ private:
+  // Builds the attribute tensors from the float weights and the grids of
+  // the configuration: "weight" (codes, the float blob's layout),
+  // "weight_zero", "bias", "multiplier", "shift" (int32 per output channel),
+  // "weight_scale" (float per output channel).
+  void Prepare();
+};
+
+// "Convolution".
+class ConvolutionInt8Layer : public WeightedInt8Layer {
+ protected:
+  void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) override;
+  int64_t ChannelWeightAt(int o, int64_t k) const override;
+  int OutputChannels() const override;
+};
+
+// "InnerProduct" (weights [num_output, K], or [K, num_output] with transpose).
+class InnerProductInt8Layer : public WeightedInt8Layer {
+ protected:
+  void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) override;
+  int64_t ChannelWeightAt(int o, int64_t k) const override;
+  int OutputChannels() const override;
+};
+
+}  // namespace qzdl
