@@ -173,15 +173,9 @@ ConstTensor Transpose(const ConstTensor& x, std::vector<int64_t> perm) {
     stride[k] = in_stride[NormAxis(perm[k], rank)];
   }
   ConstTensor out = ConstTensor::Make(x.type, dims);
-  std::vector<int64_t> idx(rank, 0);
-  for (int64_t e = 0, total = out.Count(); e < total; ++e) {
-    int64_t src = 0;
-    for (size_t k = 0; k < rank; ++k) src += idx[k] * stride[k];
-    CopyElement(x, src, &out, e);
-    for (size_t k = rank; k-- > 0;) {
-      if (++idx[k] < dims[k]) break;
-      idx[k] = 0;
-    }
+  OffsetWalk src(dims, stride);
+  for (int64_t e = 0, total = out.Count(); e < total; ++e, src.Next()) {
+    CopyElement(x, src.offset(), &out, e);
   }
   return out;
 }
@@ -220,17 +214,18 @@ ConstTensor Slice(const ConstTensor& x, std::vector<int64_t> starts, std::vector
     step[ax] = s;
   }
   ConstTensor out = ConstTensor::Make(x.type, dims);
-  // Checked once: the offsets walked below stay within `x`.
+  // An empty result reads nothing; else every offset walked lies within `x`.
+  if (out.Count() == 0) return out;
   const std::vector<int64_t> in_stride = WalkStrides(x.dims);
-  std::vector<int64_t> idx(rank, 0);
-  for (int64_t e = 0, total = out.Count(); e < total; ++e) {
-    int64_t src = 0;
-    for (int64_t k = 0; k < rank; ++k) src += (begin[k] + idx[k] * step[k]) * in_stride[k];
-    CopyElement(x, src, &out, e);
-    for (int64_t k = rank; k-- > 0;) {
-      if (++idx[k] < dims[k]) break;
-      idx[k] = 0;
-    }
+  int64_t start = 0;
+  std::vector<int64_t> walk_steps(rank);
+  for (int64_t k = 0; k < rank; ++k) {
+    start = CheckedAdd(start, CheckedMul(begin[k], in_stride[k]));
+    walk_steps[k] = CheckedMul(step[k], in_stride[k]);
+  }
+  OffsetWalk src(dims, walk_steps, start);
+  for (int64_t e = 0, total = out.Count(); e < total; ++e, src.Next()) {
+    CopyElement(x, src.offset(), &out, e);
   }
   return out;
 }
@@ -250,29 +245,38 @@ ConstTensor Reduce(const std::string& op, const ConstTensor& x, std::vector<int6
     if (keepdims || !reduced[k]) out_dims.push_back(kept_dims[k]);
   }
   ConstTensor out = ConstTensor::Make(x.type, out_dims);
-  std::vector<double> acc(out.Count(), op == "ReduceProd" ? 1.0 : 0.0);
+  // The operator is looked up once, not per element (x may hold 2^26).
+  enum class Kind { kSum, kMean, kProd, kMax, kMin };
+  const Kind kind = op == "ReduceProd"   ? Kind::kProd
+                    : op == "ReduceMax"  ? Kind::kMax
+                    : op == "ReduceMin"  ? Kind::kMin
+                    : op == "ReduceMean" ? Kind::kMean
+                                         : Kind::kSum;
+  std::vector<double> acc(out.Count(), kind == Kind::kProd ? 1.0 : 0.0);
   std::vector<int64_t> seen(out.Count(), 0);
-  std::vector<int64_t> idx(rank, 0);
-  for (int64_t e = 0, total = x.Count(); e < total; ++e) {
-    int64_t o = 0;
-    for (int64_t k = 0; k < rank; ++k) o = o * kept_dims[k] + (reduced[k] ? 0 : idx[k]);
+  // Element e of x adds to the output element that the kept dims, broadcast
+  // over x's, give it.
+  BroadcastWalk to(x.dims, kept_dims);
+  for (int64_t e = 0, total = x.Count(); e < total; ++e, to.Next()) {
+    const int64_t o = to.offset();
     const double v = x.Get(e);
-    if (op == "ReduceProd")
-      acc[o] *= v;
-    else if (op == "ReduceMax")
-      acc[o] = seen[o] ? std::max(acc[o], v) : v;
-    else if (op == "ReduceMin")
-      acc[o] = seen[o] ? std::min(acc[o], v) : v;
-    else
-      acc[o] += v;
-    ++seen[o];
-    for (int64_t k = rank; k-- > 0;) {
-      if (++idx[k] < x.dims[k]) break;
-      idx[k] = 0;
+    switch (kind) {
+      case Kind::kProd:
+        acc[o] *= v;
+        break;
+      case Kind::kMax:
+        acc[o] = seen[o] ? std::max(acc[o], v) : v;
+        break;
+      case Kind::kMin:
+        acc[o] = seen[o] ? std::min(acc[o], v) : v;
+        break;
+      default:
+        acc[o] += v;
     }
+    ++seen[o];
   }
   for (int64_t o = 0, total = out.Count(); o < total; ++o) {
-    out.Set(o, op == "ReduceMean" && seen[o] ? acc[o] / seen[o] : acc[o]);
+    out.Set(o, kind == Kind::kMean && seen[o] ? acc[o] / seen[o] : acc[o]);
   }
   return out;
 }
@@ -508,15 +512,18 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
       dims[k] = CheckedMul(x.dims[k], reps[k]);
     }
     ConstTensor out = ConstTensor::Make(x.type, dims);
-    std::vector<int64_t> idx(dims.size(), 0);
-    for (int64_t e = 0, total = out.Count(); e < total; ++e) {
-      int64_t src = 0;
-      for (size_t k = 0; k < dims.size(); ++k) src = src * x.dims[k] + idx[k] % x.dims[k];
-      CopyElement(x, src, &out, e);
-      for (size_t k = dims.size(); k-- > 0;) {
-        if (++idx[k] < dims[k]) break;
-        idx[k] = 0;
-      }
+    // Axis k of the result runs over (repeat, index in x) pairs, so the
+    // result is walked as a tensor of dims [reps0, x0, reps1, x1, ...] whose
+    // repeat axes do not move in x.
+    const std::vector<int64_t> x_stride = WalkStrides(x.dims);
+    std::vector<int64_t> pair_dims, pair_steps;
+    for (size_t k = 0; k < dims.size(); ++k) {
+      pair_dims.insert(pair_dims.end(), {reps[k], x.dims[k]});
+      pair_steps.insert(pair_steps.end(), {0, x_stride[k]});
+    }
+    OffsetWalk src(pair_dims, pair_steps);
+    for (int64_t e = 0, total = out.Count(); e < total; ++e, src.Next()) {
+      CopyElement(x, src.offset(), &out, e);
     }
     return One(std::move(out));
   }

@@ -6,6 +6,32 @@
 
 namespace qzdl::onnx_import {
 
+OffsetWalk::OffsetWalk(const std::vector<int64_t>& dims, const std::vector<int64_t>& steps,
+                       int64_t start) {
+  Init(dims, steps, start);
+}
+
+void OffsetWalk::Init(const std::vector<int64_t>& dims, const std::vector<int64_t>& steps,
+                      int64_t start) {
+  // Axes of size 1 never advance: leaving them out keeps each step short for
+  // shapes with many of them.
+  for (size_t ax = 0; ax < dims.size(); ++ax) {
+    if (dims[ax] != 1) dims_.push_back(dims[ax]), steps_.push_back(steps[ax]);
+  }
+  idx_.assign(dims_.size(), 0);
+  offset_ = start;
+}
+
+void OffsetWalk::Next() {
+  for (size_t ax = dims_.size(); ax-- > 0;) {
+    ++idx_[ax];
+    offset_ += steps_[ax];
+    if (idx_[ax] < dims_[ax]) return;
+    offset_ -= steps_[ax] * idx_[ax];
+    idx_[ax] = 0;
+  }
+}
+
 BroadcastWalk::BroadcastWalk(const std::vector<int64_t>& out, const std::vector<int64_t>& in) {
   const size_t rank = out.size();
   // Checked once here: the offsets walked then stay within `in`, so Next()
@@ -17,22 +43,7 @@ BroadcastWalk::BroadcastWalk(const std::vector<int64_t>& out, const std::vector<
     const size_t ax = in.size() - 1 - k;
     stride[rank - 1 - k] = in[ax] == 1 ? 0 : in_stride[ax];
   }
-  // Axes of size 1 never advance: leaving them out keeps each step short for
-  // shapes with many of them.
-  for (size_t ax = 0; ax < rank; ++ax) {
-    if (out[ax] != 1) dims_.push_back(out[ax]), steps_.push_back(stride[ax]);
-  }
-  idx_.assign(dims_.size(), 0);
-}
-
-void BroadcastWalk::Next() {
-  for (size_t ax = dims_.size(); ax-- > 0;) {
-    ++idx_[ax];
-    offset_ += steps_[ax];
-    if (idx_[ax] < dims_[ax]) return;
-    offset_ -= steps_[ax] * idx_[ax];
-    idx_[ax] = 0;
-  }
+  Init(out, stride, 0);
 }
 
 namespace {

@@ -11,20 +11,36 @@
 
 namespace qzdl::onnx_import {
 
-// Walks the elements of a tensor of dims `out` in order and gives, for each,
-// the offset of the element of a tensor of dims `in` that it reads under
-// broadcasting (`in` broadcasts to `out`). Keeps no table, so folding a large
-// constant needs no memory beyond its inputs and result.
-class BroadcastWalk {
+// Walks the elements of a tensor of dims `dims` in order and gives, for the
+// element at index idx, the offset start + sum over k of idx[k] * steps[k]
+// into another tensor (a transposed, sliced, tiled or broadcast view of it).
+// Keeps no table, and a step costs O(1) on average whatever the rank, so
+// folding a large constant needs neither memory beyond its inputs and result
+// nor time per element and axis. The caller makes sure that every offset
+// walked lies within the other tensor.
+class OffsetWalk {
  public:
-  BroadcastWalk(const std::vector<int64_t>& out, const std::vector<int64_t>& in);
+  OffsetWalk(const std::vector<int64_t>& dims, const std::vector<int64_t>& steps,
+             int64_t start = 0);
   int64_t offset() const { return offset_; }
-  // On to the next element of `out`.
+  // On to the next element.
   void Next();
+
+ protected:
+  OffsetWalk() = default;
+  void Init(const std::vector<int64_t>& dims, const std::vector<int64_t>& steps, int64_t start);
 
  private:
   std::vector<int64_t> dims_, steps_, idx_;
   int64_t offset_ = 0;
+};
+
+// For each element of a tensor of dims `out`, the offset of the element of a
+// tensor of dims `in` that it reads under broadcasting (`in` broadcasts to
+// `out`).
+class BroadcastWalk : public OffsetWalk {
+ public:
+  BroadcastWalk(const std::vector<int64_t>& out, const std::vector<int64_t>& in);
 };
 
 // The operators that Unary and Elementwise evaluate (domain "").

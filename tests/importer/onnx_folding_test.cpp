@@ -146,6 +146,35 @@ TEST(OnnxFolding, ErrorsNameTheProblem) {
   }
 }
 
+TEST(OnnxFolding, TileReduceTransposeSliceWalkTheirInput) {
+  const ConstTensor x = Floats({2, 3}, {1, 2, 3, 4, 5, 6});
+  const ConstTensor down = ConstTensor::Int64s({2, 1}), across = ConstTensor::Int64s({1, 2});
+  EXPECT_EQ(Eval(Node("Tile"), {&x, &down}).Floats(),
+            (std::vector<float>{1, 2, 3, 4, 5, 6, 1, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(Eval(Node("Tile"), {&x, &across}).Floats(),
+            (std::vector<float>{1, 2, 3, 1, 2, 3, 4, 5, 6, 4, 5, 6}));
+  const ConstTensor axis1 = ConstTensor::Int64s({1}), axis0 = ConstTensor::Int64s({0});
+  const ConstTensor sums = Eval(Node("ReduceSum"), {&x, &axis1});
+  EXPECT_EQ(sums.dims, (std::vector<int64_t>{2, 1}));
+  EXPECT_EQ(sums.Floats(), (std::vector<float>{6, 15}));
+  onnx::NodeProto max = Node("ReduceMax");
+  IntAttr(&max, "keepdims", 0);
+  EXPECT_EQ(Eval(max, {&x, &axis0}, 18).Floats(), (std::vector<float>{4, 5, 6}));
+  EXPECT_EQ(Eval(Node("ReduceMean"), {&x}).Floats(), (std::vector<float>{3.5f}));
+  const ConstTensor cube = Floats({2, 3, 2}, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11});
+  onnx::NodeProto transpose = Node("Transpose");
+  IntsAttr(&transpose, "perm", {1, 0, 2});
+  EXPECT_EQ(Eval(transpose, {&cube}).Floats(),
+            (std::vector<float>{0, 1, 6, 7, 2, 3, 8, 9, 4, 5, 10, 11}));
+  const ConstTensor start = ConstTensor::Int64s({1}), end = ConstTensor::Int64s({3});
+  const ConstTensor step = ConstTensor::Int64s({-1});
+  const ConstTensor back = ConstTensor::Int64s({2}), front = ConstTensor::Int64s({-4});
+  EXPECT_EQ(Eval(Node("Slice"), {&cube, &start, &end, &axis1}).Floats(),
+            (std::vector<float>{2, 3, 4, 5, 8, 9, 10, 11}));
+  EXPECT_EQ(Eval(Node("Slice"), {&cube, &back, &front, &axis1, &step}).Floats(),
+            (std::vector<float>{4, 5, 2, 3, 0, 1, 10, 11, 8, 9, 6, 7}));
+}
+
 // The offsets read, in order, for each element of `out`.
 std::vector<int64_t> Walk(const std::vector<int64_t>& out, const std::vector<int64_t>& in) {
   BroadcastWalk w(out, in);
