@@ -68,6 +68,9 @@ std::vector<int64_t> CheckedStrides(const std::vector<int64_t>& dims) {
       break;
     }
     if (__builtin_mul_overflow(s, dims[k], &s)) {
+      // An empty tensor (a 0 further left) walks no element with the outer
+      // strides, so they stay 0 rather than overflow.
+      if (std::find(dims.begin(), dims.begin() + k, 0) != dims.begin() + k) break;
       throw ShapeOverflow("the strides of dims " + DimsText(dims) + " are beyond the int64 range");
     }
   }

@@ -53,6 +53,9 @@ TEST(CheckedMath, Strides) {
   // The fuzzing finding's shape: dims of an empty tensor that would overflow.
   EXPECT_EQ(CheckedStrides({kMax, 0, 27487790694400}),
             (std::vector<int64_t>{0, 27487790694400, 1}));
+  // The 0 left of dims whose product overflows: still an empty tensor.
+  EXPECT_EQ(CheckedStrides({0, kMax, 27487790694400}),
+            (std::vector<int64_t>{0, 27487790694400, 1}));
   EXPECT_EQ(Message([] { CheckedStrides({kMax, 2, 2}); }),
             "the strides of dims [9223372036854775807, 2, 2] are beyond the int64 range");
 }
