@@ -85,7 +85,8 @@ void Data<T>::Reallocate() {
 template <typename T>
 void Data<T>::Reallocate(T value) {
   Reallocate();
-  std::fill(data_, data_ + Count(0), value);
+  // A "float" tensor of an 8-bit net has four bytes an element.
+  std::fill(data_, data_ + Count(0) * int64_t(ElementBytes() / sizeof(T)), value);
 }
 
 template <typename T>
@@ -102,7 +103,11 @@ void Data<T>::ClearData() {
 
 template <typename T>
 void Data<T>::ChangeDataType(const std::string& type) {
+  const size_t before = ElementBytes();
   data_type_ = type;
+  // Owned storage grows with the element size (its contents are then
+  // undefined); a caller's buffer is the caller's to size.
+  if (data_ != nullptr && data_ == owned_.get() && ElementBytes() > before) Reallocate();
 }
 
 namespace {

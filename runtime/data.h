@@ -66,7 +66,8 @@ class Data {
   void ClearData();
 
   // The data type word: "float" or "int8". A "float" tensor of an 8-bit net
-  // keeps four bytes per element in its storage.
+  // keeps four bytes per element in its storage; owned storage is enlarged
+  // when the element grows (contents undefined after a change).
   void ChangeDataType(const std::string& type);
   std::string GetDataType() const { return data_type_; }
   size_t ElementBytes() const;

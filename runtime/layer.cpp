@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 
 namespace qzdl {
 
@@ -102,6 +103,23 @@ std::string ParamReader::Choice(const std::string& key, const std::string& def,
   Fail("param \"" + key + "\" is \"" + value + "\", expected one of " + list);
 }
 
+namespace {
+
+// What a tensor that frugal mode freed reads as when it is given storage
+// again: real zero, which in an 8-bit tensor is its zero point's code.
+template <typename T>
+T RefillValue(const Data<T>&, const NetContext*) {
+  return T(0);
+}
+
+template <>
+unsigned char RefillValue(const Data<unsigned char>& t, const NetContext* context) {
+  if (t.GetDataType() == "float" || context == nullptr || context->int8_config == nullptr) return 0;
+  return context->int8_config->GetDataConfig(t.GetName())->getZeroPoint();
+}
+
+}  // namespace
+
 template <typename T>
 Layer<T>::~Layer() {
   for (auto& kv : uint8_attrs_) delete kv.second;
@@ -116,6 +134,13 @@ void Layer<T>::Bind(const json11::Json& json, const std::string& name, const std
   name_ = name;
   type_ = type;
   context_ = context;
+  output_data_type_ = std::is_same<T, unsigned char>::value ? "int8" : "float";
+}
+
+template <typename T>
+void Layer<T>::SyncDataType() {
+  SyncStaging();
+  if (!outputs_.empty()) output_data_type_ = outputs_[0]->GetDataType();
 }
 
 template <typename T>
@@ -192,7 +217,11 @@ void Layer<T>::SetStaging(int input_index, Data<T>* shared, Data<T>* staging) {
 
 template <typename T>
 void Layer<T>::SyncStaging() {
-  for (const Staging& s : staging_) s.staging->Resize(s.shared->GetDims());
+  for (const Staging& s : staging_) {
+    s.staging->Resize(s.shared->GetDims());
+    if (s.staging->GetDataType() != s.shared->GetDataType())
+      s.staging->ChangeDataType(s.shared->GetDataType());
+  }
 }
 
 template <typename T>
@@ -206,6 +235,8 @@ void Layer<T>::Forward() {
   for (const Staging& s : staging_) {
     // The kernel cannot alias: it reads a private copy of the shared tensor.
     s.staging->Resize(s.shared->GetDims());
+    if (s.staging->GetDataType() != s.shared->GetDataType())
+      s.staging->ChangeDataType(s.shared->GetDataType());
     if (s.staging->GetCpuData() == nullptr) s.staging->Reallocate();
     if (s.shared->GetCpuData() != nullptr)
       std::memcpy(s.staging->GetCpuData(), s.shared->GetCpuData(), s.shared->GetSize());
@@ -214,7 +245,7 @@ void Layer<T>::Forward() {
     // Frugal mode allocates on demand: outputs here, and inputs that an
     // earlier frugal pass has already given up (they read as zeros).
     for (Data<T>* t : inputs_)
-      if (t->GetCpuData() == nullptr) t->Reallocate(T(0));
+      if (t->GetCpuData() == nullptr) t->Reallocate(RefillValue(*t, context_));
     for (Data<T>* t : outputs_)
       if (t->GetCpuData() == nullptr) t->Reallocate();
   }

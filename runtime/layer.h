@@ -76,6 +76,14 @@ class Layer {
 
   virtual ~Layer();
 
+  // The data type the layer writes its outputs with, as last settled by
+  // SyncDataType: "float" or "int8" ("float" throughout a float net).
+  virtual std::string GetOutputDataType() { return output_data_type_; }
+  // Brings the layer in line with the data types of its tensors after
+  // ChangeDataType: private copies of in-place inputs take the type of the
+  // tensor they copy, and the output type is taken from the first output.
+  virtual void SyncDataType();
+
   // Parses and validates "param"; called once when the net is built.
   virtual void LoadParam(const ParamReader& param) = 0;
   // Sets output shapes from input shapes and checks them; sizes workspace.
@@ -108,7 +116,8 @@ class Layer {
   // For an input that is also an output but whose kernel cannot alias: the
   // net gives a private copy to read from.
   void SetStaging(int input_index, Data<T>* shared, Data<T>* staging);
-  // Gives staged inputs the current shape of the tensors they copy.
+  // Gives staged inputs the current shape and data type of the tensors
+  // they copy.
   void SyncStaging();
 
   [[noreturn]] void Fail(const std::string& what) const;
@@ -156,6 +165,7 @@ class Layer {
   std::map<std::string, Data<unsigned char>*> uint8_attrs_;
   std::map<std::string, Data<float>*> float_attrs_;
   std::map<std::string, Data<int>*> int32_attrs_;
+  std::string output_data_type_;
 };
 
 extern template class Layer<float>;

@@ -106,6 +106,7 @@ Net<T>::~Net() = default;
 template <typename T>
 void Net<T>::Init(const json11::Json& net, std::string dataType, void*) {
   data_type_ = dataType;
+  description_ = net;
   net_file_ = SourceNames::NetPath();
   model_file_ = SourceNames::ModelPath();
   if (!net.is_object()) FailNet("the net description must be a JSON object");

@@ -14,6 +14,8 @@
 
 namespace qzdl {
 
+struct QuantizedBlob;  // runtime/int8/quantized_weights.h
+
 template <typename T>
 class Net {
  public:
@@ -80,6 +82,26 @@ class Net {
   void SetHighAccuracyDoubleMultiplier() { high_accuracy_ = context_.high_accuracy = true; }
   bool HighAccuracyDoubleMultiplierEnabled() const { return high_accuracy_; }
 
+  // 8-bit nets (runtime/int8/int8_net_io.cpp, docs/model-format.md). In
+  // hybrid mode SaveJson writes each tensor's data type, so that the saved
+  // description keeps the net's float parts; out of it the description
+  // says every tensor is "int8".
+  void SetHybridMode(bool hybrid) { hybrid_mode_ = hybrid; }
+  bool GetHybridMode() const { return hybrid_mode_; }
+  // The quantized weights file, written whole or not at all. The flag is
+  // ignored. Throws NetFormatError naming the file when it cannot be written.
+  void SaveWeights(std::string path, bool);
+  // The same blobs as a serial model file.
+  void SaveSerialWeights(std::string path);
+  // The net description with the quantization section.
+  void SaveJson(std::string path);
+  // Puts the blobs of a quantized weights file (or a float one read as
+  // float32 blobs) into the layers; codes and int32 biases saved by an
+  // integer layer are kept as they are.
+  void LoadQuantizedBlobs(const std::vector<QuantizedBlob>& blobs);
+  // The description the net was built from.
+  const json11::Json& Description() const { return description_; }
+
   const std::string& DataType() const { return data_type_; }
   // Every tensor by name.
   Data<T>* GetData(const std::string& name);
@@ -107,11 +129,21 @@ class Net {
   std::vector<std::string> output_names_;
   bool high_accuracy_flag_ = false;
   bool high_accuracy_ = false;
+  bool hybrid_mode_ = false;
+  json11::Json description_;
 };
 
 // Codes of the values on the input's grid (net.cpp).
 template <>
 void Net<unsigned char>::SetFloatInputData(float* data, int index);
+template <>
+void Net<unsigned char>::SaveWeights(std::string path, bool);
+template <>
+void Net<unsigned char>::SaveSerialWeights(std::string path);
+template <>
+void Net<unsigned char>::SaveJson(std::string path);
+template <>
+void Net<unsigned char>::LoadQuantizedBlobs(const std::vector<QuantizedBlob>& blobs);
 
 extern template class Net<float>;
 extern template class Net<unsigned char>;

@@ -106,8 +106,9 @@ double Seconds(std::chrono::steady_clock::time_point since) {
 
 }  // namespace
 
-void PrintProfile(Net<float>* net, int repeat) {
-  std::vector<Layer<float>*>& layers = net->GetLayers();
+template <typename T>
+void PrintProfile(Net<T>* net, int repeat) {
+  std::vector<Layer<T>*>& layers = net->GetLayers();
   const int n = static_cast<int>(layers.size());
   std::vector<double> per_layer(n, 0.0);
   for (int r = 0; r < repeat; ++r) {
@@ -144,5 +145,8 @@ void PrintProfile(Net<float>* net, int repeat) {
            per_layer[i] * 1000 / repeat);
   }
 }
+
+template void PrintProfile<float>(Net<float>*, int);
+template void PrintProfile<unsigned char>(Net<unsigned char>*, int);
 
 }  // namespace qzdl

@@ -34,6 +34,7 @@ Comparison Compare(const float* got, const float* want, int64_t count);
 
 // Runs `repeat` passes layer by layer and prints, after a "profile:" header
 // line, the time per layer type and the ten slowest layers.
-void PrintProfile(Net<float>* net, int repeat);
+template <typename T>
+void PrintProfile(Net<T>* net, int repeat);
 
 }  // namespace qzdl

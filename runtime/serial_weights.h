@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime/int8/quantized_weights.h"
 #include "runtime/weights_file.h"
 
 namespace qzdl {
@@ -19,5 +20,12 @@ std::vector<WeightBlob> ParseSerialWeights(const void* bytes, size_t length,
                                            const std::string& source);
 // The serial image of `blobs`.
 std::string SerializeSerialWeights(const std::vector<WeightBlob>& blobs);
+
+// Quantized models (8-bit nets): blobs of any element type with their grids.
+// A float serial model reads as float32 blobs without grids; the float
+// reader above refuses a quantized one.
+std::vector<QuantizedBlob> ParseSerialQuantized(const void* bytes, size_t length,
+                                                const std::string& source);
+std::string SerializeSerialQuantized(const std::vector<QuantizedBlob>& blobs);
 
 }  // namespace qzdl

@@ -1,5 +1,8 @@
 // qzdl_run: runs a net on the runtime, prints and times its outputs, writes
-// them as NumPy files and compares them with reference outputs.
+// them as NumPy files and compares them with reference outputs. A net
+// description with a quantization section (what a conversion writes) runs as
+// an 8-bit net from its quantized weights; its outputs are printed, written
+// and compared as real values.
 //
 //   qzdl_run net.json weights.bin [--batch N] [--input NAME=FILE]...
 //            [--inputs-dir DIR] [--out-dir DIR] [--compare-dir DIR]
@@ -22,6 +25,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -29,6 +33,7 @@
 #include "runtime/create_net.h"
 #include "runtime/errors.h"
 #include "runtime/file_read.h"
+#include "runtime/int8/quantized_model.h"
 #include "runtime/run_support.h"
 #include "runtime/terminate_handler.h"
 
@@ -112,7 +117,7 @@ bool ReadTensorFile(const std::string& path, std::vector<float>* values, std::st
   if (qzdl::ReadFloatFile(path, values)) return true;
   std::string bytes;
   *error = qzdl::ReadWholeFile(path, &bytes, error) ? "its size is not a whole number of floats"
-                                                   : *error;
+                                                    : *error;
   return false;
 }
 
@@ -141,7 +146,8 @@ bool MakeFolders(const std::string& path, std::string* error) {
   return true;
 }
 
-int SetInputs(const Options& o, qzdl::Net<float>* net) {
+template <typename T>
+int SetInputs(const Options& o, qzdl::Net<T>* net) {
   for (int i = 0; i < net->GetInputCount(); ++i) {
     const std::string name = net->GetInputDataName(i);
     const int64_t count = net->GetInputData(i)->Count(0);
@@ -177,13 +183,24 @@ int SetInputs(const Options& o, qzdl::Net<float>* net) {
   return 0;
 }
 
+std::vector<float> OutputValues(qzdl::Net<float>* net, int k) {
+  const float* v = net->GetFloatOutputData(k);
+  return std::vector<float>(v, v + net->GetOutputData(k)->Count(0));
+}
+
+std::vector<float> OutputValues(qzdl::Net<unsigned char>* net, int k) {
+  return qzdl::RealValues(*net, *net->GetOutputData(k));
+}
+
 // Prints, writes and compares the outputs; returns the exit status.
-int ReportOutputs(const Options& o, qzdl::Net<float>* net) {
+template <typename T>
+int ReportOutputs(const Options& o, qzdl::Net<T>* net) {
   int status = 0;
   for (int k = 0; k < net->GetOutCount(); ++k) {
     const std::string& name = net->GetOutputDataName(k);
-    const qzdl::Data<float>* out = net->GetOutputData(k);
-    const float* v = net->GetFloatOutputData(k);
+    const qzdl::Data<T>* out = net->GetOutputData(k);
+    const std::vector<float> values = OutputValues(net, k);
+    const float* v = values.data();
     const int64_t n = out->Count(0);
     double sum = 0.0;
     for (int64_t i = 0; i < n; ++i) sum += v[i];
@@ -214,26 +231,9 @@ int ReportOutputs(const Options& o, qzdl::Net<float>* net) {
   return status;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  qzdl::InstallTerminateHandler();
-  Options o;
-  if (const int status = Parse(argc, argv, &o)) return status;
-  if (!o.out_dir.empty()) {
-    std::string error;
-    if (!MakeFolders(o.out_dir, &error)) {
-      return Fail("cannot make the output folder \"" + o.out_dir + "\": " + error);
-    }
-  }
-
-  qzdl::Net<float>* net = nullptr;
-  try {
-    net = qzdl::CreateNet<float>(o.json, o.model, false, false, 0, 1);
-  } catch (std::exception* e) {  // net creation has logged why (standard output)
-    delete e;
-    return Fail("cannot create the net from \"" + o.json + "\" and \"" + o.model + "\"");
-  }
+// Runs the net and reports; returns the exit status.
+template <typename T>
+int Run(const Options& o, qzdl::Net<T>* net) {
   if (o.batch > 0) {
     try {
       net->ReshapeBatchNum(o.batch, 0);
@@ -254,6 +254,49 @@ int main(int argc, char** argv) {
   printf("forward: batch %d, %.3f ms per pass, %.2f images/s\n", batch, ms,
          ms > 0 ? batch * 1000.0 / ms : 0.0);
   if (o.profile) qzdl::PrintProfile(net, o.repeat);
+  return status;
+}
+
+// Whether the description at `path` has a quantization section (an
+// unreadable or broken file is left to net creation to report).
+bool IsQuantized(const std::string& path) {
+  std::string text, error;
+  if (!qzdl::ReadWholeFile(path, &text, &error)) return false;
+  const json11::Json json = json11::Json::parse(text, error, json11::STANDARD);
+  return error.empty() && qzdl::IsQuantizedDescription(json);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  qzdl::InstallTerminateHandler();
+  Options o;
+  if (const int status = Parse(argc, argv, &o)) return status;
+  if (!o.out_dir.empty()) {
+    std::string error;
+    if (!MakeFolders(o.out_dir, &error)) {
+      return Fail("cannot make the output folder \"" + o.out_dir + "\": " + error);
+    }
+  }
+
+  if (IsQuantized(o.json)) {
+    std::unique_ptr<qzdl::Net<unsigned char>> net;
+    try {
+      net.reset(qzdl::CreateQuantizedNet(o.json, o.model));
+    } catch (const qzdl::NetFormatError& e) {
+      return Fail(std::string("cannot create the quantized net: ") + e.what());
+    }
+    printf("quantized net: %s\n", o.json.c_str());
+    return Run(o, net.get());
+  }
+  qzdl::Net<float>* net = nullptr;
+  try {
+    net = qzdl::CreateNet<float>(o.json, o.model, false, false, 0, 1);
+  } catch (std::exception* e) {  // net creation has logged why (standard output)
+    delete e;
+    return Fail("cannot create the net from \"" + o.json + "\" and \"" + o.model + "\"");
+  }
+  const int status = Run(o, net);
   delete net;
   return status;
 }

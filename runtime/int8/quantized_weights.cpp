@@ -9,6 +9,11 @@ namespace qzdl {
 
 int BlobElementBytes(BlobType type) { return type == BlobType::kUint8 ? 1 : 4; }
 
+bool GridCountFits(uint64_t grids, const std::vector<int>& dims) {
+  if (grids <= 1) return true;
+  return !dims.empty() && (grids == uint64_t(dims.front()) || grids == uint64_t(dims.back()));
+}
+
 std::vector<QuantizedBlob> ParseQuantizedWeights(const char* bytes, int64_t length,
                                                  const std::string& source) {
   if (length < 0) throw NetFormatError(source + ": negative length");
@@ -42,10 +47,9 @@ std::vector<QuantizedBlob> ParseQuantizedWeights(const char* bytes, int64_t leng
     if (n > r.Remaining() / size) r.Fail("truncated while reading " + label);
     blob.bytes = r.Bytes(n * size, label);
     const uint32_t grids = r.U32(label + " grid count");
-    const uint32_t channels = blob.dims.empty() ? 1u : static_cast<uint32_t>(blob.dims[0]);
-    if (grids > 1 && grids != channels) {
-      r.Fail(label + ": " + std::to_string(grids) + " grids for " + std::to_string(channels) +
-             " channels (0, 1 or one per channel)");
+    if (!GridCountFits(grids, blob.dims)) {
+      r.Fail(label + ": " + std::to_string(grids) + " grids for shape " + DimsToString(blob.dims) +
+             " (0, 1 or one per index of the first or the last axis)");
     }
     if (grids > r.Remaining() / 16) r.Fail("truncated while reading " + label + " grids");
     std::vector<float> fields;

@@ -9,8 +9,9 @@
 //            u32 rank | rank x i32 dims
 //            u32 element type (0 = float32, 1 = uint8 codes, 2 = int32)
 //            u64 element count | the values (4, 1 or 4 bytes each)
-//            u32 grid count: 0, 1 (one grid for the whole blob) or dims[0]
-//              (one per channel, the first axis) | per grid:
+//            u32 grid count: 0, 1 (one grid for the whole blob), or one per
+//              channel (dims[0], or dims[last] for a transposed inner
+//              product) | per grid:
 //              f32 min | f32 max | f32 scale | i32 zero point (0 .. 255)
 //
 // Every length is checked against the bytes that remain before it is used;
@@ -46,6 +47,11 @@ struct QuantizedBlob {
 
 // Bytes per element of `type`.
 int BlobElementBytes(BlobType type);
+
+// Whether a blob of shape `dims` may carry `grids` grids: none, one for the
+// whole blob, or one per channel, the channels being the first axis or (as
+// for a transposed inner product's [K, outputs] weights) the last.
+bool GridCountFits(uint64_t grids, const std::vector<int>& dims);
 
 // Parses a whole file image. Throws NetFormatError naming `source`.
 std::vector<QuantizedBlob> ParseQuantizedWeights(const char* bytes, int64_t length,

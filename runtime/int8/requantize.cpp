@@ -9,6 +9,10 @@ Requantizer MakeRequantizer(double real, bool use_double) {
   r.use_double = use_double;
   if (!(real > 0.0)) return r;  // 0, negative or NaN: every result is 0
   r.real = real;
+  if (std::isinf(real)) {  // a grid of scale 0 below: every non-zero sum saturates
+    r.saturate = true;
+    return r;
+  }
   int exponent = 0;
   const double fraction = std::frexp(real, &exponent);  // real = fraction * 2^exponent
   int64_t m = std::llround(fraction * 2147483648.0);     // in [2^30, 2^31]

@@ -1,6 +1,7 @@
 #include "runtime/int8/weighted_int8.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 
 #include "runtime/int8/grid.h"
@@ -44,6 +45,7 @@ void WeightedInt8Layer::Prepare() {
   Data<float>* scales = Attr(GetFloatAttrDatas(), "weight_scale", {out});
 
   q_ = ChannelQuantization();
+  grids_.clear();
   q_.output_zero = y->getZeroPoint();
   input_zero_ = x->getZeroPoint();
   for (int o = 0; o < out; ++o) {
@@ -73,22 +75,59 @@ void WeightedInt8Layer::Prepare() {
     multiplier->GetCpuData()[o] = r.multiplier;
     shift->GetCpuData()[o] = r.shift;
     scales->GetCpuData()[o] = scale;
+    grids_.push_back({lo, hi, scale, z});
     q_.weight_zero.push_back(z);
     q_.bias.push_back(bias->GetCpuData()[o]);
     q_.requantizer.push_back(r);
   }
 }
 
-void WeightedInt8Layer::Run() {
-  Data<unsigned char>* x = GetInputs()[0];
-  Data<unsigned char>* y = GetOutputs()[0];
-  if (x->GetDataType() == "float" || y->GetDataType() == "float") {
-    FloatIslandLayer::Run();
-    return;
-  }
+bool WeightedInt8Layer::ComputesInIntegers() {
+  return GetInputs()[0]->GetDataType() == "int8" && GetOutputs()[0]->GetDataType() == "int8";
+}
+
+void WeightedInt8Layer::EnsurePrepared() {
   if (GetUint8AttrDatas().count("weight") == 0 || GetInt32AttrDatas().count("bias") == 0) {
     Prepare();
   }
+}
+
+void WeightedInt8Layer::AdoptSaved(const QuantizedBlob& weight, const QuantizedBlob* bias) {
+  INT8Config* config = context()->int8_config;
+  const float sx = config->GetDataConfig(GetInputs()[0]->GetName())->getScale();
+  const int out = OutputChannels();
+  const int64_t per = out > 0 ? GetWeights()[0]->Count(0) / out : 0;
+  const auto* codes = reinterpret_cast<const uint8_t*>(weight.bytes.data());
+  float* wf = reinterpret_cast<float*>(GetWeights()[0]->GetCpuData());
+  std::vector<int32_t> saved_bias(bias != nullptr ? out : 0);
+  if (bias != nullptr) std::memcpy(saved_bias.data(), bias->bytes.data(), saved_bias.size() * 4);
+  for (int o = 0; o < out; ++o) {
+    const ChannelGrid& g = weight.grids[o];
+    config->addWeightConfig(GetName(), 0, o, g.min, g.max);
+    for (int64_t k = 0; k < per; ++k) {
+      const int64_t at = ChannelWeightAt(o, k);
+      wf[at] = RealOf(codes[at], g.scale, g.zero);
+    }
+    if (bias != nullptr) {
+      float* bf = reinterpret_cast<float*>(GetWeights()[1]->GetCpuData());
+      bf[o] = static_cast<float>(double(saved_bias[o]) * sx * g.scale);
+    }
+  }
+  Prepare();
+  Data<unsigned char>* w = GetUint8AttrDatas()["weight"];
+  std::memcpy(w->GetCpuData(), codes, static_cast<size_t>(w->Count(0)));
+  Data<int>* b = GetInt32AttrDatas()["bias"];
+  for (size_t o = 0; o < saved_bias.size(); ++o) q_.bias[o] = b->GetCpuData()[o] = saved_bias[o];
+}
+
+void WeightedInt8Layer::Run() {
+  if (!ComputesInIntegers()) {
+    FloatIslandLayer::Run();
+    return;
+  }
+  Data<unsigned char>* x = GetInputs()[0];
+  Data<unsigned char>* y = GetOutputs()[0];
+  EnsurePrepared();
   RunCodes(x->GetCpuData(), GetUint8AttrDatas()["weight"]->GetCpuData(), y->GetCpuData());
 }
 
@@ -127,8 +166,6 @@ int64_t InnerProductInt8Layer::ChannelWeightAt(int o, int64_t k) const {
   return ip.Transpose() ? k * out + o : int64_t(o) * k_dim + k;
 }
 
-int InnerProductInt8Layer::OutputChannels() const {
-  return InnerProduct(this).NumOutput();
-}
+int InnerProductInt8Layer::OutputChannels() const { return InnerProduct(this).NumOutput(); }
 
 }  // namespace qzdl

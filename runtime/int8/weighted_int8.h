@@ -8,23 +8,43 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "runtime/int8/float_island_layer.h"
+#include "runtime/int8/quantized_weights.h"
 #include "runtime/int8/reference.h"
 
 namespace qzdl {
 
 class WeightedInt8Layer : public FloatIslandLayer {
+ public:
+  // Whether the layer computes in integers: its input and output are
+  // "int8". Otherwise it runs its float kernel.
+  bool ComputesInIntegers();
+  // Builds the attribute tensors unless they are present.
+  void EnsurePrepared();
+  // The grid of each output channel's weights, as the last build made them.
+  const std::vector<ChannelGrid>& WeightGrids() const { return grids_; }
+  virtual int OutputChannels() const = 0;
+  // Takes weights that were saved quantized (codes with one grid per output
+  // channel, and int32 biases): the float weights become the codes'
+  // dequantized values and the grids the configuration's weight records,
+  // so that a later rebuild quantizes back to the same codes; the saved
+  // codes and biases themselves become the attribute tensors, so the net
+  // computes exactly what was saved. The caller has checked the shapes.
+  void AdoptSaved(const QuantizedBlob& weight, const QuantizedBlob* bias);
+
  protected:
   void Run() override;
   // The integer kernel on codes; attributes and q_ are ready.
   virtual void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) = 0;
   // Weight k of output channel o in the float weight blob (its layout).
   virtual int64_t ChannelWeightAt(int o, int64_t k) const = 0;
-  virtual int OutputChannels() const = 0;
 
   ChannelQuantization q_;
   int32_t input_zero_ = 0;
+  std::vector<ChannelGrid> grids_;
 
  private:
   // Builds the attribute tensors from the float weights and the grids of
@@ -39,6 +59,8 @@ class ConvolutionInt8Layer : public WeightedInt8Layer {
  protected:
   void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) override;
   int64_t ChannelWeightAt(int o, int64_t k) const override;
+
+ public:
   int OutputChannels() const override;
 };
 
@@ -47,6 +69,8 @@ class InnerProductInt8Layer : public WeightedInt8Layer {
  protected:
   void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) override;
   int64_t ChannelWeightAt(int o, int64_t k) const override;
+
+ public:
   int OutputChannels() const override;
 };
 

@@ -7,10 +7,12 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <set>
 #include <string>
 
 #include "runtime/int8/grid.h"
+#include "runtime/int8/quantized_model.h"
 #include "runtime/int8/quantized_weights.h"
 #include "runtime/serial_weights.h"
 #include "runtime/weights_file.h"
@@ -118,6 +120,20 @@ int main(int argc, char** argv) {
     Write(out / "quantized_weights/small_cnn.bin", qzdl::SerializeQuantizedWeights(quantized));
     Write(out / "quantized_weights/empty.bin", qzdl::SerializeQuantizedWeights({}));
     Write(out / "quantized_weights/float_file.bin", net_bin.substr(0, 64));
+
+    // What an 8-bit net saves: the small net with its quantization section
+    // (conv2 in float), from the example weights, in both forms.
+    {
+      std::string text = qzdl_fuzz::kSmallNet;
+      text.insert(text.size() - 1, std::string(", ") + qzdl_fuzz::kSmallQuantizedSection);
+      const fs::path json = fs::temp_directory_path() / "qzdl_seeds_net_hybrid.json";
+      Write(json, text);
+      std::unique_ptr<qzdl::Net<unsigned char>> net(
+          qzdl::CreateQuantizedNet(json.string(), (src / "examples/small_cnn/net.bin").string()));
+      net->SaveWeights((out / "quantized_weights/saved_small_net.bin").string(), false);
+      net->SaveSerialWeights((out / "serial_model/saved_small_net.fb").string());
+      fs::remove(json);
+    }
 
     CopyAll(src / "tests/fixtures/npy", out / "npy", ".npy");
     CopyAll(src / "tests/fixtures/npy", out / "npz", ".npz");

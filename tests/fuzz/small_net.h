@@ -24,6 +24,18 @@ inline const char* kSmallNet = R"({"inputs": [{"name": "data", "dims": [1, 3, 8,
 {"name": "fc", "type": "InnerProduct", "inputs": ["pool2"], "outputs": ["fc"], "param": {"num_output": 10}},
 {"name": "prob", "type": "Softmax", "inputs": ["fc"], "outputs": ["prob"], "param": {"axis": 1}}]})";
 
+// The small net with a quantization section (every tensor on [-4, 4],
+// "conv2" kept in float), for the targets that load quantized models.
+inline const char* kSmallQuantizedSection = R"("quantization": {"version": 1, "hybrid": true,
+ "tensors": [{"name": "data", "data_type": "int8", "min": -4, "max": 4},
+ {"name": "conv1", "data_type": "int8", "min": -4, "max": 4},
+ {"name": "pool1", "data_type": "int8", "min": -4, "max": 4},
+ {"name": "conv2_dw", "data_type": "int8", "min": -4, "max": 4},
+ {"name": "conv2", "data_type": "float", "min": -4, "max": 4},
+ {"name": "pool2", "data_type": "int8", "min": -4, "max": 4},
+ {"name": "fc", "data_type": "int8", "min": -4, "max": 4},
+ {"name": "prob", "data_type": "int8", "min": 0, "max": 1}]})";
+
 // Two inputs of 4 and 2 floats, for the data-set readers.
 inline const char* kTwoInputs = R"({"inputs": [{"name": "a", "dims": [1, 1, 2, 2]},
   {"name": "b", "dims": [1, 2]}], "layers": [

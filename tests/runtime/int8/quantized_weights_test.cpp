@@ -93,10 +93,13 @@ TEST(QuantizedWeights, Defects) {
                                     std::to_string(good.size()) + ")");
 
   std::vector<QuantizedBlob> blobs = Sample();
-  blobs[0].grids.push_back({});  // 3 grids for 2 channels
+  blobs[0].grids.push_back({});  // 3 grids for [2, 1, 1, 3]: per last axis, accepted
+  EXPECT_EQ(ParseQuantizedWeights(SerializeQuantizedWeights(blobs).data(),
+                                  SerializeQuantizedWeights(blobs).size(), "w")[0].grids.size(), 3u);
+  blobs[0].grids.push_back({});  // 4 grids
   EXPECT_NE(Error(SerializeQuantizedWeights(blobs))
-                .find("Model file \"q.bin\": layer \"conv1\" blob \"weight\": 3 grids for 2 "
-                      "channels (0, 1 or one per channel) (at byte "),
+                .find("Model file \"q.bin\": layer \"conv1\" blob \"weight\": 4 grids for shape "
+                      "[2, 1, 1, 3] (0, 1 or one per index of the first or the last axis) (at byte "),
             std::string::npos);
   blobs = Sample();
   blobs[0].grids[1].zero = 256;

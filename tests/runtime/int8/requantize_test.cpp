@@ -116,6 +116,15 @@ TEST(Requantize, LargeAndTinyMultipliers) {
   EXPECT_EQ(tiny.multiplier, 0);
   EXPECT_EQ(RequantizeRaw(INT32_MAX, tiny), 0);
   EXPECT_EQ(RequantizeRaw(INT32_MIN, tiny), 0);
+  // An output grid of scale 0 gives an infinite multiplier: saturation in
+  // both modes, never a conversion of an infinity to an integer.
+  for (bool use_double : {false, true}) {
+    const Requantizer inf = MakeRequantizer(HUGE_VAL, use_double);
+    EXPECT_TRUE(inf.saturate);
+    EXPECT_EQ(Requantize(5, inf, 3), 255);
+    EXPECT_EQ(Requantize(-5, inf, 3), 0);
+    EXPECT_EQ(Requantize(0, inf, 3), 3);
+  }
 }
 
 TEST(Requantize, CodesAreClamped) {
