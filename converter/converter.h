@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "converter/merge_config.h"
 #include "converter/parameter.h"
 #include "quantization/calibration_method.h"
 #include "quantization/observer.h"
@@ -25,10 +26,6 @@ namespace staticQuantization {
 class Searcher;
 class WeightsTuner;
 }  // namespace staticQuantization
-
-namespace mergeConfig {
-struct graph_node;
-}  // namespace mergeConfig
 
 namespace modelConverter {
 
@@ -125,6 +122,9 @@ class Converter {
   std::map<std::string, int> spare_counts;
   std::vector<std::string> spare_names;
   std::vector<float> spare_values;
+  // Layer name to its node of the share-config graph: built by
+  // MergeInt8Config, read by SaveQuantizedModel.
+  std::map<std::string, mergeConfig::graph_node> merge_graph;
 };
 
 }  // namespace modelConverter

@@ -1,31 +1,17 @@
 // The stages of a conversion that stand between the driver's fixed steps, and
 // the driver's calls into the data loader, the searcher and the weights tuner.
 //
-// Stages still without work here leave the conversion's result as it is:
-// the ranges are observed, and nothing is written yet.
+// The searcher and the tuner are not built yet: their stages and calls do
+// nothing, so the ranges are the observers' own.
 #include "converter/converter.h"
 #include "dataloader/data_loader.h"
 
 namespace qzdl {
 namespace modelConverter {
 
-void Converter::InitWeightObservers() {}
-
 void Converter::InitSearcher() {}
 
-void Converter::LoadPresetConfig() {}
-
-void Converter::CalibrateWeight() {}
-
-void Converter::FinishCalibration() {}
-
-void Converter::SaveQuantizedModel() const {}
-
 void Converter::StaticSearch() {}
-
-INT8Config* Converter::DumpQuantizationConfig() { return nullptr; }
-
-void Converter::MergeInt8Config() {}
 
 long Converter::DataSize() { return data_loader->GetSize(); }
 

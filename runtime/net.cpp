@@ -462,6 +462,11 @@ void Net<T>::LoadSerialWeights(std::string path) {
 template <typename T>
 void Net<T>::LoadWeights(std::string path) {
   const SourceNames names(net_file_, path);
+  // As net creation does: a name ending in "fb" is a serial model.
+  if (path.size() >= 2 && path.compare(path.size() - 2, 2, "fb") == 0) {
+    ApplyWeights(ReadSerialWeights(path));
+    return;
+  }
   std::string bytes, error;
   if (!ReadWholeFile(path, &bytes, &error)) {
     throw NetFormatError(SourceNames::Model() + ": cannot be read: " + error);

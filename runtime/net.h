@@ -71,9 +71,10 @@ class Net {
   void SetInt8Config(INT8Config* config);
 
   void LoadWeights(char* bytes, int length);
-  // The float weights file at `path` (an 8-bit net keeps the float values and
-  // quantizes them under its configuration when it computes). Throws
-  // NetFormatError naming the file.
+  // The float weights file at `path`, or the serial model when the name
+  // ends in "fb" (an 8-bit net keeps the float values and quantizes them
+  // under its configuration when it computes). Throws NetFormatError naming
+  // the file.
   void LoadWeights(std::string path);
   void LoadQuantizationWeights(char* bytes, int length);
   void LoadSerialWeights(std::string path);

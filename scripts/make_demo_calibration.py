@@ -1,7 +1,9 @@
 #!/usr/bin/python3
 """Writes the demo calibration set of the example net examples/small_cnn:
 eight 32 x 32 RGB PNG pictures and the list file that names them, under
-examples/small_cnn/calibration/.
+examples/small_cnn/calibration/, and picture_04 as the net's input sees it
+(sample.npy beside the net: float32 [1, 3, 32, 32], planes blue, green, red
+with values 0..255, as the converter reads an image sample), for qzdl_run.
 
 The pictures are synthetic (gradients, stripes, a disc, checkers), drawn by
 formula so that the set is the same on every run; PNG is written with the
@@ -45,6 +47,21 @@ def png(path, width, height, pixel):
                      chunk(b"IDAT", zlib.compress(bytes(rows), 9)) + chunk(b"IEND", b""))
 
 
+def npy(path, shape, values):
+    """A NumPy 1.0 file of little-endian float32 values."""
+    dims = ", ".join(str(d) for d in shape)
+    header = "{'descr': '<f4', 'fortran_order': False, 'shape': (%s), }" % dims
+    header += " " * ((64 - (10 + len(header) + 1) % 64) % 64) + "\n"
+    write_atomically(path, b"\x93NUMPY\x01\x00" + struct.pack("<H", len(header)) + header.encode() +
+                     struct.pack("<%df" % len(values), *values))
+
+
+def planes(pixel):
+    """The pixels as the net's input: planes blue, green, red, row by row."""
+    rgb = [[max(0, min(255, int(v))) for v in pixel(x, y)] for y in range(SIZE) for x in range(SIZE)]
+    return [float(p[c]) for c in (2, 1, 0) for p in rgb]
+
+
 def disc(x, y):
     d = math.hypot(x - 15.5, y - 15.5)
     return (230, 80, 40) if d < 11 else (20, 40 + 4 * y, 90)
@@ -70,6 +87,7 @@ def main():
         png(os.path.join(OUT_DIR, name), SIZE, SIZE, picture)
         lines.append(REL_DIR + "/" + name)
     write_atomically(os.path.join(OUT_DIR, "list.txt"), ("\n".join(lines) + "\n").encode())
+    npy(os.path.join(ROOT, "examples/small_cnn/sample.npy"), (1, 3, SIZE, SIZE), planes(PICTURES[4]))
 
 
 if __name__ == "__main__":

@@ -81,8 +81,11 @@ std::vector<QuantizedBlob> CollectBlobs(Net<unsigned char>& net, const std::stri
 
 void WriteOrThrow(const std::string& path, const std::string& bytes, const std::string& what) {
   std::string error;
-  if (!WriteFileAtomically(path, bytes, &error))
-    throw NetFormatError("cannot write the " + what + " \"" + path + "\": " + error);
+  if (WriteFileAtomically(path, bytes, &error)) return;
+  // The writer's text is 'cannot write "<path>": <reason>'.
+  const std::string prefix = "cannot write \"" + path + "\": ";
+  if (error.compare(0, prefix.size(), prefix) == 0) error = error.substr(prefix.size());
+  throw NetFormatError("cannot write the " + what + " \"" + path + "\": " + error);
 }
 
 json11::Json GridJson(const QuantizationConfig& q) {

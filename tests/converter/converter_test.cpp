@@ -10,32 +10,11 @@
 #include <memory>
 #include <string>
 
+#include "converter_test_access.h"
 #include "support/net_builder.h"
 #include "tools/process_runner.h"
 
 namespace qzdl::modelConverter {
-
-// Reads the driver's private state for the tests.
-class ConverterTestAccess {
- public:
-  static const std::map<std::string, CalibrationMethod>& Methods(const Converter& c) {
-    return c.calibration_methods;
-  }
-  static const ConverterParam& Param(const Converter& c) { return c.param; }
-  static bool HasDataLoader(const Converter& c) { return c.data_loader != nullptr; }
-  static bool HasFloatNet(const Converter& c) { return c.float_net != nullptr; }
-  static bool HasInt8Net(const Converter& c) { return c.int8_net != nullptr; }
-  static bool HasSearcher(const Converter& c) { return c.searcher != nullptr; }
-  static bool HasTuner(const Converter& c) { return c.weights_tuner != nullptr; }
-  static size_t ObserverCount(const Converter& c) { return c.observers.size(); }
-  static const std::map<std::string, Observer*>& Observers(const Converter& c) {
-    return c.observers;
-  }
-  static bool SpareFieldsEmpty(const Converter& c) {
-    return c.spare_counts.empty() && c.spare_names.empty() && c.spare_values.empty() &&
-           c.weight_observers.empty();
-  }
-};
 
 namespace {
 

@@ -1,0 +1,95 @@
+// Whole conversions as a user runs them: the converter with each of the
+// calibration methods 0 to 5 writes the quantized model, qzdl_run loads and
+// runs it, and its output is compared with the float net's on a calibration
+// sample. The cosines go to the test log.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "bench/bench_models.h"
+#include "dataloader/sample_files.h"
+#include "support/net_builder.h"
+#include "tools/process_runner.h"
+
+namespace qzdl::test {
+namespace {
+
+// The cosine of qzdl_run's "compare:" line, or -2 without one.
+double ComparedCosine(const std::string& out) {
+  const size_t at = out.find("cosine ");
+  return at == std::string::npos ? -2.0 : std::atof(out.c_str() + at + 7);
+}
+
+// Converts `json`/`model` (input `input` of `dims`) with every method on
+// `samples` calibration items of uniform values in [lo, hi), runs each
+// result on the first item and returns the cosines against the float net.
+std::vector<double> ConvertEveryMethod(const std::string& dir, const std::string& json,
+                                       const std::string& model, const std::string& input,
+                                       const std::vector<size_t>& dims, int samples, float lo,
+                                       float hi, const std::string& label) {
+  size_t count = 1;
+  for (size_t d : dims) count *= d;
+  std::string list;
+  for (int i = 0; i < samples; ++i) {
+    const std::string path = dir + "/s" + std::to_string(i) + ".npy";
+    WriteNpy(path, dims, RandomVector(count, 100 + i, lo, hi));
+    list += path + "\n";
+  }
+  WriteFile(dir + "/list.txt", list);
+  const std::string first = input + "=" + dir + "/s0.npy";
+  ProcessResult f =
+      RunProgram(QZDL_RUN, {json, model, "--input", first, "--out-dir", dir + "/float"}, dir, 300);
+  EXPECT_EQ(f.status, 0) << f.out << f.err;
+  std::vector<double> cosines;
+  for (int mode = 0; mode <= 5; ++mode) {
+    const std::string out = dir + "/out" + std::to_string(mode);
+    mkdir(out.c_str(), 0755);
+    const ProcessResult c = RunProgram(QZDL_CONVERTER_EXE,
+                                       {"-j", json, "-m", model, "-o", out + "/m.bin", "-c",
+                                        std::to_string(mode), "-s", dir + "/list.txt", "-t", "npy"},
+                                       dir, 600);
+    EXPECT_TRUE(c.exited && c.status == 0) << "mode " << mode << "\n" << c.out << c.err;
+    const std::string hybrid =
+        out + "/" + json.substr(json.rfind('/') + 1, json.rfind('.') - json.rfind('/') - 1) +
+        "_hybrid.json";
+    struct stat st;
+    EXPECT_EQ(stat((out + "/m.bin").c_str(), &st), 0) << mode;
+    EXPECT_EQ(stat(hybrid.c_str(), &st), 0) << hybrid;
+    const ProcessResult q = RunProgram(
+        QZDL_RUN, {hybrid, out + "/m.bin", "--input", first, "--compare-dir", dir + "/float"}, dir,
+        300);
+    EXPECT_EQ(q.status, 0) << q.out << q.err;
+    cosines.push_back(ComparedCosine(q.out));
+    printf("%s, method %d: quantized model against float, cosine %.6f\n", label.c_str(), mode,
+           cosines.back());
+  }
+  return cosines;
+}
+
+TEST(ConverterEndToEnd, ExampleNetWithEveryMethod) {
+  const std::string dir = TempDir("end_to_end_example");
+  const std::string src = std::string(QZDL_SOURCE_DIR) + "/examples/small_cnn";
+  const std::vector<double> cosines =
+      ConvertEveryMethod(dir, src + "/net.json", src + "/net.bin", "data", {1, 3, 32, 32}, 4, 0.0f,
+                         255.0f, "example net");
+  for (double c : cosines) EXPECT_GT(c, 0.9);
+}
+
+TEST(ConverterEndToEnd, ResNet18WithEveryMethod) {
+  const std::string dir = TempDir("end_to_end_resnet18");
+  const bench::BenchModel model = bench::MakeResNet18();
+  WriteFile(dir + "/resnet18.json", model.JsonText());
+  WriteFile(dir + "/resnet18.bin", model.WeightsBytes());
+  const std::vector<double> cosines =
+      ConvertEveryMethod(dir, dir + "/resnet18.json", dir + "/resnet18.bin", "data",
+                         {1, 3, 224, 224}, 2, -1.0f, 1.0f, "ResNet-18");
+  for (double c : cosines) EXPECT_GT(c, 0.5);
+}
+
+}  // namespace
+}  // namespace qzdl::test
