@@ -1,9 +1,9 @@
 #include "runtime/net.h"
 
 #include <climits>
+#include <cstring>
 #include <new>
 #include <stdexcept>
-#include <cstring>
 #include <type_traits>
 
 #include "runtime/checked_math.h"
@@ -81,7 +81,8 @@ void ReshapeLayer(Layer<T>& layer) {
     layer.Reshape();
   } catch (const std::bad_alloc&) {
     std::string shapes;
-    for (Data<T>* in : layer.GetInputs()) shapes += (shapes.empty() ? "" : ", ") + DimsToString(in->GetDims());
+    for (Data<T>* in : layer.GetInputs())
+      shapes += (shapes.empty() ? "" : ", ") + DimsToString(in->GetDims());
     layer.Fail("not enough memory for its work buffers at input shape(s) " + shapes);
   } catch (const std::length_error&) {
     layer.Fail("work buffers too large for its input shapes");
@@ -154,7 +155,8 @@ void Net<T>::Init(const json11::Json& net, std::string dataType, void*) {
     }
     std::vector<Data<T>*> outs;
     std::vector<int> in_place;  // input positions that are also outputs
-    const std::vector<std::string> out_names = ReadNames(desc, "outputs", label + " (" + type + ")");
+    const std::vector<std::string> out_names =
+        ReadNames(desc, "outputs", label + " (" + type + ")");
     if (out_names.empty()) layer->Fail("has no outputs");
     std::set<std::string> seen_outputs;
     for (const std::string& t : out_names) {
@@ -174,7 +176,8 @@ void Net<T>::Init(const json11::Json& net, std::string dataType, void*) {
           in_place.push_back(static_cast<int>(i));
         }
       if (!read_here)
-        layer->Fail("output \"" + t + "\" already exists; a layer may rewrite a tensor only in place");
+        layer->Fail("output \"" + t +
+                    "\" already exists; a layer may rewrite a tensor only in place");
       outs.push_back(it->second.get());
     }
     layer->SetInputs(ins);
@@ -189,8 +192,9 @@ void Net<T>::Init(const json11::Json& net, std::string dataType, void*) {
     ReshapeLayer(*layer);
     for (size_t k = 0; k < in_place.size(); ++k)
       if (ins[in_place[k]]->GetDims() != before[k])
-        layer->Fail("writes \"" + ins[in_place[k]]->GetName() + "\" in place but changes its shape from " +
-                    DimsToString(before[k]) + " to " + DimsToString(ins[in_place[k]]->GetDims()));
+        layer->Fail("writes \"" + ins[in_place[k]]->GetName() +
+                    "\" in place but changes its shape from " + DimsToString(before[k]) + " to " +
+                    DimsToString(ins[in_place[k]]->GetDims()));
     for (Data<T>* o : outs) CheckShape(*layer, *o);
     layer->CreateWeights();
     if (!layer->InPlaceSafe()) {
@@ -373,8 +377,8 @@ void Net<T>::AllocateStorage() {
     try {
       t->Reallocate();
     } catch (const std::bad_alloc&) {
-      throw NetFormatError(SourceNames::Net() + ": not enough memory for tensor \"" +
-                           t->GetName() + "\" of shape " + DimsToString(t->GetDims()));
+      throw NetFormatError(SourceNames::Net() + ": not enough memory for tensor \"" + t->GetName() +
+                           "\" of shape " + DimsToString(t->GetDims()));
     }
   }
   for (auto& s : staging_) s->ClearData();
@@ -410,36 +414,52 @@ void Net<T>::SetInt8Config(INT8Config* config) {
 }
 
 template <typename T>
-void Net<T>::ApplyWeights(const std::vector<WeightBlob>& blobs) {
+Data<T>* Net<T>::WeightFor(const std::string& layer_name, const std::string& blob_name,
+                           const std::vector<int>& dims, LoadedBlobs& loaded, int* index) {
   const std::string source = SourceNames::Model();
-  std::map<std::string, std::set<std::string>> loaded;
-  for (const WeightBlob& blob : blobs) {
-    Layer<T>* layer = GetLayer(blob.layer);
-    const std::string label = "layer \"" + blob.layer + "\": blob \"" + blob.name + "\"";
-    if (layer == nullptr) throw NetFormatError(source + ": " + label + " belongs to no layer of the net");
-    const int index = layer->WeightIndex(blob.name);
-    if (index < 0)
-      throw NetFormatError(source + ": " + label + " is not a weight of a " + layer->GetType() +
-                           " layer with these params");
-    if (!loaded[blob.layer].insert(blob.name).second)
-      throw NetFormatError(source + ": " + label + " appears twice");
-    Data<T>* w = layer->GetWeights()[index];
-    if (w->GetDims() != blob.dims)
-      throw NetFormatError(source + ": " + label + " has shape " + DimsToString(blob.dims) +
-                           ", expected " + DimsToString(w->GetDims()));
-    w->ChangeDataType("float");
-    w->Reallocate();
-    std::memcpy(w->GetCpuData(), blob.values.data(), blob.values.size() * sizeof(float));
-  }
+  Layer<T>* layer = GetLayer(layer_name);
+  const std::string label = "layer \"" + layer_name + "\": blob \"" + blob_name + "\"";
+  if (layer == nullptr)
+    throw NetFormatError(source + ": " + label + " belongs to no layer of the net");
+  const int at = layer->WeightIndex(blob_name);
+  if (at < 0)
+    throw NetFormatError(source + ": " + label + " is not a weight of a " + layer->GetType() +
+                         " layer with these params");
+  if (!loaded[layer_name].insert(blob_name).second)
+    throw NetFormatError(source + ": " + label + " appears twice");
+  Data<T>* w = layer->GetWeights()[at];
+  if (w->GetDims() != dims)
+    throw NetFormatError(source + ": " + label + " has shape " + DimsToString(dims) +
+                         ", expected " + DimsToString(w->GetDims()));
+  if (index != nullptr) *index = at;
+  // Weights are float values in either kind of net.
+  w->ChangeDataType("float");
+  w->Reallocate();
+  return w;
+}
+
+template <typename T>
+void Net<T>::CheckAllWeightsLoaded(const LoadedBlobs& loaded) {
   for (Layer<T>* layer : layers_) {
-    const auto& weights = layer->GetWeights();
-    for (Data<T>* w : weights) {
+    for (Data<T>* w : layer->GetWeights()) {
       const std::string blob_name = w->GetName().substr(layer->GetName().size() + 1);
-      if (!loaded[layer->GetName()].count(blob_name))
-        throw NetFormatError(source + ": layer \"" + layer->GetName() + "\": blob \"" + blob_name +
-                             "\" is missing (expected shape " + DimsToString(w->GetDims()) + ")");
+      auto it = loaded.find(layer->GetName());
+      if (it == loaded.end() || !it->second.count(blob_name))
+        throw NetFormatError(SourceNames::Model() + ": layer \"" + layer->GetName() +
+                             "\": blob \"" + blob_name + "\" is missing (expected shape " +
+                             DimsToString(w->GetDims()) + ")");
     }
   }
+}
+
+template <typename T>
+void Net<T>::ApplyWeights(const std::vector<WeightBlob>& blobs) {
+  LoadedBlobs loaded;
+  for (const WeightBlob& blob : blobs) {
+    Data<T>* w = WeightFor(blob.layer, blob.name, blob.dims, loaded);
+    std::memcpy(w->GetCpuData(), blob.values.data(), blob.values.size() * sizeof(float));
+  }
+  CheckAllWeightsLoaded(loaded);
 }
 
 template <typename T>
@@ -471,7 +491,8 @@ void Net<T>::LoadWeights(std::string path) {
   if (!ReadWholeFile(path, &bytes, &error)) {
     throw NetFormatError(SourceNames::Model() + ": cannot be read: " + error);
   }
-  ApplyWeights(ParseWeights(bytes.data(), static_cast<int64_t>(bytes.size()), SourceNames::Model()));
+  ApplyWeights(
+      ParseWeights(bytes.data(), static_cast<int64_t>(bytes.size()), SourceNames::Model()));
 }
 
 template <>
@@ -485,7 +506,8 @@ void Net<unsigned char>::SetFloatInputData(float* data, int index) {
   }
   const QuantizationConfig* grid = context_.int8_config->GetDataConfig(input->GetName());
   unsigned char* codes = input->GetCpuData();
-  for (int64_t i = 0; i < n; ++i) codes[i] = CodeOf(data[i], grid->getScale(), grid->getZeroPoint());
+  for (int64_t i = 0; i < n; ++i)
+    codes[i] = CodeOf(data[i], grid->getScale(), grid->getZeroPoint());
 }
 
 template class Net<float>;

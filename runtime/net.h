@@ -109,6 +109,16 @@ class Net {
 
  protected:
   void ApplyWeights(const std::vector<struct WeightBlob>& blobs);
+  // Blob names loaded so far, by layer name.
+  using LoadedBlobs = std::map<std::string, std::set<std::string>>;
+  // The weight tensor that a blob of a weights file goes to, with storage
+  // for floats, after the checks every file gets (the layer exists, takes
+  // such a blob, has not had it yet, at this shape); `index` gets the
+  // blob's position. Throws NetFormatError naming the model file.
+  Data<T>* WeightFor(const std::string& layer, const std::string& blob,
+                     const std::vector<int>& dims, LoadedBlobs& loaded, int* index = nullptr);
+  // Fails naming the first weight the file did not give.
+  void CheckAllWeightsLoaded(const LoadedBlobs& loaded);
 
  private:
   void ComputeOutputsAndLifetimes(const json11::Json& net);

@@ -153,26 +153,14 @@ void Net<unsigned char>::SaveJson(std::string path) {
 template <>
 void Net<unsigned char>::LoadQuantizedBlobs(const std::vector<QuantizedBlob>& blobs) {
   const std::string source = SourceNames::Model();
-  std::map<std::string, std::set<std::string>> loaded;
+  LoadedBlobs loaded;
   // Integer layers whose weights came as codes: the weight and bias blobs.
   std::map<WeightedInt8Layer*, std::pair<const QuantizedBlob*, const QuantizedBlob*>> saved;
   for (const QuantizedBlob& blob : blobs) {
+    int index = 0;
+    Data<unsigned char>* w = WeightFor(blob.layer, blob.name, blob.dims, loaded, &index);
     Layer<unsigned char>* layer = GetLayer(blob.layer);
     const std::string label = "layer \"" + blob.layer + "\": blob \"" + blob.name + "\"";
-    if (layer == nullptr)
-      throw NetFormatError(source + ": " + label + " belongs to no layer of the net");
-    const int index = layer->WeightIndex(blob.name);
-    if (index < 0)
-      throw NetFormatError(source + ": " + label + " is not a weight of a " + layer->GetType() +
-                           " layer with these params");
-    if (!loaded[blob.layer].insert(blob.name).second)
-      throw NetFormatError(source + ": " + label + " appears twice");
-    Data<unsigned char>* w = layer->GetWeights()[index];
-    if (w->GetDims() != blob.dims)
-      throw NetFormatError(source + ": " + label + " has shape " + DimsToString(blob.dims) +
-                           ", expected " + DimsToString(w->GetDims()));
-    w->ChangeDataType("float");
-    w->Reallocate();
     if (blob.type == BlobType::kFloat32) {
       std::memcpy(w->GetCpuData(), blob.bytes.data(), blob.bytes.size());
       continue;
@@ -191,14 +179,7 @@ void Net<unsigned char>::LoadQuantizedBlobs(const std::vector<QuantizedBlob>& bl
                            std::to_string(blob.grids.size()));
     (index == 0 ? saved[weighted].first : saved[weighted].second) = &blob;
   }
-  for (Layer<unsigned char>* layer : layers_) {
-    for (Data<unsigned char>* w : layer->GetWeights()) {
-      const std::string blob_name = w->GetName().substr(layer->GetName().size() + 1);
-      if (!loaded[layer->GetName()].count(blob_name))
-        throw NetFormatError(source + ": layer \"" + layer->GetName() + "\": blob \"" + blob_name +
-                             "\" is missing (expected shape " + DimsToString(w->GetDims()) + ")");
-    }
-  }
+  CheckAllWeightsLoaded(loaded);
   for (const auto& kv : saved) {
     WeightedInt8Layer* layer = kv.first;
     const std::string label = "layer \"" + layer->GetName() + "\"";

@@ -3,11 +3,10 @@
 #include "converter/converter.h"
 
 #include <gtest/gtest.h>
-
-#include <regex>
 #include <unistd.h>
 
 #include <memory>
+#include <regex>
 #include <string>
 
 #include "converter_test_access.h"
@@ -115,20 +114,8 @@ TEST(SizeCheckTest, OpenFrugalForBatch) {
   EXPECT_EQ(q.calibration_mode, 4);
 }
 
-class ConverterTest : public ::testing::Test {
+class ConverterTest : public ConverterInTempDir {
  protected:
-  void SetUp() override {
-    dir_ = test::TempDir(::testing::UnitTest::GetInstance()->current_test_info()->name());
-    char buf[4096];
-    ASSERT_NE(getcwd(buf, sizeof buf), nullptr);
-    saved_cwd_ = buf;
-    // The constructor reads "config.json" in the current directory.
-    ASSERT_EQ(chdir(dir_.c_str()), 0);
-    // ... and looks for the default calibration set there or below QZDL_SDK_PATH.
-    unsetenv("QZDL_SDK_PATH");
-  }
-  void TearDown() override { ASSERT_EQ(chdir(saved_cwd_.c_str()), 0); }
-
   ConverterParam ParamFor(const test::NetBuilder& net, int mode) {
     auto files = net.WriteFiles(dir_);
     ConverterParam p;
@@ -138,14 +125,6 @@ class ConverterTest : public ::testing::Test {
     p.calibration_mode = static_cast<CalibrationMethod>(mode);
     return p;
   }
-
-  std::unique_ptr<Converter> Make(const ConverterParam& p, std::string* out) {
-    std::unique_ptr<Converter> c;
-    *out = test::CaptureStdout([&] { c = std::make_unique<Converter>(p); });
-    return c;
-  }
-
-  std::string dir_, saved_cwd_;
 };
 
 TEST_F(ConverterTest, InputsNaiveOutputsTheMode) {
@@ -179,8 +158,9 @@ TEST_F(ConverterTest, ConstructorOutputInOrder) {
   // named and no calibration.bin exists, which is logged.
   const std::string rest =
       out.substr(assign + std::string("Assign all data`s calibration method to: Naive\n").size());
-  EXPECT_TRUE(std::regex_match(rest, std::regex(R"(\[[^\]]* \]: Can't find calibration\.bin\. )"
-                                                R"(Please run "source QZNPU1/env_setup\.sh" first\.\n)")))
+  EXPECT_TRUE(
+      std::regex_match(rest, std::regex(R"(\[[^\]]* \]: Can't find calibration\.bin\. )"
+                                        R"(Please run "source QZNPU1/env_setup\.sh" first\.\n)")))
       << rest;
 }
 

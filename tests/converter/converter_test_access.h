@@ -1,11 +1,17 @@
 // Reads and drives the conversion driver's private state for the tests.
 #pragma once
 
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "converter/converter.h"
+#include "support/net_builder.h"
 
 namespace qzdl::modelConverter {
 
@@ -35,6 +41,31 @@ class ConverterTestAccess {
     return c.spare_counts.empty() && c.spare_names.empty() && c.spare_values.empty() &&
            c.weight_observers.empty();
   }
+};
+
+// Tests that make a Converter in a fresh folder of their own, which is the
+// working directory meanwhile: the constructor reads "config.json" there
+// and looks for the default calibration set there or below QZDL_SDK_PATH.
+class ConverterInTempDir : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = test::TempDir(::testing::UnitTest::GetInstance()->current_test_info()->name());
+    char buf[4096];
+    ASSERT_NE(getcwd(buf, sizeof buf), nullptr);
+    saved_cwd_ = buf;
+    ASSERT_EQ(chdir(dir_.c_str()), 0);
+    unsetenv("QZDL_SDK_PATH");
+  }
+  void TearDown() override { ASSERT_EQ(chdir(saved_cwd_.c_str()), 0); }
+
+  // The converter, and what its constructor printed.
+  std::unique_ptr<Converter> Make(const ConverterParam& p, std::string* out) {
+    std::unique_ptr<Converter> c;
+    *out = test::CaptureStdout([&] { c = std::make_unique<Converter>(p); });
+    return c;
+  }
+
+  std::string dir_, saved_cwd_;
 };
 
 }  // namespace qzdl::modelConverter

@@ -19,18 +19,8 @@ namespace {
 
 using test::HasLine;
 
-class WeightCalibrationTest : public ::testing::Test {
+class WeightCalibrationTest : public ConverterInTempDir {
  protected:
-  void SetUp() override {
-    dir_ = test::TempDir(::testing::UnitTest::GetInstance()->current_test_info()->name());
-    char buf[4096];
-    ASSERT_NE(getcwd(buf, sizeof buf), nullptr);
-    saved_cwd_ = buf;
-    ASSERT_EQ(chdir(dir_.c_str()), 0);
-    unsetenv("QZDL_SDK_PATH");
-  }
-  void TearDown() override { ASSERT_EQ(chdir(saved_cwd_.c_str()), 0); }
-
   // x [1, 1, 1, 1] -> conv (64 channels, bias 0.5 c - 7 for channel c)
   // -> flatten -> fc (transposed: weight [64, 100], bias of 100 values).
   ConverterParam Param(int mode, int level) {
@@ -55,14 +45,6 @@ class WeightCalibrationTest : public ::testing::Test {
     p.calibrate_weight = level;
     return p;
   }
-
-  std::unique_ptr<Converter> Make(const ConverterParam& p, std::string* out) {
-    std::unique_ptr<Converter> c;
-    *out = test::CaptureStdout([&] { c = std::make_unique<Converter>(p); });
-    return c;
-  }
-
-  std::string dir_, saved_cwd_;
 };
 
 constexpr char kLevel1[] = "Enable calibration for FC`s weight and bias";
