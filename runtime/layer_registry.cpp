@@ -2,8 +2,10 @@
 
 #include <map>
 
-#include "runtime/int8/weighted_int8.h"
+#include "runtime/int8/eltwise_int8.h"
 #include "runtime/int8/float_island_layer.h"
+#include "runtime/int8/pooling_int8.h"
+#include "runtime/int8/weighted_int8.h"
 #include "runtime/layers/activation.h"
 #include "runtime/layers/activation_extra.h"
 #include "runtime/layers/concat.h"
@@ -144,6 +146,10 @@ std::unique_ptr<Layer<unsigned char>> CreateLayer<unsigned char>(const std::stri
   if (FloatTable().count(type) == 0) return nullptr;
   if (type == "Convolution") return std::make_unique<ConvolutionInt8Layer>();
   if (type == "InnerProduct") return std::make_unique<InnerProductInt8Layer>();
+  if (type == "Deconvolution") return std::make_unique<DeconvolutionInt8Layer>();
+  if (type == "Eltwise") return std::make_unique<EltwiseInt8Layer>();
+  if (type == "BroadcastOp") return std::make_unique<BroadcastOpInt8Layer>();
+  if (type == "Pooling") return std::make_unique<PoolingInt8Layer>();
   return std::make_unique<FloatIslandLayer>();
 }
 
