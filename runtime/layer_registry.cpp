@@ -2,6 +2,7 @@
 
 #include <map>
 
+#include "runtime/int8/activation_int8.h"
 #include "runtime/int8/eltwise_int8.h"
 #include "runtime/int8/float_island_layer.h"
 #include "runtime/int8/pooling_int8.h"
@@ -150,6 +151,10 @@ std::unique_ptr<Layer<unsigned char>> CreateLayer<unsigned char>(const std::stri
   if (type == "Eltwise") return std::make_unique<EltwiseInt8Layer>();
   if (type == "BroadcastOp") return std::make_unique<BroadcastOpInt8Layer>();
   if (type == "Pooling") return std::make_unique<PoolingInt8Layer>();
+  for (const char* t : {"ReLU", "ReLUX", "LeakyRelu", "PReLU", "Elu", "Sigmoid", "TanH", "Swish",
+                        "Mish", "Gelu", "Softplus", "Selu", "HardSigmoid", "Clip", "Power",
+                        "UnaryOp", "Dropout"})
+    if (type == t) return std::make_unique<TableInt8Layer>();
   return std::make_unique<FloatIslandLayer>();
 }
 
