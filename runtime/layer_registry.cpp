@@ -5,6 +5,7 @@
 #include "runtime/int8/activation_int8.h"
 #include "runtime/int8/eltwise_int8.h"
 #include "runtime/int8/float_island_layer.h"
+#include "runtime/int8/mover_int8.h"
 #include "runtime/int8/pooling_int8.h"
 #include "runtime/int8/weighted_int8.h"
 #include "runtime/layers/activation.h"
@@ -155,6 +156,10 @@ std::unique_ptr<Layer<unsigned char>> CreateLayer<unsigned char>(const std::stri
                         "Mish", "Gelu", "Softplus", "Selu", "HardSigmoid", "Clip", "Power",
                         "UnaryOp", "Dropout"})
     if (type == t) return std::make_unique<TableInt8Layer>();
+  for (const char* t : {"Reshape", "Flatten", "Permute", "Concat", "Slice", "Split", "Crop",
+                        "Gather", "Tile", "Squeeze", "ExpandDims", "ShuffleChannel",
+                        "DepthToSpace", "SpaceToDepth", "Upsample", "Padding", "ZeroPadding"})
+    if (type == t) return std::make_unique<MoverInt8Layer>();
   return std::make_unique<FloatIslandLayer>();
 }
 
