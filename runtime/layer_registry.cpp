@@ -141,25 +141,72 @@ void RegisterLayerTypeForTesting<float>(const std::string& type, LayerFactory<fl
   FloatTable()[type] = factory;
 }
 
-// The 8-bit net knows every type of the table: convolution in integers, the
-// others as float islands until their integer kernels land (docs/int8.md).
+namespace {
+
+template <class L>
+std::unique_ptr<Layer<unsigned char>> Make8() {
+  return std::make_unique<L>();
+}
+
+// Edited by hand: how a type computes in the 8-bit net (docs/int8.md). A
+// type of the float table that is not here runs as a float island.
+const std::map<std::string, LayerFactory<unsigned char>>& Int8Table() {
+  static const std::map<std::string, LayerFactory<unsigned char>> table = {
+      // integer arithmetic
+      {"Convolution", &Make8<ConvolutionInt8Layer>},
+      {"Deconvolution", &Make8<DeconvolutionInt8Layer>},
+      {"InnerProduct", &Make8<InnerProductInt8Layer>},
+      {"Eltwise", &Make8<EltwiseInt8Layer>},
+      {"BroadcastOp", &Make8<BroadcastOpInt8Layer>},  // div, equal: float island
+      {"Pooling", &Make8<PoolingInt8Layer>},          // ave in integers, max moves codes
+      // unary activations: a table of 256 codes
+      {"ReLU", &Make8<TableInt8Layer>},
+      {"ReLUX", &Make8<TableInt8Layer>},
+      {"LeakyRelu", &Make8<TableInt8Layer>},
+      {"PReLU", &Make8<TableInt8Layer>},
+      {"Elu", &Make8<TableInt8Layer>},
+      {"Sigmoid", &Make8<TableInt8Layer>},
+      {"TanH", &Make8<TableInt8Layer>},
+      {"Swish", &Make8<TableInt8Layer>},
+      {"Mish", &Make8<TableInt8Layer>},
+      {"Gelu", &Make8<TableInt8Layer>},
+      {"Softplus", &Make8<TableInt8Layer>},
+      {"Selu", &Make8<TableInt8Layer>},
+      {"HardSigmoid", &Make8<TableInt8Layer>},
+      {"Clip", &Make8<TableInt8Layer>},
+      {"Power", &Make8<TableInt8Layer>},
+      {"UnaryOp", &Make8<TableInt8Layer>},
+      {"Dropout", &Make8<TableInt8Layer>},
+      // data movers: codes moved by the float layer's kernel
+      {"Reshape", &Make8<MoverInt8Layer>},
+      {"Flatten", &Make8<MoverInt8Layer>},
+      {"Permute", &Make8<MoverInt8Layer>},
+      {"Concat", &Make8<MoverInt8Layer>},
+      {"Slice", &Make8<MoverInt8Layer>},
+      {"Split", &Make8<MoverInt8Layer>},
+      {"Crop", &Make8<MoverInt8Layer>},
+      {"Gather", &Make8<MoverInt8Layer>},
+      {"Tile", &Make8<MoverInt8Layer>},
+      {"Squeeze", &Make8<MoverInt8Layer>},
+      {"ExpandDims", &Make8<MoverInt8Layer>},
+      {"ShuffleChannel", &Make8<MoverInt8Layer>},
+      {"DepthToSpace", &Make8<MoverInt8Layer>},
+      {"SpaceToDepth", &Make8<MoverInt8Layer>},
+      {"Upsample", &Make8<MoverInt8Layer>},  // bilinear: float island
+      {"Padding", &Make8<MoverInt8Layer>},
+      {"ZeroPadding", &Make8<MoverInt8Layer>},
+  };
+  return table;
+}
+
+}  // namespace
+
+// The 8-bit net knows every type of the float table.
 template <>
 std::unique_ptr<Layer<unsigned char>> CreateLayer<unsigned char>(const std::string& type) {
   if (FloatTable().count(type) == 0) return nullptr;
-  if (type == "Convolution") return std::make_unique<ConvolutionInt8Layer>();
-  if (type == "InnerProduct") return std::make_unique<InnerProductInt8Layer>();
-  if (type == "Deconvolution") return std::make_unique<DeconvolutionInt8Layer>();
-  if (type == "Eltwise") return std::make_unique<EltwiseInt8Layer>();
-  if (type == "BroadcastOp") return std::make_unique<BroadcastOpInt8Layer>();
-  if (type == "Pooling") return std::make_unique<PoolingInt8Layer>();
-  for (const char* t : {"ReLU", "ReLUX", "LeakyRelu", "PReLU", "Elu", "Sigmoid", "TanH", "Swish",
-                        "Mish", "Gelu", "Softplus", "Selu", "HardSigmoid", "Clip", "Power",
-                        "UnaryOp", "Dropout"})
-    if (type == t) return std::make_unique<TableInt8Layer>();
-  for (const char* t : {"Reshape", "Flatten", "Permute", "Concat", "Slice", "Split", "Crop",
-                        "Gather", "Tile", "Squeeze", "ExpandDims", "ShuffleChannel",
-                        "DepthToSpace", "SpaceToDepth", "Upsample", "Padding", "ZeroPadding"})
-    if (type == t) return std::make_unique<MoverInt8Layer>();
+  auto it = Int8Table().find(type);
+  if (it != Int8Table().end()) return it->second();
   return std::make_unique<FloatIslandLayer>();
 }
 
