@@ -41,7 +41,8 @@ void TableInt8Layer::Prepare() {
   table_out_.Reallocate();
   float* x = table_in_.GetCpuData();
   for (int r = 0; r < rows; ++r)
-    for (int c = 0; c < 256; ++c) x[r * 256 + c] = RealOf(static_cast<uint8_t>(c), in.scale, in.zero);
+    for (int c = 0; c < 256; ++c)
+      x[r * 256 + c] = RealOf(static_cast<uint8_t>(c), in.scale, in.zero);
   table_twin_->Forward();
   std::vector<CodeTable> tables(rows);
   const float* y = table_out_.GetCpuData();

@@ -42,7 +42,8 @@ void EltwiseInt8Layer::Prepare() {
       break;
     case EltwiseOp::kMax:
       to_output_.clear();
-      for (const CodeGrid& g : grids_) to_output_.push_back(RequantizeTable(g, out, HighAccuracy()));
+      for (const CodeGrid& g : grids_)
+        to_output_.push_back(RequantizeTable(g, out, HighAccuracy()));
       StoreTables(to_output_);
       break;
   }

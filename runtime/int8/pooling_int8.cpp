@@ -44,7 +44,8 @@ void PoolingInt8Layer::Prepare() {
   const CodeGrid out = GridOf(GetOutputs()[0]);
   if (IsMax()) {
     identity_ = in.scale == out.scale && in.zero == out.zero;
-    StoreTables({BuildCodeTable([](float v) { return v; }, in.scale, in.zero, out.scale, out.zero)});
+    StoreTables(
+        {BuildCodeTable([](float v) { return v; }, in.scale, in.zero, out.scale, out.zero)});
     return;
   }
   average_ = MakeAveragePoolQuantization(counts_, in, out, HighAccuracy());

@@ -244,7 +244,8 @@ void ReferenceBroadcastMulU8(const BroadcastShape& g, const uint8_t* a, const ui
 std::vector<int64_t> AveragePoolCounts(const PoolShape& s) {
   std::vector<int64_t> counts;
   for (int64_t row = 0; row < s.out_h; ++row) {
-    const PoolSpan hs = PoolWindowSpan(row, s.stride_h, s.pad_top, s.kernel_h, s.in_h, s.pad_bottom);
+    const PoolSpan hs =
+        PoolWindowSpan(row, s.stride_h, s.pad_top, s.kernel_h, s.in_h, s.pad_bottom);
     for (int64_t col = 0; col < s.out_w; ++col) {
       const PoolSpan ws =
           PoolWindowSpan(col, s.stride_w, s.pad_left, s.kernel_w, s.in_w, s.pad_right);
@@ -271,8 +272,8 @@ AveragePoolQuantization MakeAveragePoolQuantization(const std::vector<int64_t>& 
   return q;
 }
 
-void ReferenceAveragePoolU8(const PoolShape& s, const uint8_t* x,
-                            const AveragePoolQuantization& q, uint8_t* y) {
+void ReferenceAveragePoolU8(const PoolShape& s, const uint8_t* x, const AveragePoolQuantization& q,
+                            uint8_t* y) {
   for (int64_t plane = 0; plane < s.planes; ++plane) {
     const uint8_t* xp = x + plane * s.in_h * s.in_w;
     for (int64_t row = 0; row < s.out_h; ++row) {

@@ -119,7 +119,7 @@ void ReferenceBroadcastMulU8(const BroadcastShape& g, const uint8_t* a, const ui
 // int64; y = zy + round(acc * M[count]) with M[count] = s_x / (s_y * count)
 // and count the window count of the float layer (PoolWindowCount).
 struct AveragePoolQuantization {
-  std::vector<int64_t> counts;            // distinct window counts, ascending
+  std::vector<int64_t> counts;           // distinct window counts, ascending
   std::vector<Requantizer> requantizer;  // one per count
   int32_t input_zero = 0, output_zero = 0;
 };
@@ -128,8 +128,8 @@ std::vector<int64_t> AveragePoolCounts(const PoolShape& s);
 AveragePoolQuantization MakeAveragePoolQuantization(const std::vector<int64_t>& counts,
                                                     CodeGrid input, CodeGrid output,
                                                     bool use_double);
-void ReferenceAveragePoolU8(const PoolShape& s, const uint8_t* x,
-                            const AveragePoolQuantization& q, uint8_t* y);
+void ReferenceAveragePoolU8(const PoolShape& s, const uint8_t* x, const AveragePoolQuantization& q,
+                            uint8_t* y);
 
 // The int32 bias of real bias b at scale s_x * s_w: b / (s_x * s_w) rounded
 // to nearest (ties away from zero) in double precision, saturating at the

@@ -28,7 +28,8 @@ class ElementMover {
                          const std::vector<uint8_t*>& outputs, uint8_t fill) = 0;
 };
 
-// dst = src, n elements, in parallel pieces; nothing when they are one.
+// dst = src, n elements, in parallel pieces (copies of less than 1 MiB stay
+// on one thread); nothing when they are one.
 template <typename E>
 void ParallelCopy(E* dst, const E* src, int64_t n) {
   if (dst == src || n <= 0) return;
@@ -37,7 +38,6 @@ void ParallelCopy(E* dst, const E* src, int64_t n) {
       [=](int64_t begin, int64_t end) {
         std::memcpy(dst + begin, src + begin, static_cast<size_t>(end - begin) * sizeof(E));
       },
-      // 1 MiB per piece, whatever the element size.
       std::max<int64_t>(1, (int64_t{1} << 20) / static_cast<int64_t>(sizeof(E))));
 }
 

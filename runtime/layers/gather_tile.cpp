@@ -153,7 +153,7 @@ void GatherLayer<float>::Run() {
 
 template <>
 void GatherLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
-                                const std::vector<uint8_t*>& outputs, uint8_t fill) {
+                                   const std::vector<uint8_t*>& outputs, uint8_t fill) {
   Move(inputs[0], outputs[0]);
 }
 
@@ -208,8 +208,8 @@ void TileLayer<float>::Move(const E* x, E* y) const {
       rows,
       [=](int64_t begin, int64_t end) {
         for (int64_t r = begin; r < end; ++r) {
-          const E* src = x + RowOffset(r, rank, out_dims.data(), in_dims.data(),
-                                           in_strides.data(), nullptr, nullptr, true);
+          const E* src = x + RowOffset(r, rank, out_dims.data(), in_dims.data(), in_strides.data(),
+                                       nullptr, nullptr, true);
           E* dst = y + r * out_row;
           for (int64_t p = 0; p < out_row; p += in_row)
             std::memcpy(dst + p, src, static_cast<size_t>(in_row) * sizeof(E));
@@ -225,7 +225,7 @@ void TileLayer<float>::Run() {
 
 template <>
 void TileLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
-                                const std::vector<uint8_t*>& outputs, uint8_t fill) {
+                                 const std::vector<uint8_t*>& outputs, uint8_t fill) {
   Move(inputs[0], outputs[0]);
 }
 
@@ -315,8 +315,8 @@ void CropLayer<float>::Move(const E* x, E* y) const {
       [=](int64_t begin, int64_t end) {
         for (int64_t r = begin; r < end; ++r) {
           const E* src = x + last_first +
-                             RowOffset(r, rank, out_dims.data(), in_dims.data(), in_strides.data(),
-                                       first.data(), step.data(), false);
+                         RowOffset(r, rank, out_dims.data(), in_dims.data(), in_strides.data(),
+                                   first.data(), step.data(), false);
           E* dst = y + r * row;
           if (last_step == 1) {
             std::memcpy(dst, src, static_cast<size_t>(row) * sizeof(E));
@@ -335,7 +335,7 @@ void CropLayer<float>::Run() {
 
 template <>
 void CropLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
-                                const std::vector<uint8_t*>& outputs, uint8_t fill) {
+                                 const std::vector<uint8_t*>& outputs, uint8_t fill) {
   Move(inputs[0], outputs[0]);
 }
 
@@ -377,7 +377,7 @@ void SqueezeLayer<float>::Run() {
 
 template <>
 void SqueezeLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
-                                const std::vector<uint8_t*>& outputs, uint8_t) {
+                                    const std::vector<uint8_t*>& outputs, uint8_t) {
   for (uint8_t* y : outputs) ParallelCopy(y, inputs[0], this->in()->Count(0));
 }
 
@@ -415,7 +415,7 @@ void ExpandDimsLayer<float>::Run() {
 
 template <>
 void ExpandDimsLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
-                                const std::vector<uint8_t*>& outputs, uint8_t) {
+                                       const std::vector<uint8_t*>& outputs, uint8_t) {
   for (uint8_t* y : outputs) ParallelCopy(y, inputs[0], this->in()->Count(0));
 }
 

@@ -106,7 +106,7 @@ void PaddingLayer<float>::Run() {
 
 template <>
 void PaddingLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
-                                const std::vector<uint8_t*>& outputs, uint8_t fill) {
+                                    const std::vector<uint8_t*>& outputs, uint8_t fill) {
   Move(inputs[0], outputs[0], fill);
 }
 

@@ -163,7 +163,8 @@ void MaxPoolKernel(const PoolShape& s, const E* x, E* y) {
   ForEachPoolRow(s, [=](int64_t plane, int64_t row) {
     const E* xp = x + plane * s.in_h * s.in_w;
     E* yr = y + (plane * s.out_h + row) * s.out_w;
-    const PoolSpan hs = PoolWindowSpan(row, s.stride_h, s.pad_top, s.kernel_h, s.in_h, s.pad_bottom);
+    const PoolSpan hs =
+        PoolWindowSpan(row, s.stride_h, s.pad_top, s.kernel_h, s.in_h, s.pad_bottom);
     for (int64_t col = 0; col < s.out_w; ++col) {
       const PoolSpan ws =
           PoolWindowSpan(col, s.stride_w, s.pad_left, s.kernel_w, s.in_w, s.pad_right);
@@ -190,7 +191,8 @@ void PoolingLayer<float>::Run() {
   ForEachPoolRow(s, [=](int64_t plane, int64_t row) {
     const float* xp = x + plane * s.in_h * s.in_w;
     float* yr = y + (plane * s.out_h + row) * s.out_w;
-    const PoolSpan hs = PoolWindowSpan(row, s.stride_h, s.pad_top, s.kernel_h, s.in_h, s.pad_bottom);
+    const PoolSpan hs =
+        PoolWindowSpan(row, s.stride_h, s.pad_top, s.kernel_h, s.in_h, s.pad_bottom);
     for (int64_t col = 0; col < s.out_w; ++col) {
       const PoolSpan ws =
           PoolWindowSpan(col, s.stride_w, s.pad_left, s.kernel_w, s.in_w, s.pad_right);

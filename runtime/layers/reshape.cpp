@@ -11,7 +11,6 @@ namespace qzdl {
 
 namespace {
 
-// Copies below this many floats stay on one thread.
 // Permute supports as many axes as a tensor may have.
 constexpr int kMaxAxes = 8;
 // Edge of the square tiles of the transposing permute.
@@ -105,7 +104,7 @@ void ReshapeLayer<float>::Run() {
 
 template <>
 void ReshapeLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
-                                const std::vector<uint8_t*>& outputs, uint8_t) {
+                                    const std::vector<uint8_t*>& outputs, uint8_t) {
   for (uint8_t* y : outputs) ParallelCopy(y, inputs[0], this->in()->Count(0));
 }
 
@@ -148,7 +147,7 @@ void FlattenLayer<float>::Run() {
 
 template <>
 void FlattenLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
-                                const std::vector<uint8_t*>& outputs, uint8_t) {
+                                    const std::vector<uint8_t*>& outputs, uint8_t) {
   for (uint8_t* y : outputs) ParallelCopy(y, inputs[0], this->in()->Count(0));
 }
 
@@ -294,7 +293,7 @@ void PermuteLayer<float>::Run() {
 
 template <>
 void PermuteLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
-                                const std::vector<uint8_t*>& outputs, uint8_t fill) {
+                                    const std::vector<uint8_t*>& outputs, uint8_t fill) {
   Move(inputs[0], outputs[0]);
 }
 

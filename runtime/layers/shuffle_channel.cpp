@@ -56,7 +56,7 @@ void ShuffleChannelLayer<float>::Run() {
 
 template <>
 void ShuffleChannelLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
-                                const std::vector<uint8_t*>& outputs, uint8_t fill) {
+                                           const std::vector<uint8_t*>& outputs, uint8_t fill) {
   Move(inputs[0], outputs[0]);
 }
 

@@ -82,7 +82,7 @@ void DepthToSpaceLayer<float>::Run() {
 
 template <>
 void DepthToSpaceLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
-                                const std::vector<uint8_t*>& outputs, uint8_t fill) {
+                                         const std::vector<uint8_t*>& outputs, uint8_t fill) {
   Move(inputs[0], outputs[0]);
 }
 
@@ -138,7 +138,7 @@ void SpaceToDepthLayer<float>::Run() {
 
 template <>
 void SpaceToDepthLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
-                                const std::vector<uint8_t*>& outputs, uint8_t fill) {
+                                         const std::vector<uint8_t*>& outputs, uint8_t fill) {
   Move(inputs[0], outputs[0]);
 }
 

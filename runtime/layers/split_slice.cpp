@@ -31,7 +31,7 @@ void SplitLayer<float>::Run() {
 
 template <>
 void SplitLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
-                                const std::vector<uint8_t*>& outputs, uint8_t) {
+                                  const std::vector<uint8_t*>& outputs, uint8_t) {
   for (uint8_t* y : outputs) ParallelCopy(y, inputs[0], this->in()->Count(0));
 }
 

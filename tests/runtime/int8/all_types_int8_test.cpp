@@ -36,7 +36,8 @@ std::map<std::string, TypeCase> Cases() {
   c["Lrn"].param = {{"size", 3}};
   c["Gather"].param = {{"axis", 1}, {"indices", Json::array{2, 0}}};
   c["Tile"].param = {{"repeats", Json::array{1, 2, 1, 1}}};
-  c["Crop"].param = {{"starts", Json::array{1}}, {"ends", Json::array{3}}, {"axes", Json::array{2}}};
+  c["Crop"].param = {
+      {"starts", Json::array{1}}, {"ends", Json::array{3}}, {"axes", Json::array{2}}};
   c["Squeeze"].inputs = {{2, 3, 1, 5}};
   c["Squeeze"].param = {{"axes", Json::array{2}}};
   c["ExpandDims"].param = {{"axes", Json::array{1}}};
@@ -87,8 +88,7 @@ TEST(Int8AllTypes, EveryRegisteredTypeRunsInAnEightBitNet) {
       nb.Input(ins.back(), c.inputs[k]);
     }
     for (int k = 0; k < c.outputs; ++k) outs.push_back("y" + std::to_string(k));
-    nb.Layer("layer", type, c.layer_takes_inputs ? ins : std::vector<std::string>{}, outs,
-             c.param);
+    nb.Layer("layer", type, c.layer_takes_inputs ? ins : std::vector<std::string>{}, outs, c.param);
     INT8Config config;
     for (const std::string& name : ins) config.addDataConfig(name, -1.0f, 2.0f);
     try {
@@ -127,7 +127,9 @@ TEST(Int8AllTypes, EveryRegisteredTypeRunsInAnEightBitNet) {
       for (int k = 0; k < net->GetOutCount(); ++k) {
         const std::vector<uint8_t> got = Codes(net->GetOutputData(k));
         ASSERT_EQ(got.size(), want[k].size());
-        if (!HasQuantizedWeights(type)) EXPECT_LE(MaxCodeDifference(got, want[k]), 1);
+        if (!HasQuantizedWeights(type)) {
+          EXPECT_LE(MaxCodeDifference(got, want[k]), 1);
+        }
       }
       ++tested;
     } catch (const std::exception& e) {

@@ -52,12 +52,9 @@ struct EltwiseCase {
 TEST(EltwiseInt8, WithinOneCodeOfFloat) {
   const std::vector<std::vector<int>> shapes = {{1, 3, 5, 7}, {3, 2, 4, 4}, {3, 17}, {1, 1}};
   const std::vector<EltwiseCase> cases = {
-      {"sum", 2, {}, -2.0f, 3.0f},
-      {"sum", 3, {0.5, -1.5, 2.0}, -5.0f, 7.0f},
-      {"prod", 2, {}, -1.0f, 1.5f},
-      {"prod", 3, {}, -3.0f, 2.0f},
-      {"max", 2, {}, -0.5f, 2.0f},
-      {"max", 3, {}, -1.0f, 3.0f},
+      {"sum", 2, {}, -2.0f, 3.0f},  {"sum", 3, {0.5, -1.5, 2.0}, -5.0f, 7.0f},
+      {"prod", 2, {}, -1.0f, 1.5f}, {"prod", 3, {}, -3.0f, 2.0f},
+      {"max", 2, {}, -0.5f, 2.0f},  {"max", 3, {}, -1.0f, 3.0f},
   };
   const char* names[] = {"a", "b", "c"};
   for (const auto& shape : shapes) {
@@ -118,7 +115,7 @@ TEST(EltwiseInt8, HandComputed) {
   auto net_of = [](const std::string& op) {
     test::NetBuilder nb;
     nb.Input("a", {5}).Input("b", {5}).Layer("e", "Eltwise", {"a", "b"}, {"y"},
-                                              {{"operation", op}});
+                                             {{"operation", op}});
     return nb;
   };
   // Real values: a = 10, 11, 3, 5, 7; b = -8, 0, 3, -7, -3.
@@ -156,8 +153,12 @@ TEST(EltwiseInt8, ProductSaturatesInSixtyFourBits) {
 
 TEST(BroadcastOpInt8, WithinOneCodeOfFloat) {
   const std::vector<std::pair<std::vector<int>, std::vector<int>>> shapes = {
-      {{3, 4, 5, 6}, {4, 1, 1}}, {{1, 4, 1, 6}, {3, 1, 5, 1}}, {{2, 3}, {3}},
-      {{3, 1, 5}, {3, 1, 5}},    {{5}, {2, 3, 5}},              {{1, 7, 3}, {1}}};
+      {{3, 4, 5, 6}, {4, 1, 1}},
+      {{1, 4, 1, 6}, {3, 1, 5, 1}},
+      {{2, 3}, {3}},
+      {{3, 1, 5}, {3, 1, 5}},
+      {{5}, {2, 3, 5}},
+      {{1, 7, 3}, {1}}};
   for (const auto& s : shapes) {
     for (const char* op : {"add", "sub", "mul"}) {
       SCOPED_TRACE(std::string(op) + " of " + DimsToString(s.first) + " and " +
@@ -178,8 +179,9 @@ TEST(BroadcastOpInt8, HandComputed) {
   INT8Config config = HandGrids();
   auto net_of = [](const std::string& op) {
     test::NetBuilder nb;
-    nb.Input("a", {2, 3}).Input("b", {3}).Layer("op", "BroadcastOp", {"a", "b"}, {"y"},
-                                                {{"operation", op}});
+    nb.Input("a", {2, 3})
+        .Input("b", {3})
+        .Layer("op", "BroadcastOp", {"a", "b"}, {"y"}, {{"operation", op}});
     return nb;
   };
   // a = [[10, 11, 3], [5, 7, 0]], b = [-8, 0, 3] repeated on each row.
@@ -218,13 +220,22 @@ TEST(PoolingInt8, AverageWithinOneCodeOfFloat) {
   const std::vector<std::pair<std::vector<int>, Json::object>> cases = {
       {{1, 3, 7, 9}, {{"pool", "ave"}, {"kernel_size", 3}, {"stride", 2}, {"pad", 1}}},
       {{3, 2, 7, 9},
-       {{"pool", "ave"}, {"kernel_size", 3}, {"stride", 2}, {"pad", 1},
+       {{"pool", "ave"},
+        {"kernel_size", 3},
+        {"stride", 2},
+        {"pad", 1},
         {"count_include_pad", false}}},
-      {{1, 2, 6, 7},
-       {{"pool", "ave"}, {"kernel_size", 3}, {"stride", 2}, {"ceil_mode", true}}},
+      {{1, 2, 6, 7}, {{"pool", "ave"}, {"kernel_size", 3}, {"stride", 2}, {"ceil_mode", true}}},
       {{3, 2, 8, 5},
-       {{"pool", "ave"}, {"kernel_h", 2}, {"kernel_w", 3}, {"stride_h", 1}, {"stride_w", 2},
-        {"pad_top", 1}, {"pad_bottom", 0}, {"pad_left", 2}, {"pad_right", 1}}},
+       {{"pool", "ave"},
+        {"kernel_h", 2},
+        {"kernel_w", 3},
+        {"stride_h", 1},
+        {"stride_w", 2},
+        {"pad_top", 1},
+        {"pad_bottom", 0},
+        {"pad_left", 2},
+        {"pad_right", 1}}},
       {{3, 4, 5, 5}, {{"pool", "ave"}, {"global_pooling", true}}},
       {{1, 3, 1, 13}, {{"pool", "ave"}, {"global_pooling", true}}},
   };
@@ -261,7 +272,10 @@ TEST(PoolingInt8, AverageHandComputed) {
     test::NetBuilder nb;
     nb.Input("x", {1, 1, 2, 2})
         .Layer("pool", "Pooling", {"x"}, {"y"},
-               {{"pool", "ave"}, {"kernel_size", 2}, {"stride", 2}, {"pad", 1},
+               {{"pool", "ave"},
+                {"kernel_size", 2},
+                {"stride", 2},
+                {"pad", 1},
                 {"count_include_pad", include_pad}});
     // Each window holds one input element: x / 4 with the padding counted
     // (0.25, 0.5, 1.5, 2.5 -> ties up), x without.

@@ -45,19 +45,38 @@ void UseDequantized(Net<float>& f, Layer<unsigned char>* q, float x_scale) {
 TEST(DeconvolutionInt8, WithinOneCodeOfFloatOnDequantizedValues) {
   const std::vector<DeconvCase> cases = {
       {{1, 4, 5, 7},
-       {{"num_output", 6}, {"kernel_size", 3}, {"stride", 2}, {"pad", 1}, {"group", 2},
+       {{"num_output", 6},
+        {"kernel_size", 3},
+        {"stride", 2},
+        {"pad", 1},
+        {"group", 2},
         {"output_pad", 1}}},
       {{3, 3, 4, 4},
-       {{"num_output", 3}, {"kernel_h", 2}, {"kernel_w", 3}, {"stride_h", 1}, {"stride_w", 2},
-        {"dilation", 2}, {"group", 3}}},
-      {{1, 2, 3, 3}, {{"num_output", 4}, {"kernel_size", 4}, {"stride", 3}, {"pad", 2},
-                      {"bias_term", false}}},
+       {{"num_output", 3},
+        {"kernel_h", 2},
+        {"kernel_w", 3},
+        {"stride_h", 1},
+        {"stride_w", 2},
+        {"dilation", 2},
+        {"group", 3}}},
+      {{1, 2, 3, 3},
+       {{"num_output", 4}, {"kernel_size", 4}, {"stride", 3}, {"pad", 2}, {"bias_term", false}}},
       {{3, 5, 1, 6},
-       {{"num_output", 2}, {"kernel_size", 1}, {"pad_top", 0}, {"pad_left", 0},
-        {"pad_right", 2}, {"pad_bottom", 0}}},
+       {{"num_output", 2},
+        {"kernel_size", 1},
+        {"pad_top", 0},
+        {"pad_left", 0},
+        {"pad_right", 2},
+        {"pad_bottom", 0}}},
       {{1, 2, 3, 4},
-       {{"num_output", 3}, {"kernel_size", 3}, {"stride", 2}, {"dilation", 3},
-        {"output_pad", 2}, {"pad_top", 2}, {"pad_left", 1}, {"pad_bottom", 0},
+       {{"num_output", 3},
+        {"kernel_size", 3},
+        {"stride", 2},
+        {"dilation", 3},
+        {"output_pad", 2},
+        {"pad_top", 2},
+        {"pad_left", 1},
+        {"pad_bottom", 0},
         {"pad_right", 3}}},
   };
   uint32_t seed = 40;
@@ -67,9 +86,9 @@ TEST(DeconvolutionInt8, WithinOneCodeOfFloatOnDequantizedValues) {
     const int out = c.param.at("num_output").int_value();
     const int group = c.param.count("group") ? c.param.at("group").int_value() : 1;
     const int kh = c.param.count("kernel_h") ? c.param.at("kernel_h").int_value()
-                                              : c.param.at("kernel_size").int_value();
+                                             : c.param.at("kernel_size").int_value();
     const int kw = c.param.count("kernel_w") ? c.param.at("kernel_w").int_value()
-                                              : c.param.at("kernel_size").int_value();
+                                             : c.param.at("kernel_size").int_value();
     const bool bias = !c.param.count("bias_term");
     test::NetBuilder nb;
     nb.Input("x", c.input).Layer("deconv", "Deconvolution", {"x"}, {"y"}, c.param);

@@ -21,8 +21,7 @@
 namespace qzdl {
 namespace test_int8 {
 
-inline std::unique_ptr<Net<unsigned char>> BuildInt8(const test::NetBuilder& nb,
-                                                     INT8Config* config,
+inline std::unique_ptr<Net<unsigned char>> BuildInt8(const test::NetBuilder& nb, INT8Config* config,
                                                      bool high_accuracy = false) {
   std::string error;
   const json11::Json desc = json11::Json::parse(nb.JsonText(), error);

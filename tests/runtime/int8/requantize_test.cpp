@@ -93,11 +93,13 @@ TEST(Requantize, SixtyFourBitAccumulatorsRoundOnceExactly) {
     int64_t acc = static_cast<int64_t>(rng() >> bits(rng));
     if (i & 1) acc = -acc;
     if (i % 1000 == 0) acc = (i & 2) ? INT64_MAX : -INT64_MAX;
-    int64_t want = r.saturate              ? (acc > 0 ? INT64_MAX : acc < 0 ? INT64_MIN : 0)
+    int64_t want = r.saturate          ? (acc > 0   ? INT64_MAX
+                                          : acc < 0 ? INT64_MIN
+                                                    : 0)
                    : r.multiplier != 0 ? ExactRoundClamped(acc, r.multiplier, r.shift)
                    : r.wide_multiplier != 0
                        ? ExactRoundClamped(acc, r.wide_multiplier, r.wide_shift)
-                                            : 0;
+                       : 0;
     want = std::max<int64_t>(-(int64_t{1} << 30), std::min<int64_t>(int64_t{1} << 30, want));
     ASSERT_EQ(RequantizeRaw64(acc, r), want) << acc << " * " << r.multiplier << " >> " << r.shift;
   }
@@ -105,7 +107,7 @@ TEST(Requantize, SixtyFourBitAccumulatorsRoundOnceExactly) {
   const Requantizer half = MakeRequantizer(0.5, false);
   EXPECT_EQ(RequantizeRaw64((int64_t{1} << 31) + 1, half), 1 << 30);
   const Requantizer eighth = MakeRequantizer(std::ldexp(1.0, -34), false);
-  EXPECT_EQ(RequantizeRaw64(int64_t{3} << 33, eighth), 2);    // 1.5
+  EXPECT_EQ(RequantizeRaw64(int64_t{3} << 33, eighth), 2);      // 1.5
   EXPECT_EQ(RequantizeRaw64(-(int64_t{3} << 33), eighth), -1);  // -1.5
   EXPECT_EQ(Requantize64(-(int64_t{5} << 33), eighth, 10), 8);  // -2.5
   // A multiplier below 2^-32 still counts for 64-bit accumulators.
