@@ -2,8 +2,12 @@
 
 #include <map>
 
-#include "runtime/int8/weighted_int8.h"
+#include "runtime/int8/activation_int8.h"
+#include "runtime/int8/eltwise_int8.h"
 #include "runtime/int8/float_island_layer.h"
+#include "runtime/int8/mover_int8.h"
+#include "runtime/int8/pooling_int8.h"
+#include "runtime/int8/weighted_int8.h"
 #include "runtime/layers/activation.h"
 #include "runtime/layers/activation_extra.h"
 #include "runtime/layers/concat.h"
@@ -137,13 +141,72 @@ void RegisterLayerTypeForTesting<float>(const std::string& type, LayerFactory<fl
   FloatTable()[type] = factory;
 }
 
-// The 8-bit net knows every type of the table: convolution in integers, the
-// others as float islands until their integer kernels land (docs/int8.md).
+namespace {
+
+template <class L>
+std::unique_ptr<Layer<unsigned char>> Make8() {
+  return std::make_unique<L>();
+}
+
+// Edited by hand: how a type computes in the 8-bit net (docs/int8.md). A
+// type of the float table that is not here runs as a float island.
+const std::map<std::string, LayerFactory<unsigned char>>& Int8Table() {
+  static const std::map<std::string, LayerFactory<unsigned char>> table = {
+      // integer arithmetic
+      {"Convolution", &Make8<ConvolutionInt8Layer>},
+      {"Deconvolution", &Make8<DeconvolutionInt8Layer>},
+      {"InnerProduct", &Make8<InnerProductInt8Layer>},
+      {"Eltwise", &Make8<EltwiseInt8Layer>},
+      {"BroadcastOp", &Make8<BroadcastOpInt8Layer>},  // div, equal: float island
+      {"Pooling", &Make8<PoolingInt8Layer>},          // ave in integers, max moves codes
+      // unary activations: a table of 256 codes
+      {"ReLU", &Make8<TableInt8Layer>},
+      {"ReLUX", &Make8<TableInt8Layer>},
+      {"LeakyRelu", &Make8<TableInt8Layer>},
+      {"PReLU", &Make8<TableInt8Layer>},
+      {"Elu", &Make8<TableInt8Layer>},
+      {"Sigmoid", &Make8<TableInt8Layer>},
+      {"TanH", &Make8<TableInt8Layer>},
+      {"Swish", &Make8<TableInt8Layer>},
+      {"Mish", &Make8<TableInt8Layer>},
+      {"Gelu", &Make8<TableInt8Layer>},
+      {"Softplus", &Make8<TableInt8Layer>},
+      {"Selu", &Make8<TableInt8Layer>},
+      {"HardSigmoid", &Make8<TableInt8Layer>},
+      {"Clip", &Make8<TableInt8Layer>},
+      {"Power", &Make8<TableInt8Layer>},
+      {"UnaryOp", &Make8<TableInt8Layer>},
+      {"Dropout", &Make8<TableInt8Layer>},
+      // data movers: codes moved by the float layer's kernel
+      {"Reshape", &Make8<MoverInt8Layer>},
+      {"Flatten", &Make8<MoverInt8Layer>},
+      {"Permute", &Make8<MoverInt8Layer>},
+      {"Concat", &Make8<MoverInt8Layer>},
+      {"Slice", &Make8<MoverInt8Layer>},
+      {"Split", &Make8<MoverInt8Layer>},
+      {"Crop", &Make8<MoverInt8Layer>},
+      {"Gather", &Make8<MoverInt8Layer>},
+      {"Tile", &Make8<MoverInt8Layer>},
+      {"Squeeze", &Make8<MoverInt8Layer>},
+      {"ExpandDims", &Make8<MoverInt8Layer>},
+      {"ShuffleChannel", &Make8<MoverInt8Layer>},
+      {"DepthToSpace", &Make8<MoverInt8Layer>},
+      {"SpaceToDepth", &Make8<MoverInt8Layer>},
+      {"Upsample", &Make8<MoverInt8Layer>},  // bilinear: float island
+      {"Padding", &Make8<MoverInt8Layer>},
+      {"ZeroPadding", &Make8<MoverInt8Layer>},
+  };
+  return table;
+}
+
+}  // namespace
+
+// The 8-bit net knows every type of the float table.
 template <>
 std::unique_ptr<Layer<unsigned char>> CreateLayer<unsigned char>(const std::string& type) {
   if (FloatTable().count(type) == 0) return nullptr;
-  if (type == "Convolution") return std::make_unique<ConvolutionInt8Layer>();
-  if (type == "InnerProduct") return std::make_unique<InnerProductInt8Layer>();
+  auto it = Int8Table().find(type);
+  if (it != Int8Table().end()) return it->second();
   return std::make_unique<FloatIslandLayer>();
 }
 

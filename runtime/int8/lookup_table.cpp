@@ -16,6 +16,10 @@ CodeTable BuildCodeTable(const std::function<float(float)>& f, float in_scale, i
 }
 
 void ApplyCodeTable(const CodeTable& table, const uint8_t* x, uint8_t* y, int64_t count) {
+  ApplyCodeTable(table.data(), x, y, count);
+}
+
+void ApplyCodeTable(const uint8_t* table, const uint8_t* x, uint8_t* y, int64_t count) {
   ParallelFor(count, [&](int64_t begin, int64_t end) {
     for (int64_t i = begin; i < end; ++i) y[i] = table[x[i]];
   });

@@ -19,5 +19,7 @@ CodeTable BuildCodeTable(const std::function<float(float)>& f, float in_scale, i
 
 // y[i] = table[x[i]]; x and y may be the same buffer.
 void ApplyCodeTable(const CodeTable& table, const uint8_t* x, uint8_t* y, int64_t count);
+// The same with the 256 entries at `table`.
+void ApplyCodeTable(const uint8_t* table, const uint8_t* x, uint8_t* y, int64_t count);
 
 }  // namespace qzdl

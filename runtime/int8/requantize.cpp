@@ -1,6 +1,7 @@
 #include "runtime/int8/requantize.h"
 
 #include <cmath>
+#include <cstdint>
 
 namespace qzdl {
 
@@ -25,12 +26,55 @@ Requantizer MakeRequantizer(double real, bool use_double) {
     r.saturate = true;
   } else if (shift > 62) {
     // real < 2^-32: |acc * real| < 1/2 for every int32 acc, which rounds to
-    // 0 (never a tie), so the multiplier stays 0.
+    // 0 (never a tie), so the multiplier stays 0. Below 2^-64 the same
+    // holds for every int64 acc.
+    if (shift <= 95) {
+      r.wide_multiplier = static_cast<int32_t>(m);
+      r.wide_shift = shift;
+    }
   } else {
     r.multiplier = static_cast<int32_t>(m);
     r.shift = shift;
   }
   return r;
+}
+
+int32_t RequantizeRaw64(int64_t acc, const Requantizer& r) {
+  if (acc >= INT32_MIN && acc <= INT32_MAX) return RequantizeRaw(static_cast<int32_t>(acc), r);
+  constexpr int64_t kLimit = int64_t{1} << 30;
+  if (r.saturate) return acc > 0 ? kLimit : -kLimit;
+  if (r.use_double) {
+    const double v = static_cast<double>(acc) * r.real + 0.5;
+    const double f = v < -1073741824.0 ? -1073741824.0 : v > 1073741824.0 ? 1073741824.0 : v;
+    int64_t i = static_cast<int64_t>(f);
+    if (static_cast<double>(i) > f) --i;
+    return static_cast<int32_t>(i);
+  }
+  const int64_t m = r.multiplier != 0 ? r.multiplier : r.wide_multiplier;
+  const int shift = r.multiplier != 0 ? r.shift : r.wide_shift;
+  if (m == 0) return 0;
+  // Here |acc| >= 2^31. A shift below 32 means M >= 1/2, so |acc * M| >= 2^30
+  // and the result saturates.
+  if (shift < 32) return acc > 0 ? kLimit : -kLimit;
+  // acc * m = a * 2^32 + b with acc = hi * 2^32 + lo, 0 <= lo < 2^32:
+  // a = hi * m (|a| < 2^62), b = lo * m (< 2^63, unsigned). The result is
+  // floor((acc * m + 2^(shift-1)) / 2^shift), taken in steps whose floors
+  // nest exactly (each step divides by a power of 2 that the added half is a
+  // multiple of): one rounding.
+  const int64_t hi = acc >> 32;  // floor(acc / 2^32)
+  const uint64_t lo = static_cast<uint64_t>(acc) & 0xffffffffu;
+  const int64_t a = hi * m;
+  const uint64_t b = lo * static_cast<uint64_t>(m);
+  int64_t v;
+  if (shift == 32) {
+    v = a + static_cast<int64_t>((b + (uint64_t{1} << 31)) >> 32);
+  } else {
+    const int64_t t = a + static_cast<int64_t>(b >> 32);  // floor(acc * m / 2^32)
+    // floor((t + 2^(shift-33)) / 2^(shift-32)); halving t first keeps the
+    // sum inside int64 for shifts up to 95.
+    v = shift == 33 ? (t + 1) >> 1 : ((t >> 1) + (int64_t{1} << (shift - 34))) >> (shift - 33);
+  }
+  return static_cast<int32_t>(v < -kLimit ? -kLimit : v > kLimit ? kLimit : v);
 }
 
 }  // namespace qzdl

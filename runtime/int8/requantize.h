@@ -28,6 +28,11 @@ struct Requantizer {
   bool saturate = false;
   double real = 0.0;  // the multiplier itself, for the double mode
   bool use_double = false;
+  // A multiplier below 2^-32 rounds every int32 accumulator to 0, but not
+  // every int64 one: RequantizeRaw64 then uses m * 2^-shift with the shift
+  // in 63 .. 95 (0 when it is beyond, where every int64 gives 0 too).
+  int32_t wide_multiplier = 0;
+  int wide_shift = 0;
 };
 
 // The requantizer of the real multiplier `real` (>= 0; NaN and negative
@@ -59,6 +64,18 @@ inline int32_t RequantizeRaw(int32_t acc, const Requantizer& r) {
 // The output code: clamp(zero + round(acc * M), 0, 255).
 inline uint8_t Requantize(int32_t acc, const Requantizer& r, int32_t zero) {
   const int64_t q = static_cast<int64_t>(zero) + RequantizeRaw(acc, r);
+  return static_cast<uint8_t>(q < 0 ? 0 : q > 255 ? 255 : q);
+}
+
+// round(acc * M) of a 64-bit accumulator (products of several codes, sums
+// over windows of more than 2^23 elements), clamped to +-2^30 like
+// RequantizeRaw. The fixed-point mode is exact for every int64 without
+// 128-bit integers; the double mode converts acc to double first, which is
+// exact below 2^53 in magnitude.
+int32_t RequantizeRaw64(int64_t acc, const Requantizer& r);
+
+inline uint8_t Requantize64(int64_t acc, const Requantizer& r, int32_t zero) {
+  const int64_t q = static_cast<int64_t>(zero) + RequantizeRaw64(acc, r);
   return static_cast<uint8_t>(q < 0 ? 0 : q > 255 ? 255 : q);
 }
 

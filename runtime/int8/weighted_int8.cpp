@@ -142,6 +142,17 @@ int64_t ConvolutionInt8Layer::ChannelWeightAt(int o, int64_t k) const {
 
 int ConvolutionInt8Layer::OutputChannels() const { return weight(0)->GetDim(0); }
 
+void DeconvolutionInt8Layer::RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) {
+  const ConvGeometry& g = static_cast<DeconvolutionLayer<float>*>(Twin())->geometry();
+  ReferenceDeconvolutionU8(g, x, input_zero_, weight, q_, y);
+}
+
+int64_t DeconvolutionInt8Layer::ChannelWeightAt(int o, int64_t k) const {
+  return int64_t(o) * weight(0)->Count(1) + k;
+}
+
+int DeconvolutionInt8Layer::OutputChannels() const { return weight(0)->GetDim(0); }
+
 namespace {
 
 const InnerProductLayer<float>& InnerProduct(const FloatIslandLayer* layer) {

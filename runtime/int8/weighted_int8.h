@@ -64,6 +64,17 @@ class ConvolutionInt8Layer : public WeightedInt8Layer {
   int OutputChannels() const override;
 };
 
+// "Deconvolution" (weights [num_output, C / group, kernel_h, kernel_w], per
+// output channel grids like "Convolution").
+class DeconvolutionInt8Layer : public WeightedInt8Layer {
+ protected:
+  void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) override;
+  int64_t ChannelWeightAt(int o, int64_t k) const override;
+
+ public:
+  int OutputChannels() const override;
+};
+
 // "InnerProduct" (weights [num_output, K], or [K, num_output] with transpose).
 class InnerProductInt8Layer : public WeightedInt8Layer {
  protected:

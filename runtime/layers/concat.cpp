@@ -45,25 +45,37 @@ void ConcatLayer<float>::Reshape() {
 }
 
 template <>
-void ConcatLayer<float>::Run() {
-  const auto& inputs = this->GetInputs();
-  float* y = this->out()->GetCpuData();
+template <typename E, typename Input>
+void ConcatLayer<float>::Move(Input input, E* y) const {
   int64_t out_slice = 0;
   for (int64_t s : slice_) out_slice += s;
   int64_t offset = 0;
-  for (size_t k = 0; k < inputs.size(); ++k) {
-    const float* x = inputs[k]->GetCpuData();
+  for (size_t k = 0; k < slice_.size(); ++k) {
+    const E* x = input(k);
     const int64_t slice = slice_[k];
     const int64_t at = offset;
     ParallelFor(
         outer_,
         [=](int64_t begin, int64_t end) {
           for (int64_t o = begin; o < end; ++o)
-            std::memcpy(y + o * out_slice + at, x + o * slice, sizeof(float) * slice);
+            std::memcpy(y + o * out_slice + at, x + o * slice, sizeof(E) * slice);
         },
         std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(1, slice)));
     offset += slice;
   }
+}
+
+template <>
+void ConcatLayer<float>::Run() {
+  const auto& inputs = this->GetInputs();
+  Move([&](size_t k) -> const float* { return inputs[k]->GetCpuData(); },
+       this->out()->GetCpuData());
+}
+
+template <>
+void ConcatLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                   const std::vector<uint8_t*>& outputs, uint8_t) {
+  Move([&](size_t k) { return inputs[k]; }, outputs[0]);
 }
 
 }  // namespace qzdl

@@ -2,12 +2,15 @@
 #pragma once
 
 #include "runtime/layer.h"
+#include "runtime/layers/element_mover.h"
 
 namespace qzdl {
 
 template <typename T>
-class ConcatLayer : public Layer<T> {
+class ConcatLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   // The axis as given (may be negative).
@@ -17,6 +20,9 @@ class ConcatLayer : public Layer<T> {
   void Run() override;
 
  private:
+  // Run's kernel on any element type; input(k) is the data of input k.
+  template <typename E, typename Input>
+  void Move(Input input, E* y) const;
   int axis_ = 1;
   // Set at Reshape: product of the axes before the concat axis, and of the
   // concat axis and those after it, per input.

@@ -46,6 +46,11 @@ class BroadcastOpLayer : public Layer<T> {
   // "BroadcastOp(add)", "BroadcastOp(sub)", ... "BroadcastOp(equal)".
   std::string GetTypeDetail() override;
   Op Operation() const { return op_; }
+  // The broadcast of the last Reshape (see below), for kernels on other
+  // element types.
+  const std::vector<int64_t>& MergedDims() const { return dims_; }
+  const std::vector<int64_t>& StridesA() const { return stride_a_; }
+  const std::vector<int64_t>& StridesB() const { return stride_b_; }
 
  protected:
   void Run() override;

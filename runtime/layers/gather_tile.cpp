@@ -128,9 +128,8 @@ void GatherLayer<float>::Reshape() {
 }
 
 template <>
-void GatherLayer<float>::Run() {
-  const float* x = this->in()->GetCpuData();
-  float* y = this->out()->GetCpuData();
+template <typename E>
+void GatherLayer<float>::Move(const E* x, E* y) const {
   const int64_t* index = resolved_.data();
   const int64_t count = static_cast<int64_t>(resolved_.size());
   const int64_t axis_dim = axis_dim_, inner = inner_;
@@ -141,10 +140,21 @@ void GatherLayer<float>::Run() {
         for (int64_t r = begin; r < end; ++r) {
           const int64_t o = r / count, k = r % count;
           std::memcpy(y + r * inner, x + (o * axis_dim + index[k]) * inner,
-                      static_cast<size_t>(inner) * sizeof(float));
+                      static_cast<size_t>(inner) * sizeof(E));
         }
       },
       std::max<int64_t>(1, kParallelGrain / inner));
+}
+
+template <>
+void GatherLayer<float>::Run() {
+  Move(this->in()->GetCpuData(), this->out()->GetCpuData());
+}
+
+template <>
+void GatherLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                   const std::vector<uint8_t*>& outputs, uint8_t fill) {
+  Move(inputs[0], outputs[0]);
 }
 
 // ---- Tile -----------------------------------------------------------------
@@ -181,10 +191,9 @@ void TileLayer<float>::Reshape() {
 }
 
 template <>
-void TileLayer<float>::Run() {
+template <typename E>
+void TileLayer<float>::Move(const E* x, E* y) const {
   const Data<float>* in = this->in();
-  const float* x = in->GetCpuData();
-  float* y = this->out()->GetCpuData();
   const int rank = in->NumAxes();
   Index in_dims{}, out_dims{}, in_strides{};
   for (int k = 0; k < rank; ++k) {
@@ -199,14 +208,25 @@ void TileLayer<float>::Run() {
       rows,
       [=](int64_t begin, int64_t end) {
         for (int64_t r = begin; r < end; ++r) {
-          const float* src = x + RowOffset(r, rank, out_dims.data(), in_dims.data(),
-                                           in_strides.data(), nullptr, nullptr, true);
-          float* dst = y + r * out_row;
+          const E* src = x + RowOffset(r, rank, out_dims.data(), in_dims.data(), in_strides.data(),
+                                       nullptr, nullptr, true);
+          E* dst = y + r * out_row;
           for (int64_t p = 0; p < out_row; p += in_row)
-            std::memcpy(dst + p, src, static_cast<size_t>(in_row) * sizeof(float));
+            std::memcpy(dst + p, src, static_cast<size_t>(in_row) * sizeof(E));
         }
       },
       std::max<int64_t>(1, kParallelGrain / out_row));
+}
+
+template <>
+void TileLayer<float>::Run() {
+  Move(this->in()->GetCpuData(), this->out()->GetCpuData());
+}
+
+template <>
+void TileLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                 const std::vector<uint8_t*>& outputs, uint8_t fill) {
+  Move(inputs[0], outputs[0]);
 }
 
 // ---- Crop -----------------------------------------------------------------
@@ -274,10 +294,9 @@ void CropLayer<float>::Reshape() {
 }
 
 template <>
-void CropLayer<float>::Run() {
+template <typename E>
+void CropLayer<float>::Move(const E* x, E* y) const {
   const Data<float>* in = this->in();
-  const float* x = in->GetCpuData();
-  float* y = this->out()->GetCpuData();
   const int rank = in->NumAxes();
   Index in_dims{}, out_dims{}, in_strides{}, first{}, step{};
   for (int k = 0; k < rank; ++k) {
@@ -295,18 +314,29 @@ void CropLayer<float>::Run() {
       rows,
       [=](int64_t begin, int64_t end) {
         for (int64_t r = begin; r < end; ++r) {
-          const float* src = x + last_first +
-                             RowOffset(r, rank, out_dims.data(), in_dims.data(), in_strides.data(),
-                                       first.data(), step.data(), false);
-          float* dst = y + r * row;
+          const E* src = x + last_first +
+                         RowOffset(r, rank, out_dims.data(), in_dims.data(), in_strides.data(),
+                                   first.data(), step.data(), false);
+          E* dst = y + r * row;
           if (last_step == 1) {
-            std::memcpy(dst, src, static_cast<size_t>(row) * sizeof(float));
+            std::memcpy(dst, src, static_cast<size_t>(row) * sizeof(E));
           } else {
             for (int64_t i = 0; i < row; ++i) dst[i] = src[i * last_step];
           }
         }
       },
       std::max<int64_t>(1, kParallelGrain / row));
+}
+
+template <>
+void CropLayer<float>::Run() {
+  Move(this->in()->GetCpuData(), this->out()->GetCpuData());
+}
+
+template <>
+void CropLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                 const std::vector<uint8_t*>& outputs, uint8_t fill) {
+  Move(inputs[0], outputs[0]);
 }
 
 // ---- Squeeze --------------------------------------------------------------
@@ -345,6 +375,12 @@ void SqueezeLayer<float>::Run() {
   ParallelCopyFloats(this->out()->GetCpuData(), this->in()->GetCpuData(), this->in()->Count(0));
 }
 
+template <>
+void SqueezeLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                    const std::vector<uint8_t*>& outputs, uint8_t) {
+  for (uint8_t* y : outputs) ParallelCopy(y, inputs[0], this->in()->Count(0));
+}
+
 // ---- ExpandDims -----------------------------------------------------------
 
 template <>
@@ -375,6 +411,12 @@ void ExpandDimsLayer<float>::Reshape() {
 template <>
 void ExpandDimsLayer<float>::Run() {
   ParallelCopyFloats(this->out()->GetCpuData(), this->in()->GetCpuData(), this->in()->Count(0));
+}
+
+template <>
+void ExpandDimsLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                       const std::vector<uint8_t*>& outputs, uint8_t) {
+  for (uint8_t* y : outputs) ParallelCopy(y, inputs[0], this->in()->Count(0));
 }
 
 }  // namespace qzdl

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "runtime/layer.h"
+#include "runtime/layers/element_mover.h"
 
 namespace qzdl {
 
@@ -15,8 +16,10 @@ namespace qzdl {
 // shape: [count] by default, `indices_dims` when given, or nothing at all
 // with `scalar_index` (one index; the axis disappears).
 template <typename T>
-class GatherLayer : public Layer<T> {
+class GatherLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   int Axis() const { return axis_; }
@@ -27,6 +30,9 @@ class GatherLayer : public Layer<T> {
   void Run() override;
 
  private:
+  // Run's kernel on any element type.
+  template <typename E>
+  void Move(const E* x, E* y) const;
   int axis_ = 0;
   std::vector<int> indices_;
   std::vector<int> indices_dims_;
@@ -40,8 +46,10 @@ class GatherLayer : public Layer<T> {
 // "Tile": repeats the whole input `repeats[k]` times along every axis k
 // (one entry per axis, the batch included).
 template <typename T>
-class TileLayer : public Layer<T> {
+class TileLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   const std::vector<int>& Repeats() const { return repeats_; }
@@ -50,6 +58,9 @@ class TileLayer : public Layer<T> {
   void Run() override;
 
  private:
+  // Run's kernel on any element type.
+  template <typename E>
+  void Move(const E* x, E* y) const;
   std::vector<int> repeats_;
 };
 
@@ -61,8 +72,10 @@ class TileLayer : public Layer<T> {
 // front"). Steps default to 1 and may be negative but not 0. Every axis of
 // the result must keep at least one element.
 template <typename T>
-class CropLayer : public Layer<T> {
+class CropLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   const std::vector<int>& Starts() const { return starts_; }
@@ -74,6 +87,9 @@ class CropLayer : public Layer<T> {
   void Run() override;
 
  private:
+  // Run's kernel on any element type.
+  template <typename E>
+  void Move(const E* x, E* y) const;
   std::vector<int> starts_, ends_, axes_, steps_;
   bool has_axes_ = false;
   // Set at Reshape, per input axis: first position and step.
@@ -83,8 +99,10 @@ class CropLayer : public Layer<T> {
 // "Squeeze": removes the listed size-1 axes, or every size-1 axis when
 // `axes` is absent or empty. At least one axis must remain.
 template <typename T>
-class SqueezeLayer : public Layer<T> {
+class SqueezeLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   bool InPlaceSafe() const override { return true; }
@@ -100,8 +118,10 @@ class SqueezeLayer : public Layer<T> {
 // "ExpandDims": inserts size-1 axes at the positions `axes` of the output
 // (ONNX Unsqueeze); negative positions count from the end of the output.
 template <typename T>
-class ExpandDimsLayer : public Layer<T> {
+class ExpandDimsLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   bool InPlaceSafe() const override { return true; }

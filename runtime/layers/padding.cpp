@@ -70,34 +70,44 @@ std::string PaddingLayer<float>::GetTypeDetail() {
 }
 
 template <>
-void PaddingLayer<float>::Run() {
-  const float* x = this->in()->GetCpuData();
-  float* y = this->out()->GetCpuData();
+template <typename E>
+void PaddingLayer<float>::Move(const E* x, E* y, E fill) const {
   const int64_t in_h = this->in()->GetDim(2), in_w = this->in()->GetDim(3);
   const int64_t out_h = this->out()->GetDim(2), out_w = this->out()->GetDim(3);
   const int64_t rows = this->out()->Count(0) / out_w;
   const int* src_y = src_y_.data();
   const int* src_x = src_x_.data();
-  const float value = value_;
+  const E value = fill;
   const int64_t left = left_, right = right_;
   ParallelFor(
       rows,
       [=](int64_t begin, int64_t end) {
         for (int64_t r = begin; r < end; ++r) {
           const int64_t plane = r / out_h, oy = r % out_h;
-          float* dst = y + r * out_w;
+          E* dst = y + r * out_w;
           if (src_y[oy] < 0) {
             std::fill(dst, dst + out_w, value);
             continue;
           }
-          const float* src = x + (plane * in_h + src_y[oy]) * in_w;
+          const E* src = x + (plane * in_h + src_y[oy]) * in_w;
           for (int64_t i = 0; i < left; ++i) dst[i] = src_x[i] < 0 ? value : src[src_x[i]];
-          std::memcpy(dst + left, src, static_cast<size_t>(in_w) * sizeof(float));
+          std::memcpy(dst + left, src, static_cast<size_t>(in_w) * sizeof(E));
           for (int64_t i = left + in_w; i < left + in_w + right; ++i)
             dst[i] = src_x[i] < 0 ? value : src[src_x[i]];
         }
       },
       std::max<int64_t>(1, kParallelGrain / out_w));
+}
+
+template <>
+void PaddingLayer<float>::Run() {
+  Move(this->in()->GetCpuData(), this->out()->GetCpuData(), value_);
+}
+
+template <>
+void PaddingLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                    const std::vector<uint8_t*>& outputs, uint8_t fill) {
+  Move(inputs[0], outputs[0], fill);
 }
 
 }  // namespace qzdl

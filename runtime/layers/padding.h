@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "runtime/layer.h"
+#include "runtime/layers/element_mover.h"
 
 namespace qzdl {
 
@@ -13,17 +14,23 @@ namespace qzdl {
 // the border (pads must be smaller than the padded axis), "edge" repeats the
 // border. "ZeroPadding" is the same layer restricted to constant zeros.
 template <typename T>
-class PaddingLayer : public Layer<T> {
+class PaddingLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   std::string GetTypeDetail() override;
   const std::string& Mode() const { return mode_; }
+  float FillValue() const override { return value_; }
 
  protected:
   void Run() override;
 
  private:
+  // Run's kernel on any element type.
+  template <typename E>
+  void Move(const E* x, E* y, E fill) const;
   std::string mode_ = "constant";
   float value_ = 0.0f;
   int top_ = 0;

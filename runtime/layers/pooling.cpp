@@ -123,53 +123,86 @@ std::string PoolingLayer<float>::GetTypeDetail() {
 }
 
 template <>
-void PoolingLayer<float>::Run() {
+PoolShape PoolingLayer<float>::Shape() const {
+  PoolShape s;
   const Data<float>* in = this->in();
-  Data<float>* out = this->out();
-  const int64_t h = in->GetDim(2), w = in->GetDim(3);
-  const int64_t oh = out->GetDim(2), ow = out->GetDim(3);
-  const int64_t kh = kernel_h_, kw = kernel_w_, sh = stride_h_, sw = stride_w_;
-  const int64_t pt = pad_top_, pb = pad_bottom_, pl = pad_left_, pr = pad_right_;
-  const bool is_max = method_ == Method::kMax;
-  const bool include_pad = count_include_pad_;
-  const float* x = in->GetCpuData();
-  float* y = out->GetCpuData();
+  const Data<float>* out = this->out();
+  s.planes = int64_t(in->GetDim(0)) * in->GetDim(1);
+  s.in_h = in->GetDim(2), s.in_w = in->GetDim(3);
+  s.out_h = out->GetDim(2), s.out_w = out->GetDim(3);
+  s.kernel_h = kernel_h_, s.kernel_w = kernel_w_, s.stride_h = stride_h_, s.stride_w = stride_w_;
+  s.pad_top = pad_top_, s.pad_bottom = pad_bottom_, s.pad_left = pad_left_,
+  s.pad_right = pad_right_;
+  s.count_include_pad = count_include_pad_;
+  return s;
+}
 
-  // One task is one output row of one plane; each output element is computed
-  // by one task in a fixed order.
-  const int64_t rows = int64_t(in->GetDim(0)) * in->GetDim(1) * oh;
-  const int64_t work_per_row = std::max<int64_t>(1, ow * kh * kw);
+namespace {
+
+// One task is one output row of one plane; each output element is computed
+// by one task in a fixed order.
+template <typename Fn>
+void ForEachPoolRow(const PoolShape& s, Fn row_fn) {
+  const int64_t work_per_row = std::max<int64_t>(1, s.out_w * s.kernel_h * s.kernel_w);
   ParallelFor(
-      rows,
+      s.planes * s.out_h,
       [=](int64_t begin, int64_t end) {
-        for (int64_t r = begin; r < end; ++r) {
-          const int64_t plane = r / oh, row = r % oh;
-          const float* xp = x + plane * h * w;
-          float* yr = y + plane * oh * ow + row * ow;
-          const int64_t hs_pad = row * sh - pt;
-          const int64_t he_pad = std::min(hs_pad + kh, h + pb);
-          const int64_t hs = std::max<int64_t>(hs_pad, 0), he = std::min(he_pad, h);
-          for (int64_t col = 0; col < ow; ++col) {
-            const int64_t ws_pad = col * sw - pl;
-            const int64_t we_pad = std::min(ws_pad + kw, w + pr);
-            const int64_t ws = std::max<int64_t>(ws_pad, 0), we = std::min(we_pad, w);
-            if (is_max) {
-              float m = -std::numeric_limits<float>::infinity();
-              for (int64_t i = hs; i < he; ++i)
-                for (int64_t j = ws; j < we; ++j) m = std::max(m, xp[i * w + j]);
-              yr[col] = m;
-            } else {
-              double sum = 0.0;
-              for (int64_t i = hs; i < he; ++i)
-                for (int64_t j = ws; j < we; ++j) sum += xp[i * w + j];
-              const int64_t count =
-                  include_pad ? (he_pad - hs_pad) * (we_pad - ws_pad) : (he - hs) * (we - ws);
-              yr[col] = static_cast<float>(sum / static_cast<double>(count));
-            }
-          }
-        }
+        for (int64_t r = begin; r < end; ++r) row_fn(r / s.out_h, r % s.out_h);
       },
       std::max<int64_t>(1, kParallelGrain / work_per_row));
+}
+
+}  // namespace
+
+template <typename E>
+void MaxPoolKernel(const PoolShape& s, const E* x, E* y) {
+  // Every window holds at least one input element (the pads are smaller than
+  // the kernel), so the start value is always replaced.
+  const E lowest = std::numeric_limits<E>::has_infinity ? -std::numeric_limits<E>::infinity()
+                                                        : std::numeric_limits<E>::lowest();
+  ForEachPoolRow(s, [=](int64_t plane, int64_t row) {
+    const E* xp = x + plane * s.in_h * s.in_w;
+    E* yr = y + (plane * s.out_h + row) * s.out_w;
+    const PoolSpan hs =
+        PoolWindowSpan(row, s.stride_h, s.pad_top, s.kernel_h, s.in_h, s.pad_bottom);
+    for (int64_t col = 0; col < s.out_w; ++col) {
+      const PoolSpan ws =
+          PoolWindowSpan(col, s.stride_w, s.pad_left, s.kernel_w, s.in_w, s.pad_right);
+      E m = lowest;
+      for (int64_t i = hs.begin; i < hs.end; ++i)
+        for (int64_t j = ws.begin; j < ws.end; ++j) m = std::max(m, xp[i * s.in_w + j]);
+      yr[col] = m;
+    }
+  });
+}
+
+template void MaxPoolKernel<float>(const PoolShape&, const float*, float*);
+template void MaxPoolKernel<uint8_t>(const PoolShape&, const uint8_t*, uint8_t*);
+
+template <>
+void PoolingLayer<float>::Run() {
+  const PoolShape s = Shape();
+  const float* x = this->in()->GetCpuData();
+  float* y = this->out()->GetCpuData();
+  if (method_ == Method::kMax) {
+    MaxPoolKernel(s, x, y);
+    return;
+  }
+  ForEachPoolRow(s, [=](int64_t plane, int64_t row) {
+    const float* xp = x + plane * s.in_h * s.in_w;
+    float* yr = y + (plane * s.out_h + row) * s.out_w;
+    const PoolSpan hs =
+        PoolWindowSpan(row, s.stride_h, s.pad_top, s.kernel_h, s.in_h, s.pad_bottom);
+    for (int64_t col = 0; col < s.out_w; ++col) {
+      const PoolSpan ws =
+          PoolWindowSpan(col, s.stride_w, s.pad_left, s.kernel_w, s.in_w, s.pad_right);
+      double sum = 0.0;
+      for (int64_t i = hs.begin; i < hs.end; ++i)
+        for (int64_t j = ws.begin; j < ws.end; ++j) sum += xp[i * s.in_w + j];
+      const int64_t count = PoolWindowCount(hs, ws, s.count_include_pad);
+      yr[col] = static_cast<float>(sum / static_cast<double>(count));
+    }
+  });
 }
 
 }  // namespace qzdl

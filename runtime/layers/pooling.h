@@ -2,11 +2,49 @@
 // windowed or global.
 #pragma once
 
+#include <algorithm>
+#include <cstdint>
 #include <string>
 
 #include "runtime/layer.h"
 
 namespace qzdl {
+
+// The windows of one pooling over `planes` NCHW planes: input and output
+// sizes, kernel, stride, pads, and which count an average divides by.
+struct PoolShape {
+  int64_t planes = 0;
+  int64_t in_h = 0, in_w = 0, out_h = 0, out_w = 0;
+  int64_t kernel_h = 0, kernel_w = 0, stride_h = 1, stride_w = 1;
+  int64_t pad_top = 0, pad_bottom = 0, pad_left = 0, pad_right = 0;
+  bool count_include_pad = true;
+};
+
+// One axis of the window of output index `index`: [begin_pad, end_pad) with
+// the padding (clipped at the end of the trailing padding) and [begin, end)
+// on the input.
+struct PoolSpan {
+  int64_t begin_pad, end_pad, begin, end;
+};
+inline PoolSpan PoolWindowSpan(int64_t index, int64_t stride, int64_t pad_begin, int64_t kernel,
+                               int64_t in, int64_t pad_end) {
+  PoolSpan s;
+  s.begin_pad = index * stride - pad_begin;
+  s.end_pad = std::min(s.begin_pad + kernel, in + pad_end);
+  s.begin = std::max<int64_t>(s.begin_pad, 0);
+  s.end = std::min(s.end_pad, in);
+  return s;
+}
+// The count an average pooling window divides by.
+inline int64_t PoolWindowCount(const PoolSpan& h, const PoolSpan& w, bool include_pad) {
+  return include_pad ? (h.end_pad - h.begin_pad) * (w.end_pad - w.begin_pad)
+                     : (h.end - h.begin) * (w.end - w.begin);
+}
+
+// Max pooling of every window, for float values and for 8-bit codes (whose
+// order is that of their real values).
+template <typename E>
+void MaxPoolKernel(const PoolShape& s, const E* x, E* y);
 
 template <typename T>
 class PoolingLayer : public Layer<T> {
@@ -31,6 +69,8 @@ class PoolingLayer : public Layer<T> {
   int PadRight() const { return pad_right_; }
   bool CeilMode() const { return ceil_mode_; }
   bool CountIncludePad() const { return count_include_pad_; }
+  // The windows of the last Reshape.
+  PoolShape Shape() const;
 
  protected:
   void Run() override;

@@ -11,8 +11,6 @@ namespace qzdl {
 
 namespace {
 
-// Copies below this many floats stay on one thread.
-constexpr int64_t kCopyGrain = int64_t(1) << 18;
 // Permute supports as many axes as a tensor may have.
 constexpr int kMaxAxes = 8;
 // Edge of the square tiles of the transposing permute.
@@ -36,15 +34,7 @@ std::string CountText(const std::vector<int>& dims) {
 
 }  // namespace
 
-void ParallelCopyFloats(float* dst, const float* src, int64_t n) {
-  if (dst == src || n <= 0) return;
-  ParallelFor(
-      n,
-      [=](int64_t begin, int64_t end) {
-        std::memcpy(dst + begin, src + begin, static_cast<size_t>(end - begin) * sizeof(float));
-      },
-      kCopyGrain);
-}
+void ParallelCopyFloats(float* dst, const float* src, int64_t n) { ParallelCopy(dst, src, n); }
 
 // ---------------------------------------------------------------------------
 // Reshape
@@ -112,6 +102,12 @@ void ReshapeLayer<float>::Run() {
   ParallelCopyFloats(this->out()->GetCpuData(), this->in()->GetCpuData(), this->in()->Count(0));
 }
 
+template <>
+void ReshapeLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                    const std::vector<uint8_t*>& outputs, uint8_t) {
+  for (uint8_t* y : outputs) ParallelCopy(y, inputs[0], this->in()->Count(0));
+}
+
 // ---------------------------------------------------------------------------
 // Flatten
 
@@ -147,6 +143,12 @@ void FlattenLayer<float>::Reshape() {
 template <>
 void FlattenLayer<float>::Run() {
   ParallelCopyFloats(this->out()->GetCpuData(), this->in()->GetCpuData(), this->in()->Count(0));
+}
+
+template <>
+void FlattenLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                    const std::vector<uint8_t*>& outputs, uint8_t) {
+  for (uint8_t* y : outputs) ParallelCopy(y, inputs[0], this->in()->Count(0));
 }
 
 // ---------------------------------------------------------------------------
@@ -210,9 +212,8 @@ void PermuteLayer<float>::Reshape() {
 }
 
 template <>
-void PermuteLayer<float>::Run() {
-  const float* x = this->in()->GetCpuData();
-  float* y = this->out()->GetCpuData();
+template <typename E>
+void PermuteLayer<float>::Move(const E* x, E* y) const {
   const int r = static_cast<int>(dims_.size());
   std::array<int64_t, kMaxAxes> dims{}, in_strides{}, out_strides{};
   for (int k = 0; k < r; ++k) {
@@ -238,7 +239,7 @@ void PermuteLayer<float>::Run() {
             offset += idx[k] * in_strides[k];
           }
           for (int64_t i = begin; i < end; ++i) {
-            std::memcpy(y + i * row, x + offset, static_cast<size_t>(row) * sizeof(float));
+            std::memcpy(y + i * row, x + offset, static_cast<size_t>(row) * sizeof(E));
             for (int k = r - 2; k >= 0; --k) {  // next row index, odometer style
               offset += in_strides[k];
               if (++idx[k] < dims[k]) break;
@@ -276,13 +277,24 @@ void PermuteLayer<float>::Run() {
           const int64_t l0 = tl * kTile, l1 = std::min(dims[last], l0 + kTile);
           const int64_t in_l = in_strides[last], out_a = out_strides[a];
           for (int64_t i = a0; i < a1; ++i) {
-            const float* src = x + in_base + i;
-            float* dst = y + out_base + i * out_a;
+            const E* src = x + in_base + i;
+            E* dst = y + out_base + i * out_a;
             for (int64_t j = l0; j < l1; ++j) dst[j] = src[j * in_l];
           }
         }
       },
       std::max<int64_t>(1, kParallelGrain / (kTile * kTile)));
+}
+
+template <>
+void PermuteLayer<float>::Run() {
+  Move(this->in()->GetCpuData(), this->out()->GetCpuData());
+}
+
+template <>
+void PermuteLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                    const std::vector<uint8_t*>& outputs, uint8_t fill) {
+  Move(inputs[0], outputs[0]);
 }
 
 // ---------------------------------------------------------------------------

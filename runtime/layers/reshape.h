@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "runtime/layer.h"
+#include "runtime/layers/element_mover.h"
 
 namespace qzdl {
 
@@ -25,8 +26,10 @@ void ParallelCopyFloats(float* dst, const float* src, int64_t n);
 // A second input (a shape tensor left by some converters) is accepted and not
 // read: the shape comes from `shapes` alone.
 template <typename T>
-class ReshapeLayer : public Layer<T> {
+class ReshapeLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   bool InPlaceSafe() const override { return true; }
@@ -42,8 +45,10 @@ class ReshapeLayer : public Layer<T> {
 // "Flatten": merges axes axis..end_axis (negative values count from the end)
 // into one. Defaults axis 1, end_axis -1 give N x (C*H*W).
 template <typename T>
-class FlattenLayer : public Layer<T> {
+class FlattenLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   bool InPlaceSafe() const override { return true; }
@@ -60,8 +65,10 @@ class FlattenLayer : public Layer<T> {
 // Axes that stay neighbours are merged first, so an NCHW -> NHWC permute runs
 // as a batch of 2-d transposes, done in cache-sized tiles.
 template <typename T>
-class PermuteLayer : public Layer<T> {
+class PermuteLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   const std::vector<int>& Order() const { return order_; }
@@ -70,6 +77,9 @@ class PermuteLayer : public Layer<T> {
   void Run() override;
 
  private:
+  // Run's kernel on any element type.
+  template <typename E>
+  void Move(const E* x, E* y) const;
   std::vector<int> order_;
   // The permute after merging: dims of the output (outer to inner) and the
   // input stride of each of them.

@@ -30,9 +30,8 @@ void ShuffleChannelLayer<float>::Reshape() {
 }
 
 template <>
-void ShuffleChannelLayer<float>::Run() {
-  const float* x = this->in()->GetCpuData();
-  float* y = this->out()->GetCpuData();
+template <typename E>
+void ShuffleChannelLayer<float>::Move(const E* x, E* y) const {
   const int64_t channels = this->in()->GetDim(1);
   const int64_t plane = this->in()->Count(2);
   const int64_t group = group_, per_group = channels / group_;
@@ -43,11 +42,22 @@ void ShuffleChannelLayer<float>::Run() {
         for (int64_t p = begin; p < end; ++p) {
           const int64_t n = p / channels, c = p % channels;  // output channel c = j * group + i
           const int64_t j = c / group, i = c % group;
-          const float* src = x + (n * channels + i * per_group + j) * plane;
-          std::memcpy(y + p * plane, src, static_cast<size_t>(plane) * sizeof(float));
+          const E* src = x + (n * channels + i * per_group + j) * plane;
+          std::memcpy(y + p * plane, src, static_cast<size_t>(plane) * sizeof(E));
         }
       },
       std::max<int64_t>(1, kParallelGrain / plane));
+}
+
+template <>
+void ShuffleChannelLayer<float>::Run() {
+  Move(this->in()->GetCpuData(), this->out()->GetCpuData());
+}
+
+template <>
+void ShuffleChannelLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                           const std::vector<uint8_t*>& outputs, uint8_t fill) {
+  Move(inputs[0], outputs[0]);
 }
 
 }  // namespace qzdl

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "runtime/layer.h"
+#include "runtime/layers/element_mover.h"
 
 namespace qzdl {
 
@@ -10,8 +11,10 @@ namespace qzdl {
 // j * group + i is input channel i * (C / group) + j. Axis 1 is the channel
 // axis; the axes after it (any number, usually H and W) move together.
 template <typename T>
-class ShuffleChannelLayer : public Layer<T> {
+class ShuffleChannelLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   int Group() const { return group_; }
@@ -20,6 +23,9 @@ class ShuffleChannelLayer : public Layer<T> {
   void Run() override;
 
  private:
+  // Run's kernel on any element type.
+  template <typename E>
+  void Move(const E* x, E* y) const;
   int group_ = 1;
 };
 

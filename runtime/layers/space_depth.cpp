@@ -51,9 +51,8 @@ void DepthToSpaceLayer<float>::Reshape() {
 }
 
 template <>
-void DepthToSpaceLayer<float>::Run() {
-  const float* x = this->in()->GetCpuData();
-  float* y = this->out()->GetCpuData();
+template <typename E>
+void DepthToSpaceLayer<float>::Move(const E* x, E* y) const {
   const Data<float>* out = this->out();
   const int64_t b = block_, oc = out->GetDim(1), oh = out->GetDim(2), ow = out->GetDim(3);
   const int64_t ih = oh / b, iw = ow / b;
@@ -65,15 +64,26 @@ void DepthToSpaceLayer<float>::Run() {
         for (int64_t r = begin; r < end; ++r) {
           const int64_t row = r % oh, c = (r / oh) % oc, n = r / (oh * oc);
           const int64_t h = row / b, i = row % b;
-          float* dst = y + r * ow;
+          E* dst = y + r * ow;
           for (int64_t j = 0; j < b; ++j) {
             const int64_t ic = crd ? (c * b + i) * b + j : (i * b + j) * oc + c;
-            const float* src = x + ((n * oc * b * b + ic) * ih + h) * iw;
+            const E* src = x + ((n * oc * b * b + ic) * ih + h) * iw;
             for (int64_t w = 0; w < iw; ++w) dst[w * b + j] = src[w];
           }
         }
       },
       std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(1, ow)));
+}
+
+template <>
+void DepthToSpaceLayer<float>::Run() {
+  Move(this->in()->GetCpuData(), this->out()->GetCpuData());
+}
+
+template <>
+void DepthToSpaceLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                         const std::vector<uint8_t*>& outputs, uint8_t fill) {
+  Move(inputs[0], outputs[0]);
 }
 
 // ---- SpaceToDepth ---------------------------------------------------------
@@ -100,9 +110,8 @@ void SpaceToDepthLayer<float>::Reshape() {
 }
 
 template <>
-void SpaceToDepthLayer<float>::Run() {
-  const float* x = this->in()->GetCpuData();
-  float* y = this->out()->GetCpuData();
+template <typename E>
+void SpaceToDepthLayer<float>::Move(const E* x, E* y) const {
   const Data<float>* in = this->in();
   const Data<float>* out = this->out();
   const int64_t b = block_, ic = in->GetDim(1), iw = in->GetDim(3);
@@ -114,12 +123,23 @@ void SpaceToDepthLayer<float>::Run() {
         for (int64_t r = begin; r < end; ++r) {
           const int64_t h = r % oh, co = (r / oh) % oc, n = r / (oh * oc);
           const int64_t c = co % ic, offset = co / ic, i = offset / b, j = offset % b;
-          const float* src = x + ((n * ic + c) * oh * b + h * b + i) * iw + j;
-          float* dst = y + r * ow;
+          const E* src = x + ((n * ic + c) * oh * b + h * b + i) * iw + j;
+          E* dst = y + r * ow;
           for (int64_t w = 0; w < ow; ++w) dst[w] = src[w * b];
         }
       },
       std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(1, ow)));
+}
+
+template <>
+void SpaceToDepthLayer<float>::Run() {
+  Move(this->in()->GetCpuData(), this->out()->GetCpuData());
+}
+
+template <>
+void SpaceToDepthLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                         const std::vector<uint8_t*>& outputs, uint8_t fill) {
+  Move(inputs[0], outputs[0]);
 }
 
 }  // namespace qzdl

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "runtime/layer.h"
+#include "runtime/layers/element_mover.h"
 
 namespace qzdl {
 
@@ -13,8 +14,10 @@ namespace qzdl {
 // channel c at offset (i, j) of a block comes from input channel
 // (i * b + j) * C + c; with "CRD" from c * b * b + i * b + j.
 template <typename T>
-class DepthToSpaceLayer : public Layer<T> {
+class DepthToSpaceLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   // "DepthToSpace(DCR)" or "DepthToSpace(CRD)".
@@ -26,6 +29,9 @@ class DepthToSpaceLayer : public Layer<T> {
   void Run() override;
 
  private:
+  // Run's kernel on any element type.
+  template <typename E>
+  void Move(const E* x, E* y) const;
   int block_ = 1;
   bool crd_ = false;
 };
@@ -34,8 +40,10 @@ class DepthToSpaceLayer : public Layer<T> {
 // of DepthToSpace in DCR mode: output channel (i * b + j) * C + c holds the
 // input pixels at offset (i, j) of each block of channel c.
 template <typename T>
-class SpaceToDepthLayer : public Layer<T> {
+class SpaceToDepthLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   int BlockSize() const { return block_; }
@@ -44,6 +52,9 @@ class SpaceToDepthLayer : public Layer<T> {
   void Run() override;
 
  private:
+  // Run's kernel on any element type.
+  template <typename E>
+  void Move(const E* x, E* y) const;
   int block_ = 1;
 };
 

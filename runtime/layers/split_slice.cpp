@@ -29,6 +29,12 @@ void SplitLayer<float>::Run() {
   for (Data<float>* o : this->GetOutputs()) ParallelCopyFloats(o->GetCpuData(), x, count);
 }
 
+template <>
+void SplitLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                  const std::vector<uint8_t*>& outputs, uint8_t) {
+  for (uint8_t* y : outputs) ParallelCopy(y, inputs[0], this->in()->Count(0));
+}
+
 // ---------------------------------------------------------------------------
 // Slice
 
@@ -92,25 +98,37 @@ void SliceLayer<float>::Reshape() {
 }
 
 template <>
-void SliceLayer<float>::Run() {
-  const float* x = this->in()->GetCpuData();
+template <typename E, typename Output>
+void SliceLayer<float>::Move(const E* x, Output output) const {
   const int64_t outer = outer_, inner = inner_, in_row = axis_dim_ * inner_;
   for (size_t k = 0; k < lengths_.size(); ++k) {
-    float* y = this->out(static_cast<int>(k))->GetCpuData();
+    E* y = output(k);
     const int64_t row = lengths_[k] * inner;
-    const float* src = x + starts_[k] * inner;
+    const E* src = x + starts_[k] * inner;
     if (outer == 1) {
-      ParallelCopyFloats(y, src, row);
+      ParallelCopy(y, src, row);
       continue;
     }
     ParallelFor(
         outer,
         [=](int64_t begin, int64_t end) {
           for (int64_t o = begin; o < end; ++o)
-            std::memcpy(y + o * row, src + o * in_row, static_cast<size_t>(row) * sizeof(float));
+            std::memcpy(y + o * row, src + o * in_row, static_cast<size_t>(row) * sizeof(E));
         },
         std::max<int64_t>(1, kParallelGrain / row));
   }
+}
+
+template <>
+void SliceLayer<float>::Run() {
+  Move(static_cast<const float*>(this->in()->GetCpuData()),
+       [this](size_t k) { return this->out(static_cast<int>(k))->GetCpuData(); });
+}
+
+template <>
+void SliceLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                  const std::vector<uint8_t*>& outputs, uint8_t) {
+  Move(inputs[0], [&](size_t k) { return outputs[k]; });
 }
 
 }  // namespace qzdl

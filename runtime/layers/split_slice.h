@@ -5,14 +5,17 @@
 #include <vector>
 
 #include "runtime/layer.h"
+#include "runtime/layers/element_mover.h"
 
 namespace qzdl {
 
 // "Split": every output is a copy of the one input, with its shape. One of
 // the outputs may be the input itself (nothing to copy for that one).
 template <typename T>
-class SplitLayer : public Layer<T> {
+class SplitLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   bool InPlaceSafe() const override { return true; }
@@ -25,8 +28,10 @@ class SplitLayer : public Layer<T> {
 // output. `slice_point` lists the ascending cut positions (outputs = points
 // + 1); without it the axis is divided evenly among the outputs.
 template <typename T>
-class SliceLayer : public Layer<T> {
+class SliceLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   int Axis() const { return axis_; }
@@ -36,6 +41,9 @@ class SliceLayer : public Layer<T> {
   void Run() override;
 
  private:
+  // Run's kernel on any element type; output(k) is the data of output k.
+  template <typename E, typename Output>
+  void Move(const E* x, Output output) const;
   int axis_ = 1;
   std::vector<int> slice_points_;
   // For the current shape: product of the dims before / after the axis, and

@@ -147,7 +147,37 @@ std::string UpsampleLayer<float>::GetTypeDetail() {
 }
 
 template <>
+template <typename E>
+void UpsampleLayer<float>::Move(const E* x, E* y) const {
+  const int64_t in_h = this->in()->GetDim(2), in_w = this->in()->GetDim(3);
+  const int64_t out_h = this->out()->GetDim(2), out_w = this->out()->GetDim(3);
+  const int64_t rows = this->in()->Count(0) / (in_h * in_w) * out_h;
+  const int* y0 = y0_.data();
+  const int* x0 = x0_.data();
+  const int64_t grain = std::max<int64_t>(1, kParallelGrain / out_w);
+  ParallelFor(
+      rows,
+      [=](int64_t begin, int64_t end) {
+        for (int64_t r = begin; r < end; ++r) {
+          const int64_t plane = r / out_h, oy = r % out_h;
+          E* dst = y + r * out_w;
+          if (r > begin && oy > 0 && y0[oy] == y0[oy - 1]) {  // repeated source row
+            std::memcpy(dst, dst - out_w, static_cast<size_t>(out_w) * sizeof(E));
+            continue;
+          }
+          const E* src = x + (plane * in_h + y0[oy]) * in_w;
+          for (int64_t ox = 0; ox < out_w; ++ox) dst[ox] = src[x0[ox]];
+        }
+      },
+      grain);
+}
+
+template <>
 void UpsampleLayer<float>::Run() {
+  if (mode_ == "nearest") {
+    Move(this->in()->GetCpuData(), this->out()->GetCpuData());
+    return;
+  }
   const float* x = this->in()->GetCpuData();
   float* y = this->out()->GetCpuData();
   const int64_t in_h = this->in()->GetDim(2), in_w = this->in()->GetDim(3);
@@ -156,26 +186,6 @@ void UpsampleLayer<float>::Run() {
   const int* y0 = y0_.data();
   const int* x0 = x0_.data();
   const int64_t grain = std::max<int64_t>(1, kParallelGrain / out_w);
-
-  if (mode_ == "nearest") {
-    ParallelFor(
-        rows,
-        [=](int64_t begin, int64_t end) {
-          for (int64_t r = begin; r < end; ++r) {
-            const int64_t plane = r / out_h, oy = r % out_h;
-            float* dst = y + r * out_w;
-            if (r > begin && oy > 0 && y0[oy] == y0[oy - 1]) {  // repeated source row
-              std::memcpy(dst, dst - out_w, static_cast<size_t>(out_w) * sizeof(float));
-              continue;
-            }
-            const float* src = x + (plane * in_h + y0[oy]) * in_w;
-            for (int64_t ox = 0; ox < out_w; ++ox) dst[ox] = src[x0[ox]];
-          }
-        },
-        grain);
-    return;
-  }
-
   const int *y1 = y1_.data(), *x1 = x1_.data();
   const float *wy0 = wy0_.data(), *wy1 = wy1_.data(), *wx0 = wx0_.data(), *wx1 = wx1_.data();
   ParallelFor(
@@ -197,6 +207,12 @@ void UpsampleLayer<float>::Run() {
         }
       },
       grain);
+}
+
+template <>
+void UpsampleLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inputs,
+                                     const std::vector<uint8_t*>& outputs, uint8_t) {
+  Move(inputs[0], outputs[0]);
 }
 
 }  // namespace qzdl

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "runtime/layer.h"
+#include "runtime/layers/element_mover.h"
 
 namespace qzdl {
 
@@ -24,18 +25,25 @@ namespace qzdl {
 //   l0_h * (l0_w * x[i0h][i0w] + l1_w * x[i0h][i1w]) +
 //   l1_h * (l0_w * x[i1h][i0w] + l1_w * x[i1h][i1w]).
 template <typename T>
-class UpsampleLayer : public Layer<T> {
+class UpsampleLayer : public Layer<T>, public ElementMover {
  public:
+  void MoveCodes(const std::vector<const uint8_t*>& inputs, const std::vector<uint8_t*>& outputs,
+                 uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   std::string GetTypeDetail() override;
   const std::string& Mode() const { return mode_; }
+  // Only the nearest mode moves elements; bilinear computes.
+  bool MovesElements() const override { return mode_ == "nearest"; }
   bool AlignCorners() const { return align_corners_; }
 
  protected:
   void Run() override;
 
  private:
+  // The nearest mode's kernel on any element type.
+  template <typename E>
+  void Move(const E* x, E* y) const;
   std::string mode_ = "nearest";
   bool align_corners_ = false;
   // Either factors (> 0) or a fixed output size (> 0).

@@ -27,6 +27,14 @@ int64_t ExactRound(int64_t acc, int64_t m, int n) {
   return static_cast<int64_t>(FloorDiv(2 * static_cast<int128>(acc) * m + (den >> 1), den));
 }
 
+// The same, clamped to +-2^30 before it is narrowed.
+int64_t ExactRoundClamped(int64_t acc, int64_t m, int n) {
+  const int128 den = static_cast<int128>(1) << (n + 1);
+  const int128 v = FloorDiv(2 * static_cast<int128>(acc) * m + (den >> 1), den);
+  const int128 limit = int128{1} << 30;
+  return static_cast<int64_t>(v < -limit ? -limit : v > limit ? limit : v);
+}
+
 TEST(Requantize, MultiplierFromFrexp) {
   const Requantizer half = MakeRequantizer(0.5, false);
   EXPECT_EQ(half.multiplier, 1 << 30);
@@ -73,6 +81,40 @@ TEST(Requantize, FixedPointRoundsOnceExactly) {
     want = std::max<int64_t>(-(int64_t{1} << 30), std::min<int64_t>(int64_t{1} << 30, want));
     ASSERT_EQ(RequantizeRaw(acc, r), want) << acc << " * " << r.multiplier << " >> " << r.shift;
   }
+}
+
+TEST(Requantize, SixtyFourBitAccumulatorsRoundOnceExactly) {
+  std::mt19937_64 rng(13);
+  std::uniform_int_distribution<int> bits(0, 63);
+  std::uniform_real_distribution<double> exponent(-70.0, 10.0);
+  for (int i = 0; i < 300000; ++i) {
+    const Requantizer r = MakeRequantizer(std::exp2(exponent(rng)), false);
+    // Magnitudes spread over every bit length, both signs, and the ends.
+    int64_t acc = static_cast<int64_t>(rng() >> bits(rng));
+    if (i & 1) acc = -acc;
+    if (i % 1000 == 0) acc = (i & 2) ? INT64_MAX : -INT64_MAX;
+    int64_t want = r.saturate          ? (acc > 0   ? INT64_MAX
+                                          : acc < 0 ? INT64_MIN
+                                                    : 0)
+                   : r.multiplier != 0 ? ExactRoundClamped(acc, r.multiplier, r.shift)
+                   : r.wide_multiplier != 0
+                       ? ExactRoundClamped(acc, r.wide_multiplier, r.wide_shift)
+                       : 0;
+    want = std::max<int64_t>(-(int64_t{1} << 30), std::min<int64_t>(int64_t{1} << 30, want));
+    ASSERT_EQ(RequantizeRaw64(acc, r), want) << acc << " * " << r.multiplier << " >> " << r.shift;
+  }
+  // Ties go up beyond the int32 range too: (2^33 + 1) / 2 and its negative.
+  const Requantizer half = MakeRequantizer(0.5, false);
+  EXPECT_EQ(RequantizeRaw64((int64_t{1} << 31) + 1, half), 1 << 30);
+  const Requantizer eighth = MakeRequantizer(std::ldexp(1.0, -34), false);
+  EXPECT_EQ(RequantizeRaw64(int64_t{3} << 33, eighth), 2);      // 1.5
+  EXPECT_EQ(RequantizeRaw64(-(int64_t{3} << 33), eighth), -1);  // -1.5
+  EXPECT_EQ(Requantize64(-(int64_t{5} << 33), eighth, 10), 8);  // -2.5
+  // A multiplier below 2^-32 still counts for 64-bit accumulators.
+  const Requantizer tiny = MakeRequantizer(std::ldexp(1.0, -40), false);
+  EXPECT_EQ(RequantizeRaw64(int64_t{5} << 39, tiny), 3);  // 2.5
+  EXPECT_EQ(RequantizeRaw64(INT32_MAX, tiny), 0);
+  EXPECT_EQ(RequantizeRaw64(INT64_MAX, MakeRequantizer(std::ldexp(1.0, -70), false)), 0);
 }
 
 TEST(Requantize, TiesGoUp) {
