@@ -80,6 +80,25 @@ void WeightedInt8Layer::Prepare() {
     q_.bias.push_back(bias->GetCpuData()[o]);
     q_.requantizer.push_back(r);
   }
+  PrepareKernel();
+}
+
+const float* WeightedInt8Layer::CentredWeights() {
+  auto it = GetFloatAttrDatas().find("weight_centered");
+  if (it == GetFloatAttrDatas().end() || it->second == nullptr) {
+    BuildCentredWeights();
+    it = GetFloatAttrDatas().find("weight_centered");
+  }
+  return it->second->GetCpuData();
+}
+
+void WeightedInt8Layer::BuildCentredWeights() {
+  const int out = OutputChannels();
+  const Data<unsigned char>* codes = GetUint8AttrDatas().at("weight");
+  const int64_t k_dim = out > 0 ? codes->Count(0) / out : 0;
+  Data<float>* centred = Attr(GetFloatAttrDatas(), "weight_centered", {out, static_cast<int>(k_dim)});
+  CentreWeights(out, k_dim, codes->GetCpuData(), q_.weight_zero,
+                [this](int o, int64_t k) { return ChannelWeightAt(o, k); }, centred->GetCpuData());
 }
 
 bool WeightedInt8Layer::ComputesInIntegers() {
@@ -118,6 +137,7 @@ void WeightedInt8Layer::AdoptSaved(const QuantizedBlob& weight, const QuantizedB
   std::memcpy(w->GetCpuData(), codes, static_cast<size_t>(w->Count(0)));
   Data<int>* b = GetInt32AttrDatas()["bias"];
   for (size_t o = 0; o < saved_bias.size(); ++o) q_.bias[o] = b->GetCpuData()[o] = saved_bias[o];
+  PrepareKernel();
 }
 
 void WeightedInt8Layer::Run() {
@@ -131,9 +151,13 @@ void WeightedInt8Layer::Run() {
   RunCodes(x->GetCpuData(), GetUint8AttrDatas()["weight"]->GetCpuData(), y->GetCpuData());
 }
 
-void ConvolutionInt8Layer::RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) {
-  const ConvGeometry& g = static_cast<ConvolutionLayer<float>*>(Twin())->geometry();
-  ReferenceConvolutionU8(g, x, input_zero_, weight, q_, y);
+void ConvolutionInt8Layer::Reshape() {
+  WeightedInt8Layer::Reshape();
+  kernel_.Reshape(static_cast<ConvolutionLayer<float>*>(Twin())->geometry());
+}
+
+void ConvolutionInt8Layer::RunCodes(const uint8_t* x, const uint8_t*, uint8_t* y) {
+  kernel_.Run(x, input_zero_, CentredWeights(), q_, y);
 }
 
 int64_t ConvolutionInt8Layer::ChannelWeightAt(int o, int64_t k) const {
@@ -161,13 +185,14 @@ const InnerProductLayer<float>& InnerProduct(const FloatIslandLayer* layer) {
 
 }  // namespace
 
-void InnerProductInt8Layer::RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) {
+void InnerProductInt8Layer::Reshape() {
+  WeightedInt8Layer::Reshape();
   const InnerProductLayer<float>& ip = InnerProduct(this);
-  const int out = ip.NumOutput();
-  const int64_t k = GetWeights()[0]->Count(0) / out;
-  const int batch = static_cast<int>(GetInputs()[0]->Count(0) / k);
-  ReferenceInnerProductU8(batch, static_cast<int>(k), out, ip.Transpose(), x, input_zero_, weight,
-                          q_, y);
+  kernel_.Reshape(ip.Batch(), ip.K(), ip.NumOutput());
+}
+
+void InnerProductInt8Layer::RunCodes(const uint8_t* x, const uint8_t*, uint8_t* y) {
+  kernel_.Run(x, input_zero_, CentredWeights(), q_, y);
 }
 
 int64_t InnerProductInt8Layer::ChannelWeightAt(int o, int64_t k) const {

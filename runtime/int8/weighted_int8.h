@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "runtime/int8/float_island_layer.h"
+#include "runtime/int8/gemm_int8.h"
 #include "runtime/int8/quantized_weights.h"
 #include "runtime/int8/reference.h"
 
@@ -41,6 +42,14 @@ class WeightedInt8Layer : public FloatIslandLayer {
   virtual void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) = 0;
   // Weight k of output channel o in the float weight blob (its layout).
   virtual int64_t ChannelWeightAt(int o, int64_t k) const = 0;
+  // Builds what the fast kernel needs from the codes, once they are final
+  // (after every build of the attributes).
+  virtual void PrepareKernel() {}
+  // The centred weights [out][K] (code - zero point, as floats) of the fast
+  // kernels: the float attribute "weight_centered".
+  void BuildCentredWeights();
+  // Those weights, built first if a caller removed them alone.
+  const float* CentredWeights();
 
   ChannelQuantization q_;
   int32_t input_zero_ = 0;
@@ -54,11 +63,18 @@ class WeightedInt8Layer : public FloatIslandLayer {
   void Prepare();
 };
 
-// "Convolution".
+// "Convolution", on the exact GEMM kernel (gemm_int8.h).
 class ConvolutionInt8Layer : public WeightedInt8Layer {
+ public:
+  void Reshape() override;
+
  protected:
   void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) override;
   int64_t ChannelWeightAt(int o, int64_t k) const override;
+  void PrepareKernel() override { BuildCentredWeights(); }
+
+ private:
+  ConvCodesKernel kernel_;
 
  public:
   int OutputChannels() const override;
@@ -75,11 +91,19 @@ class DeconvolutionInt8Layer : public WeightedInt8Layer {
   int OutputChannels() const override;
 };
 
-// "InnerProduct" (weights [num_output, K], or [K, num_output] with transpose).
+// "InnerProduct" (weights [num_output, K], or [K, num_output] with
+// transpose), on the exact GEMM kernel (gemm_int8.h).
 class InnerProductInt8Layer : public WeightedInt8Layer {
+ public:
+  void Reshape() override;
+
  protected:
   void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) override;
   int64_t ChannelWeightAt(int o, int64_t k) const override;
+  void PrepareKernel() override { BuildCentredWeights(); }
+
+ private:
+  InnerProductCodesKernel kernel_;
 
  public:
   int OutputChannels() const override;

@@ -23,6 +23,9 @@ class InnerProductLayer : public Layer<T> {
   int NumOutput() const { return num_output_; }
   bool BiasTerm() const { return bias_term_; }
   bool Transpose() const { return transpose_; }
+  // Items and values per item at the last reshape.
+  int Batch() const { return batch_; }
+  int K() const { return k_; }
 
  protected:
   void Run() override;

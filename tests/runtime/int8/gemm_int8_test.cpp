@@ -1,0 +1,140 @@
+// The fast integer kernels against the reference kernels, bit for bit: random
+// full-range codes and zero points, shapes of real nets and odd ones (groups,
+// depthwise, pointwise, strides, dilation, pads, reductions longer than one
+// exact chunk), batch 1 and 8, both multiplier modes, one thread and two.
+#include "runtime/int8/gemm_int8.h"
+
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "runtime/int8/requantize.h"
+
+namespace qzdl {
+namespace {
+
+std::vector<uint8_t> Codes(size_t n, std::mt19937& rng) {
+  std::uniform_int_distribution<int> d(0, 255);
+  std::vector<uint8_t> v(n);
+  for (uint8_t& c : v) c = static_cast<uint8_t>(d(rng));
+  return v;
+}
+
+ChannelQuantization Channels(int out, std::mt19937& rng, bool use_double) {
+  std::uniform_int_distribution<int> zero(0, 255);
+  std::uniform_int_distribution<int> bias(-400000, 400000);
+  std::uniform_real_distribution<double> scale(1e-7, 2e-5);
+  ChannelQuantization q;
+  q.output_zero = zero(rng);
+  for (int o = 0; o < out; ++o) {
+    q.weight_zero.push_back(zero(rng));
+    q.bias.push_back(bias(rng));
+    q.requantizer.push_back(MakeRequantizer(scale(rng), use_double));
+  }
+  return q;
+}
+
+ConvGeometry Geometry(int n, int c, int h, int w, int m, int kh, int kw, int s, int pad, int d,
+                      int group) {
+  ConvGeometry g;
+  g.batch = n, g.in_c = c, g.in_h = h, g.in_w = w, g.out_c = m;
+  g.kernel_h = kh, g.kernel_w = kw, g.stride_h = g.stride_w = s;
+  g.pad_top = g.pad_left = pad, g.pad_bottom = pad + (s > 1 ? 1 : 0), g.pad_right = pad;
+  g.dilation_h = g.dilation_w = d, g.group = group;
+  g.out_h = g.ConvOutH(), g.out_w = g.ConvOutW();
+  return g;
+}
+
+void ExpectConvMatchesReference(const ConvGeometry& g, uint32_t seed) {
+  std::mt19937 rng(seed);
+  const int64_t k = int64_t(g.InPerGroup()) * g.KernelArea();
+  const std::vector<uint8_t> x = Codes(size_t(g.batch) * g.in_c * g.InPlane(), rng);
+  const std::vector<uint8_t> w = Codes(size_t(g.out_c) * k, rng);
+  const int32_t x_zero = std::uniform_int_distribution<int>(0, 255)(rng);
+  for (bool use_double : {false, true}) {
+    const ChannelQuantization q = Channels(g.out_c, rng, use_double);
+    std::vector<uint8_t> want(size_t(g.batch) * g.out_c * g.OutPlane());
+    ReferenceConvolutionU8(g, x.data(), x_zero, w.data(), q, want.data());
+    std::vector<float> centred(size_t(g.out_c) * k);
+    CentreWeights(g.out_c, k, w.data(), q.weight_zero,
+                  [k](int o, int64_t i) { return o * k + i; }, centred.data());
+    for (int threads : {1, 2}) {
+      omp_set_num_threads(threads);
+      ConvCodesKernel kernel;
+      kernel.Reshape(g);
+      std::vector<uint8_t> got(want.size(), 0);
+      kernel.Run(x.data(), x_zero, centred.data(), q, got.data());
+      int differ = 0;
+      for (size_t i = 0; i < got.size(); ++i) differ += got[i] != want[i];
+      EXPECT_EQ(differ, 0) << g.ToString() << (use_double ? " double" : " fixed point") << ", "
+                           << threads << " threads";
+    }
+  }
+  omp_set_num_threads(2);
+}
+
+TEST(ConvCodesKernel, MatchesTheReferenceOnRealShapes) {
+  uint32_t seed = 1;
+  for (int batch : {1, 8}) {
+    // ResNet-18: the first 7x7/2 convolution, a 3x3 (K = 576, three exact
+    // chunks), a 3x3/2 and a 1x1/2 downsample.
+    ExpectConvMatchesReference(Geometry(batch, 3, 38, 38, 16, 7, 7, 2, 3, 1, 1), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 64, 14, 14, 24, 3, 3, 1, 1, 1, 1), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 32, 15, 15, 40, 3, 3, 2, 1, 1, 1), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 48, 14, 14, 32, 1, 1, 2, 0, 1, 1), seed++);
+    // MobileNetV2: pointwise expansion and projection, depthwise 3x3 and 3x3/2.
+    ExpectConvMatchesReference(Geometry(batch, 24, 14, 14, 144, 1, 1, 1, 0, 1, 1), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 32, 10, 10, 32, 3, 3, 1, 1, 1, 32), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 40, 13, 13, 40, 3, 3, 2, 1, 1, 40), seed++);
+  }
+}
+
+TEST(ConvCodesKernel, MatchesTheReferenceOnOddShapes) {
+  uint32_t seed = 100;
+  // Groups, dilation, uneven pads, a kernel wider than tall, a 1x1 input,
+  // a depthwise multiplier of 2, a pointwise reduction of 600 channels, and
+  // a depthwise window of 17 x 17 (289 taps, beyond one exact chunk).
+  ExpectConvMatchesReference(Geometry(2, 12, 9, 11, 18, 3, 3, 1, 2, 2, 3), seed++);
+  ExpectConvMatchesReference(Geometry(3, 5, 7, 6, 7, 2, 5, 3, 1, 1, 1), seed++);
+  ExpectConvMatchesReference(Geometry(1, 9, 1, 1, 5, 1, 1, 1, 0, 1, 1), seed++);
+  ExpectConvMatchesReference(Geometry(1, 8, 9, 9, 16, 3, 3, 1, 1, 1, 8), seed++);
+  ExpectConvMatchesReference(Geometry(2, 600, 3, 5, 7, 1, 1, 1, 0, 1, 1), seed++);
+  ExpectConvMatchesReference(Geometry(1, 4, 20, 20, 4, 17, 17, 1, 8, 1, 4), seed++);
+  ExpectConvMatchesReference(Geometry(1, 6, 8, 8, 6, 3, 3, 2, 2, 3, 6), seed++);
+}
+
+TEST(InnerProductCodesKernel, MatchesTheReference) {
+  std::mt19937 rng(7);
+  for (int batch : {1, 8}) {
+    for (auto [k_dim, out] : {std::pair{512, 1000}, std::pair{1000, 10}, std::pair{3, 70}}) {
+      for (bool transpose : {false, true}) {
+        const std::vector<uint8_t> x = Codes(size_t(batch) * k_dim, rng);
+        const std::vector<uint8_t> w = Codes(size_t(out) * k_dim, rng);
+        const int32_t x_zero = std::uniform_int_distribution<int>(0, 255)(rng);
+        for (bool use_double : {false, true}) {
+          const ChannelQuantization q = Channels(out, rng, use_double);
+          std::vector<uint8_t> want(size_t(batch) * out), got(want.size(), 0);
+          ReferenceInnerProductU8(batch, k_dim, out, transpose, x.data(), x_zero, w.data(), q,
+                                  want.data());
+          std::vector<float> centred(size_t(out) * k_dim);
+          CentreWeights(
+              out, k_dim, w.data(), q.weight_zero,
+              [&](int o, int64_t k) { return transpose ? k * out + o : int64_t(o) * k_dim + k; },
+              centred.data());
+          InnerProductCodesKernel kernel;
+          kernel.Reshape(batch, k_dim, out);
+          kernel.Run(x.data(), x_zero, centred.data(), q, got.data());
+          EXPECT_EQ(got, want) << batch << " x " << k_dim << " -> " << out
+                               << (transpose ? " transposed" : "")
+                               << (use_double ? " double" : "");
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace qzdl
