@@ -36,6 +36,13 @@ class ConverterTestAccess {
     return c.weight_observers;
   }
   static void CalibrateWeight(Converter& c) { c.CalibrateWeight(); }
+  static void FinishCalibration(Converter& c) { c.FinishCalibration(); }
+  static void MergeInt8Config(Converter& c) { c.MergeInt8Config(); }
+  static const std::map<std::string, mergeConfig::graph_node>& MergeGraph(const Converter& c) {
+    return c.merge_graph;
+  }
+  static Net<float>* FloatNet(Converter& c) { return c.float_net; }
+  static std::map<std::string, Observer*>& MutableObservers(Converter& c) { return c.observers; }
   static INT8Config* DumpQuantizationConfig(Converter& c) { return c.DumpQuantizationConfig(); }
   static bool SpareFieldsEmpty(const Converter& c) {
     return c.spare_counts.empty() && c.spare_names.empty() && c.spare_values.empty() &&

@@ -11,6 +11,7 @@
 #include "converter_test_access.h"
 #include "runtime/layer_registry.h"
 #include "runtime/layers/convolution.h"
+#include "runtime/layers/softmax.h"
 #include "support/net_builder.h"
 #include "tools/process_runner.h"
 
@@ -208,6 +209,85 @@ TEST_F(WeightCalibrationTest, NoPresetFileChangesNothing) {
   EXPECT_TRUE(ConverterTestAccess::WeightObservers(*c).empty());
   for (const auto& kv : ConverterTestAccess::Observers(*c))
     EXPECT_EQ(kv.second->GetObserverTypeString(), "Naive") << kv.first;
+}
+
+}  // namespace
+}  // namespace qzdl::modelConverter
+
+namespace qzdl::modelConverter {
+namespace {
+
+// A "Softmax" with two outputs (the runtime's has one): the fixed range of
+// the type goes to the first output alone.
+class TwoOutputSoftmax : public Layer<float> {
+ public:
+  void LoadParam(const ParamReader&) override {}
+  void Reshape() override {
+    for (Data<float>* out : this->GetOutputs()) out->Resize(this->in()->GetDims());
+  }
+
+ protected:
+  void Run() override {}
+};
+
+TEST_F(WeightCalibrationTest, ASecondSoftmaxOutputKeepsItsRange) {
+  RegisterLayerTypeForTesting<float>("Softmax", [] {
+    return std::unique_ptr<Layer<float>>(std::make_unique<TwoOutputSoftmax>());
+  });
+  test::NetBuilder b;
+  b.Input("x", {1, 4}).Layer("sm", "Softmax", {"x"}, {"p", "q"});
+  ConverterParam p = Param(0, 0);
+  const auto files = b.WriteFiles(dir_, "two");
+  p.json_file = files.first;
+  p.model_file = files.second;
+  std::string out;
+  auto c = Make(p, &out);
+  RegisterLayerTypeForTesting<float>("Softmax", [] {
+    return std::unique_ptr<Layer<float>>(std::make_unique<SoftmaxLayer<float>>());
+  });
+  std::map<std::string, Observer*>& observers = ConverterTestAccess::MutableObservers(*c);
+  observers.at("x")->SetOptMinMax(-1.0f, 1.0f);
+  observers.at("p")->SetOptMinMax(-2.0f, 3.0f);
+  observers.at("q")->SetOptMinMax(-2.0f, 3.0f);
+  ConverterTestAccess::FinishCalibration(*c);
+  INT8Config* config = ConverterTestAccess::FloatNet(*c)->GetInt8Config();
+  EXPECT_EQ(config->GetDataConfig("p")->getMin(), 0.0f);
+  EXPECT_EQ(config->GetDataConfig("p")->getMax(), 1.0f);
+  EXPECT_EQ(config->GetDataConfig("q")->getMin(), -2.0f);
+  EXPECT_EQ(config->GetDataConfig("q")->getMax(), 3.0f);
+}
+
+}  // namespace
+}  // namespace qzdl::modelConverter
+
+namespace qzdl::modelConverter {
+namespace {
+
+// The share-config graph of the example net, as the merge builds it.
+TEST_F(WeightCalibrationTest, TheGraphOfTheExampleNet) {
+  ConverterParam p = Param(0, 0);
+  p.json_file = std::string(QZDL_SOURCE_DIR) + "/examples/small_cnn/net.json";
+  p.model_file = std::string(QZDL_SOURCE_DIR) + "/examples/small_cnn/net.bin";
+  std::string out;
+  auto c = Make(p, &out);
+  ConverterTestAccess::MergeInt8Config(*c);
+  const auto& graph = ConverterTestAccess::MergeGraph(*c);
+  ASSERT_EQ(graph.size(), 11u);
+  // Every name a node lists is a layer of the net.
+  for (const auto& kv : graph) {
+    for (const std::string& name : kv.second.inputs) EXPECT_EQ(graph.count(name), 1u) << name;
+    for (const std::string& name : kv.second.outputs) EXPECT_EQ(graph.count(name), 1u) << name;
+  }
+  // "conv1" is written by conv1, bn1 and relu1 in place: each reader of it
+  // lists every earlier writer, nearest first.
+  const mergeConfig::graph_node& relu1 = graph.at("relu1");
+  EXPECT_EQ(relu1.index, 2);
+  EXPECT_EQ(relu1.type, "ReLU");
+  EXPECT_EQ(relu1.inputs, (std::vector<std::string>{"bn1", "conv1"}));
+  EXPECT_EQ(relu1.outputs, (std::vector<std::string>{"pool1"}));
+  EXPECT_EQ(graph.at("conv1").outputs, (std::vector<std::string>{"bn1", "relu1", "pool1"}));
+  EXPECT_EQ(graph.at("fc").inputs, (std::vector<std::string>{"pool2"}));
+  EXPECT_EQ(graph.at("prob").outputs, (std::vector<std::string>{}));
 }
 
 }  // namespace
