@@ -6,6 +6,7 @@
 #include <climits>
 
 #include "runtime/int8/requantize.h"
+#include "runtime/kernels/conv_depthwise.h"
 #include "runtime/kernels/gemm.h"
 #include "runtime/kernels/im2col.h"
 #include "runtime/kernels/parallel.h"
@@ -52,23 +53,35 @@ int Threads(size_t slots) { return std::max(1, std::min(int(slots), omp_get_max_
 
 }  // namespace
 
-void ConvCodesKernel::Reshape(const ConvGeometry& g) {
+void ConvCodesKernel::Reshape(const ConvGeometry& g, bool allow_shifted) {
   g_ = g;
   const int64_t k = int64_t(g.InPerGroup()) * g.KernelArea();
   depthwise_ = g.InPerGroup() == 1 && g.OutPerGroup() == 1 && g.KernelArea() <= kExactChunk;
   pointwise_ = g.kernel_h == 1 && g.kernel_w == 1 && g.stride_h == 1 && g.stride_w == 1 &&
                g.pad_top == 0 && g.pad_bottom == 0 && g.pad_left == 0 && g.pad_right == 0;
+  shifted_ = allow_shifted && !depthwise_ && k <= kMaxShiftedK && HaveExactU8S8Gemm();
   const int64_t plane = g.OutPlane();
   // A tile of output positions whose patches take about 1 MB.
   int64_t tile = std::max<int64_t>(32, std::min<int64_t>(1024, (int64_t(1) << 18) / std::max<int64_t>(k, 1)));
   tile_ = static_cast<int>(std::max<int64_t>(1, std::min(tile, plane)));
-  centred_x_.resize(static_cast<size_t>(int64_t(g.batch) * g.in_c * g.InPlane()));
+  const size_t inputs = static_cast<size_t>(int64_t(g.batch) * g.in_c * g.InPlane());
+  centred_x_.resize(shifted_ ? 0 : inputs);
+  shifted_x_.resize(shifted_ ? inputs : 0);
   slots_.resize(static_cast<size_t>(std::max(1, omp_get_max_threads())));
+  depthwise_out_.resize(depthwise_ ? static_cast<size_t>(int64_t(g.batch) * g.out_c * plane) : 0);
+  depthwise_scratch_.resize(depthwise_ ? DepthwiseScratchFloats(g) * slots_.size() : 0);
   for (Slot& s : slots_) {
+    if (shifted_) {
+      s.col8.resize(pointwise_ ? 0 : static_cast<size_t>(k * tile_));
+      s.c32.resize(static_cast<size_t>(int64_t(g.OutPerGroup()) * tile_));
+      s.colsum.resize(static_cast<size_t>(tile_));
+      s.acc.resize(static_cast<size_t>(tile_));
+      s.col.clear(), s.product.clear();
+      continue;
+    }
     if (depthwise_) {
-      s.product.resize(static_cast<size_t>(plane));
-      s.col.clear();
-      s.acc.clear();
+      s.acc.resize(static_cast<size_t>(plane));
+      s.col.clear(), s.product.clear();
       continue;
     }
     s.col.resize(pointwise_ ? 0 : static_cast<size_t>(k * tile_));
@@ -77,11 +90,13 @@ void ConvCodesKernel::Reshape(const ConvGeometry& g) {
   }
 }
 
-void ConvCodesKernel::Run(const uint8_t* x, int32_t x_zero, const float* centred,
+void ConvCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
                           const ChannelQuantization& q, uint8_t* y) {
   const ConvGeometry& g = g_;
+  if (shifted_) return RunShifted(x, x_zero, w, q, y);
+  const float* centred = w.centred;
   CentreCodes(x, static_cast<int64_t>(centred_x_.size()), x_zero, centred_x_.data());
-  if (depthwise_) return RunDepthwise(x, x_zero, centred, q, y);
+  if (depthwise_) return RunDepthwise(centred, q, y);
   const int cin_g = g.InPerGroup(), cout_g = g.OutPerGroup();
   const int k = static_cast<int>(int64_t(cin_g) * g.KernelArea());
   const int64_t plane = g.OutPlane(), in_plane = g.InPlane();
@@ -112,75 +127,140 @@ void ConvCodesKernel::Run(const uint8_t* x, int32_t x_zero, const float* centred
                     s.product.data(), s.acc.data(), np);
       for (int m = 0; m < cout_g; ++m) {
         const int o = grp * cout_g + m;
-        const int64_t* a = s.acc.data() + int64_t(m) * np;
-        uint8_t* out = y + (int64_t(n) * g.out_c + o) * plane + p0;
-        for (int p = 0; p < np; ++p)
-          out[p] = Requantize(SaturateToInt32(q.bias[o] + a[p]), q.requantizer[o], q.output_zero);
+        int64_t* a = s.acc.data() + int64_t(m) * np;
+        for (int p = 0; p < np; ++p) a[p] += q.bias[o];
+        RequantizeRow(a, np, q.requantizer[o], q.output_zero,
+                      y + (int64_t(n) * g.out_c + o) * plane + p0);
       }
     }
   }
 }
 
-// One kernel window per channel: taps added row by row over the centred input
-// in float, exact since a window has at most kExactChunk taps.
-void ConvCodesKernel::RunDepthwise(const uint8_t*, int32_t, const float* centred,
-                                   const ChannelQuantization& q, uint8_t* y) {
+void ConvCodesKernel::RunShifted(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
+                                 const ChannelQuantization& q, uint8_t* y) {
   const ConvGeometry& g = g_;
+  const int cin_g = g.InPerGroup(), cout_g = g.OutPerGroup();
+  const int k = static_cast<int>(int64_t(cin_g) * g.KernelArea());
   const int64_t plane = g.OutPlane(), in_plane = g.InPlane();
-  const int64_t items = int64_t(g.batch) * g.out_c;
+  const int64_t tiles = (plane + tile_ - 1) / tile_;
+  const int64_t items = int64_t(g.batch) * g.group * tiles;
+  int8_t* xs = shifted_x_.data();
+  ParallelFor(static_cast<int64_t>(shifted_x_.size()), [=](int64_t begin, int64_t end) {
+    for (int64_t i = begin; i < end; ++i) xs[i] = static_cast<int8_t>(int32_t(x[i]) - 128);
+  });
+  const int8_t pad = static_cast<int8_t>(x_zero - 128);
+  const int64_t c = 128 - x_zero;
 #pragma omp parallel num_threads(Threads(slots_.size()))
   {
-    float* acc = slots_[omp_get_thread_num()].product.data();
+    Slot& s = slots_[omp_get_thread_num()];
 #pragma omp for schedule(dynamic)
     for (int64_t item = 0; item < items; ++item) {
-      const int c = static_cast<int>(item % g.out_c);
-      const float* xc = centred_x_.data() + item * in_plane;
-      const float* w = centred + int64_t(c) * g.KernelArea();
-      std::fill(acc, acc + plane, 0.0f);
-      for (int ky = 0; ky < g.kernel_h; ++ky) {
-        for (int kx = 0; kx < g.kernel_w; ++kx) {
-          const float wv = w[ky * g.kernel_w + kx];
-          if (wv == 0.0f) continue;
-          const int dx = kx * g.dilation_w - g.pad_left;
-          // Output columns whose tap lands inside the row: 0 <= ox * sw + dx < in_w.
-          const int ox0 = dx >= 0 ? 0 : (-dx + g.stride_w - 1) / g.stride_w;
-          const int ox1 = g.in_w - dx <= 0 ? 0
-                                           : std::min(g.out_w, (g.in_w - dx + g.stride_w - 1) / g.stride_w);
-          for (int oy = 0; oy < g.out_h; ++oy) {
-            const int iy = oy * g.stride_h - g.pad_top + ky * g.dilation_h;
-            if (iy < 0 || iy >= g.in_h) continue;
-            const float* xr = xc + int64_t(iy) * g.in_w + dx;
-            float* ar = acc + int64_t(oy) * g.out_w;
-            if (g.stride_w == 1) {
-              for (int ox = ox0; ox < ox1; ++ox) ar[ox] += wv * xr[ox];
-            } else {
-              for (int ox = ox0; ox < ox1; ++ox) ar[ox] += wv * xr[int64_t(ox) * g.stride_w];
-            }
-          }
-        }
+      const int64_t t = item % tiles;
+      const int grp = static_cast<int>((item / tiles) % g.group);
+      const int n = static_cast<int>(item / tiles / g.group);
+      const int64_t p0 = t * tile_;
+      const int np = static_cast<int>(std::min<int64_t>(tile_, plane - p0));
+      const int8_t* xg = xs + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * in_plane;
+      const int8_t* b;
+      int64_t ldb;
+      if (pointwise_) {
+        b = xg + p0;
+        ldb = in_plane;
+      } else {
+        Im2colTileOf<int8_t>(g, xg, p0, np, pad, s.col8.data());
+        b = s.col8.data();
+        ldb = np;
       }
-      uint8_t* out = y + item * plane;
-      for (int64_t p = 0; p < plane; ++p)
-        out[p] = Requantize(SaturateToInt32(q.bias[c] + static_cast<int64_t>(acc[p])),
-                            q.requantizer[c], q.output_zero);
+      // Sums of the shifted patches over the window, per position.
+      int32_t* colsum = s.colsum.data();
+      std::fill(colsum, colsum + np, 0);
+      for (int r = 0; r < k; ++r) {
+        const int8_t* row = b + r * ldb;
+        for (int p = 0; p < np; ++p) colsum[p] += row[p];
+      }
+      U8S8GemmTile(false, false, cout_g, np, k, w.codes + int64_t(grp) * cout_g * k, k, b,
+                   static_cast<int>(ldb), s.c32.data(), np);
+      for (int m = 0; m < cout_g; ++m) {
+        const int o = grp * cout_g + m;
+        const int64_t zw = q.weight_zero[o];
+        const int64_t fixed = int64_t(q.bias[o]) + c * w.code_sum[o] - c * zw * k;
+        const int32_t* row = s.c32.data() + int64_t(m) * np;
+        int64_t* acc = s.acc.data();
+        for (int p = 0; p < np; ++p) acc[p] = fixed + row[p] - zw * colsum[p];
+        RequantizeRow(acc, np, q.requantizer[o], q.output_zero,
+                      y + (int64_t(n) * g.out_c + o) * plane + p0);
+      }
     }
   }
 }
 
-void InnerProductCodesKernel::Reshape(int batch, int k_dim, int out) {
+// Depthwise windows of at most kExactChunk taps: the float depthwise kernel
+// of the runtime on the centred input and weights (no bias) sums them
+// exactly, in whatever order it takes.
+void ConvCodesKernel::RunDepthwise(const float* centred, const ChannelQuantization& q,
+                                   uint8_t* y) {
+  const ConvGeometry& g = g_;
+  const int64_t plane = g.OutPlane();
+  DepthwiseConvolution(g, centred_x_.data(), centred, nullptr, depthwise_out_.data(),
+                       depthwise_scratch_.data(), static_cast<int>(slots_.size()));
+  const int64_t planes = int64_t(g.batch) * g.out_c;
+#pragma omp parallel num_threads(Threads(slots_.size()))
+  {
+    int64_t* total = slots_[omp_get_thread_num()].acc.data();
+#pragma omp for schedule(dynamic)
+    for (int64_t item = 0; item < planes; ++item) {
+      const int c = static_cast<int>(item % g.out_c);
+      const float* sums = depthwise_out_.data() + item * plane;
+      for (int64_t p = 0; p < plane; ++p) total[p] = q.bias[c] + static_cast<int64_t>(sums[p]);
+      RequantizeRow(total, plane, q.requantizer[c], q.output_zero, y + item * plane);
+    }
+  }
+}
+
+void InnerProductCodesKernel::Reshape(int batch, int k_dim, int out, bool allow_shifted) {
   batch_ = batch;
   k_dim_ = k_dim;
   out_ = out;
-  centred_x_.resize(static_cast<size_t>(int64_t(batch) * k_dim));
-  product_.resize(static_cast<size_t>(int64_t(batch) * out));
-  acc_.resize(static_cast<size_t>(int64_t(batch) * out));
+  shifted_ = allow_shifted && k_dim <= kMaxShiftedK && HaveExactU8S8Gemm();
+  const size_t items = static_cast<size_t>(int64_t(batch) * out);
+  centred_x_.resize(shifted_ ? 0 : static_cast<size_t>(int64_t(batch) * k_dim));
+  product_.resize(shifted_ ? 0 : items);
+  acc_.resize(shifted_ ? 0 : items);
+  c32_.resize(shifted_ ? items : 0);
+  row_sum_.resize(shifted_ ? static_cast<size_t>(batch) : 0);
 }
 
-void InnerProductCodesKernel::Run(const uint8_t* x, int32_t x_zero, const float* centred,
+void InnerProductCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
                                   const ChannelQuantization& q, uint8_t* y) {
-  CentreCodes(x, static_cast<int64_t>(centred_x_.size()), x_zero, centred_x_.data());
   constexpr int kBlock = 64;  // output columns per task
   const int blocks = (out_ + kBlock - 1) / kBlock;
+  if (shifted_) {
+    for (int n = 0; n < batch_; ++n) {
+      int32_t sum = 0;
+      for (int k = 0; k < k_dim_; ++k) sum += x[int64_t(n) * k_dim_ + k];
+      row_sum_[n] = sum;
+    }
+#pragma omp parallel for schedule(dynamic)
+    for (int blk = 0; blk < blocks; ++blk) {
+      const int o0 = blk * kBlock;
+      const int nb = std::min(kBlock, out_ - o0);
+      U8S8GemmTile(false, true, batch_, nb, k_dim_, x, k_dim_, w.shifted + int64_t(o0) * k_dim_,
+                   k_dim_, c32_.data() + o0, out_);
+      for (int o = o0; o < o0 + nb; ++o) {
+        const int64_t c = 128 - q.weight_zero[o];
+        const int64_t fixed = int64_t(q.bias[o]) - int64_t(x_zero) * w.shifted_sum[o] -
+                              int64_t(x_zero) * c * k_dim_;
+        for (int n = 0; n < batch_; ++n) {
+          const int64_t acc = fixed + c32_[int64_t(n) * out_ + o] + c * row_sum_[n];
+          y[int64_t(n) * out_ + o] =
+              Requantize(SaturateToInt32(acc), q.requantizer[o], q.output_zero);
+        }
+      }
+    }
+    return;
+  }
+  const float* centred = w.centred;
+  CentreCodes(x, static_cast<int64_t>(centred_x_.size()), x_zero, centred_x_.data());
 #pragma omp parallel for schedule(dynamic)
   for (int blk = 0; blk < blocks; ++blk) {
     const int o0 = blk * kBlock;

@@ -31,42 +31,106 @@ void CentreWeights(int out, int64_t k_dim, const uint8_t* w, const std::vector<i
       centred[o * k_dim + k] = static_cast<float>(int32_t(w[at(o, k)]) - zero[o]);
 }
 
+// Shifted weights [out][K] for the u8 x s8 path: w - 128 as int8, and
+// each row's sum.
+template <typename At>
+void ShiftWeights(int out, int64_t k_dim, const uint8_t* w, At at, int8_t* shifted,
+                  int32_t* sums) {
+  for (int o = 0; o < out; ++o) {
+    int32_t sum = 0;
+    for (int64_t k = 0; k < k_dim; ++k) {
+      const int v = int(w[at(o, k)]) - 128;
+      shifted[o * k_dim + k] = static_cast<int8_t>(v);
+      sum += v;
+    }
+    sums[o] = sum;
+  }
+}
+
+// Each row's sum of the codes w laid out by `at(o, k)`.
+template <typename At>
+void SumCodeRows(int out, int64_t k_dim, const uint8_t* w, At at, int32_t* sums) {
+  for (int o = 0; o < out; ++o) {
+    int32_t sum = 0;
+    for (int64_t k = 0; k < k_dim; ++k) sum += w[at(o, k)];
+    sums[o] = sum;
+  }
+}
+
+// The weights as the fast kernels read them ([out][K] each): centred floats
+// for the float GEMM; for the u8 x s8 GEMM, the codes themselves and their
+// row sums (convolution) or the shifted codes and their row sums (inner
+// product).
+struct CodeWeights {
+  const float* centred = nullptr;
+  const uint8_t* codes = nullptr;
+  const int32_t* code_sum = nullptr;
+  const int8_t* shifted = nullptr;
+  const int32_t* shifted_sum = nullptr;
+};
+
+// Where the CPU sums u8 x s8 products exactly (HaveExactU8S8Gemm), the
+// reductions run on it in integers. A convolution takes the weight codes w
+// as the unsigned side and the input shifted to x' = x - 128 as the signed
+// one (padding holds zx - 128, the shifted code of real zero):
+//   sum (x - zx)(w - zw) = sum w x' - zw * sum x' + c * sum w - c * zw * K,
+// c = 128 - zx. An inner product takes the input codes as the unsigned side
+// and w' = w - 128 as the signed one:
+//   sum (x - zx)(w - zw) = sum x w' + d * sum x - zx * sum w' - zx * d * K,
+// d = 128 - zw. A product lies within 255 * 128, so the int32 sums of the
+// GEMM cannot overflow while K <= kMaxShiftedK.
+constexpr int64_t kMaxShiftedK = 65536;
+
 // Convolution on codes. Reshape sizes every buffer, so Run allocates nothing.
 class ConvCodesKernel {
  public:
-  void Reshape(const ConvGeometry& g);
-  // y = requantized bias + sum (x - x_zero) * centred weights; `centred` is
+  // `allow_shifted` false keeps the float GEMM path even where the u8 x s8
+  // one would run (both give the same bits; tests compare them).
+  void Reshape(const ConvGeometry& g, bool allow_shifted = true);
+  // Whether Run takes the u8 x s8 GEMM (reading the weight codes and their
+  // row sums) or the float one (reading centred weights); settled by Reshape
+  // from the shape and the CPU.
+  bool Shifted() const { return shifted_; }
+  // y = requantized bias + sum (x - x_zero) * (w - zw); the weights are
   // [out_c][in_c / group * kernel_h * kernel_w].
-  void Run(const uint8_t* x, int32_t x_zero, const float* centred, const ChannelQuantization& q,
+  void Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w, const ChannelQuantization& q,
            uint8_t* y);
 
  private:
   struct Slot {
     std::vector<float> col, product;
     std::vector<int64_t> acc;
+    std::vector<int8_t> col8;
+    std::vector<int32_t> c32, colsum;
   };
-  void RunDepthwise(const uint8_t* x, int32_t x_zero, const float* centred,
-                    const ChannelQuantization& q, uint8_t* y);
+  void RunDepthwise(const float* centred, const ChannelQuantization& q, uint8_t* y);
+  void RunShifted(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
+                  const ChannelQuantization& q, uint8_t* y);
 
   ConvGeometry g_;
-  bool depthwise_ = false, pointwise_ = false;
+  bool depthwise_ = false, pointwise_ = false, shifted_ = false;
   int tile_ = 1;
   std::vector<float> centred_x_;
+  std::vector<int8_t> shifted_x_;
+  std::vector<float> depthwise_out_, depthwise_scratch_;
   std::vector<Slot> slots_;
 };
 
-// Inner product on codes: y[n][o] from x [batch][k_dim] and centred weights
+// Inner product on codes: y[n][o] from x [batch][k_dim] and weights
 // [out][k_dim].
 class InnerProductCodesKernel {
  public:
-  void Reshape(int batch, int k_dim, int out);
-  void Run(const uint8_t* x, int32_t x_zero, const float* centred, const ChannelQuantization& q,
+  void Reshape(int batch, int k_dim, int out, bool allow_shifted = true);
+  bool Shifted() const { return shifted_; }
+  void Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w, const ChannelQuantization& q,
            uint8_t* y);
 
  private:
   int batch_ = 0, k_dim_ = 0, out_ = 0;
+  bool shifted_ = false;
   std::vector<float> centred_x_, product_;
   std::vector<int64_t> acc_;
+  std::vector<int32_t> c32_, row_sum_;
 };
 
 }  // namespace qzdl

@@ -1,5 +1,6 @@
 #include "runtime/int8/requantize.h"
 
+#include <climits>
 #include <cmath>
 #include <cstdint>
 
@@ -75,6 +76,39 @@ int32_t RequantizeRaw64(int64_t acc, const Requantizer& r) {
     v = shift == 33 ? (t + 1) >> 1 : ((t >> 1) + (int64_t{1} << (shift - 34))) >> (shift - 33);
   }
   return static_cast<int32_t>(v < -kLimit ? -kLimit : v > kLimit ? kLimit : v);
+}
+
+namespace {
+
+inline int64_t SaturateToInt32(int64_t v) {
+  return v < INT32_MIN ? INT32_MIN : v > INT32_MAX ? INT32_MAX : v;
+}
+
+inline uint8_t ClampCode(int64_t q) { return static_cast<uint8_t>(q < 0 ? 0 : q > 255 ? 255 : q); }
+
+}  // namespace
+
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+__attribute__((target_clones("arch=x86-64-v4", "avx2", "default")))
+#endif
+void RequantizeRow(const int64_t* acc, int64_t n, const Requantizer& r, int32_t zero,
+                   uint8_t* out) {
+  if (r.saturate) {
+    for (int64_t i = 0; i < n; ++i) out[i] = acc[i] > 0 ? 255 : acc[i] < 0 ? 0 : ClampCode(zero);
+    return;
+  }
+  if (r.use_double) {
+    for (int64_t i = 0; i < n; ++i) out[i] = Requantize(int32_t(SaturateToInt32(acc[i])), r, zero);
+    return;
+  }
+  // (v * m + 2^(shift-1)) >> shift, then the zero point and the code range:
+  // beyond +-2^30 the clamp to codes gives what RequantizeRaw's clamp gives.
+  const int64_t m = r.multiplier, round = int64_t{1} << (r.shift - 1);
+  const int shift = r.shift;
+  for (int64_t i = 0; i < n; ++i) {
+    const int64_t v = SaturateToInt32(acc[i]);
+    out[i] = ClampCode(zero + ((v * m + round) >> shift));
+  }
 }
 
 }  // namespace qzdl

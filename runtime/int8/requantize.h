@@ -67,6 +67,12 @@ inline uint8_t Requantize(int32_t acc, const Requantizer& r, int32_t zero) {
   return static_cast<uint8_t>(q < 0 ? 0 : q > 255 ? 255 : q);
 }
 
+// out[i] = Requantize(acc[i] saturated to int32, r, zero) for a row of
+// 64-bit sums, the same bits with the mode decided once per row (the loop
+// vectorizes).
+void RequantizeRow(const int64_t* acc, int64_t n, const Requantizer& r, int32_t zero,
+                   uint8_t* out);
+
 // round(acc * M) of a 64-bit accumulator (products of several codes, sums
 // over windows of more than 2^23 elements), clamped to +-2^30 like
 // RequantizeRaw. The fixed-point mode is exact for every int64 without

@@ -83,22 +83,47 @@ void WeightedInt8Layer::Prepare() {
   PrepareKernel();
 }
 
-const float* WeightedInt8Layer::CentredWeights() {
-  auto it = GetFloatAttrDatas().find("weight_centered");
-  if (it == GetFloatAttrDatas().end() || it->second == nullptr) {
-    BuildCentredWeights();
-    it = GetFloatAttrDatas().find("weight_centered");
+CodeWeights WeightedInt8Layer::KernelWeights(bool shifted) {
+  const bool shifts = ShiftsWeights();
+  const bool present =
+      !shifted ? GetFloatAttrDatas().count("weight_centered") != 0
+      : shifts ? GetUint8AttrDatas().count("weight_shifted") &&
+                     GetInt32AttrDatas().count("weight_shifted_sum")
+               : GetInt32AttrDatas().count("weight_sum") != 0;
+  if (!present) BuildKernelWeights(shifted);
+  CodeWeights w;
+  if (!shifted) {
+    w.centred = GetFloatAttrDatas().at("weight_centered")->GetCpuData();
+  } else if (shifts) {
+    w.shifted =
+        reinterpret_cast<const int8_t*>(GetUint8AttrDatas().at("weight_shifted")->GetCpuData());
+    w.shifted_sum = GetInt32AttrDatas().at("weight_shifted_sum")->GetCpuData();
+  } else {
+    w.codes = GetUint8AttrDatas().at("weight")->GetCpuData();
+    w.code_sum = GetInt32AttrDatas().at("weight_sum")->GetCpuData();
   }
-  return it->second->GetCpuData();
+  return w;
 }
 
-void WeightedInt8Layer::BuildCentredWeights() {
+void WeightedInt8Layer::BuildKernelWeights(bool shifted) {
   const int out = OutputChannels();
   const Data<unsigned char>* codes = GetUint8AttrDatas().at("weight");
   const int64_t k_dim = out > 0 ? codes->Count(0) / out : 0;
-  Data<float>* centred = Attr(GetFloatAttrDatas(), "weight_centered", {out, static_cast<int>(k_dim)});
-  CentreWeights(out, k_dim, codes->GetCpuData(), q_.weight_zero,
-                [this](int o, int64_t k) { return ChannelWeightAt(o, k); }, centred->GetCpuData());
+  auto at = [this](int o, int64_t k) { return ChannelWeightAt(o, k); };
+  if (shifted && ShiftsWeights()) {
+    Data<unsigned char>* w =
+        Attr(GetUint8AttrDatas(), "weight_shifted", {out, static_cast<int>(k_dim)});
+    Data<int>* sums = Attr(GetInt32AttrDatas(), "weight_shifted_sum", {out});
+    ShiftWeights(out, k_dim, codes->GetCpuData(), at, reinterpret_cast<int8_t*>(w->GetCpuData()),
+                 sums->GetCpuData());
+  } else if (shifted) {
+    Data<int>* sums = Attr(GetInt32AttrDatas(), "weight_sum", {out});
+    SumCodeRows(out, k_dim, codes->GetCpuData(), at, sums->GetCpuData());
+  } else {
+    Data<float>* centred =
+        Attr(GetFloatAttrDatas(), "weight_centered", {out, static_cast<int>(k_dim)});
+    CentreWeights(out, k_dim, codes->GetCpuData(), q_.weight_zero, at, centred->GetCpuData());
+  }
 }
 
 bool WeightedInt8Layer::ComputesInIntegers() {
@@ -157,7 +182,7 @@ void ConvolutionInt8Layer::Reshape() {
 }
 
 void ConvolutionInt8Layer::RunCodes(const uint8_t* x, const uint8_t*, uint8_t* y) {
-  kernel_.Run(x, input_zero_, CentredWeights(), q_, y);
+  kernel_.Run(x, input_zero_, KernelWeights(kernel_.Shifted()), q_, y);
 }
 
 int64_t ConvolutionInt8Layer::ChannelWeightAt(int o, int64_t k) const {
@@ -192,7 +217,7 @@ void InnerProductInt8Layer::Reshape() {
 }
 
 void InnerProductInt8Layer::RunCodes(const uint8_t* x, const uint8_t*, uint8_t* y) {
-  kernel_.Run(x, input_zero_, CentredWeights(), q_, y);
+  kernel_.Run(x, input_zero_, KernelWeights(kernel_.Shifted()), q_, y);
 }
 
 int64_t InnerProductInt8Layer::ChannelWeightAt(int o, int64_t k) const {

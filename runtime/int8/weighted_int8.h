@@ -45,11 +45,18 @@ class WeightedInt8Layer : public FloatIslandLayer {
   // Builds what the fast kernel needs from the codes, once they are final
   // (after every build of the attributes).
   virtual void PrepareKernel() {}
-  // The centred weights [out][K] (code - zero point, as floats) of the fast
-  // kernels: the float attribute "weight_centered".
-  void BuildCentredWeights();
+  // The weights of the fast kernels (gemm_int8.h), [out][K]: centred floats
+  // (code - zero point; the float attribute "weight_centered"); or, for the
+  // u8 x s8 GEMM, the codes' row sums (the int32 attribute "weight_sum") of
+  // a convolution, whose codes are read as they are, or the shifted codes
+  // (code - 128 as int8; "weight_shifted") and their row sums
+  // ("weight_shifted_sum") of an inner product.
+  void BuildKernelWeights(bool shifted);
+  // Whether the u8 x s8 GEMM takes the weights as shifted codes (inner
+  // product) rather than as the codes themselves (convolution).
+  virtual bool ShiftsWeights() const { return true; }
   // Those weights, built first if a caller removed them alone.
-  const float* CentredWeights();
+  CodeWeights KernelWeights(bool shifted);
 
   ChannelQuantization q_;
   int32_t input_zero_ = 0;
@@ -71,7 +78,8 @@ class ConvolutionInt8Layer : public WeightedInt8Layer {
  protected:
   void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) override;
   int64_t ChannelWeightAt(int o, int64_t k) const override;
-  void PrepareKernel() override { BuildCentredWeights(); }
+  void PrepareKernel() override { BuildKernelWeights(kernel_.Shifted()); }
+  bool ShiftsWeights() const override { return false; }
 
  private:
   ConvCodesKernel kernel_;
@@ -100,7 +108,7 @@ class InnerProductInt8Layer : public WeightedInt8Layer {
  protected:
   void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) override;
   int64_t ChannelWeightAt(int o, int64_t k) const override;
-  void PrepareKernel() override { BuildCentredWeights(); }
+  void PrepareKernel() override { BuildKernelWeights(kernel_.Shifted()); }
 
  private:
   InnerProductCodesKernel kernel_;

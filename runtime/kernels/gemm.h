@@ -20,6 +20,18 @@ void SgemmTile(bool trans_a, bool trans_b, int m, int n, int k, float alpha, con
 // the bias of a tile before SgemmTile with beta 1.
 void FillRows(float* c, int64_t ldc, int rows, int cols, const float* v);
 
+// Whether U8S8GemmTile may run here: oneDNN on a CPU with the AVX-512 VNNI
+// dot product (vpdpbusd sums u8 x s8 products into int32 without rounding or
+// saturating). Without it oneDNN pairs products in saturating 16-bit sums,
+// which is not exact, so the 8-bit kernels must not call it. The environment
+// variable QZDL_INT8_GEMM=float turns it off (for comparisons).
+bool HaveExactU8S8Gemm();
+
+// C[m x n] (int32, row-major) = op(A) * op(B), A unsigned and B signed
+// 8-bit, no offsets; exact only where HaveExactU8S8Gemm() holds.
+void U8S8GemmTile(bool trans_a, bool trans_b, int m, int n, int k, const uint8_t* a, int lda,
+                  const int8_t* b, int ldb, int32_t* c, int ldc);
+
 // "oneDNN 2.6.3" or "OpenBLAS 0.3.21 ..." for logs and benchmarks.
 const char* GemmBackendName();
 

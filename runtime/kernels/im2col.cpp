@@ -5,35 +5,36 @@
 
 namespace qzdl {
 
-void Im2colTile(const ConvGeometry& g, const float* x, int64_t p0, int np, float* col) {
+template <typename T>
+void Im2colTileOf(const ConvGeometry& g, const T* x, int64_t p0, int np, T pad, T* col) {
   const int cin_g = g.InPerGroup();
   const int64_t plane = g.InPlane();
   for (int c = 0; c < cin_g; ++c) {
-    const float* xc = x + c * plane;
+    const T* xc = x + c * plane;
     for (int ky = 0; ky < g.kernel_h; ++ky) {
       for (int kx = 0; kx < g.kernel_w; ++kx) {
-        float* row = col + ((int64_t(c) * g.kernel_h + ky) * g.kernel_w + kx) * np;
+        T* row = col + ((int64_t(c) * g.kernel_h + ky) * g.kernel_w + kx) * np;
         int oy = static_cast<int>(p0 / g.out_w);
         int ox = static_cast<int>(p0 % g.out_w);
         for (int j = 0; j < np; ox = 0, ++oy) {
           const int seg = std::min(g.out_w - ox, np - j);
           const int iy = oy * g.stride_h - g.pad_top + ky * g.dilation_h;
-          float* dst = row + j;
+          T* dst = row + j;
           if (iy < 0 || iy >= g.in_h) {
-            std::memset(dst, 0, sizeof(float) * seg);
+            std::fill_n(dst, seg, pad);
           } else {
-            const float* xr = xc + int64_t(iy) * g.in_w;
+            const T* xr = xc + int64_t(iy) * g.in_w;
             const int ix0 = ox * g.stride_w - g.pad_left + kx * g.dilation_w;
             if (g.stride_w == 1) {
               const int lo = std::clamp(-ix0, 0, seg);
               const int hi = std::clamp(g.in_w - ix0, lo, seg);
-              if (lo > 0) std::memset(dst, 0, sizeof(float) * lo);
-              if (hi > lo) std::memcpy(dst + lo, xr + ix0 + lo, sizeof(float) * (hi - lo));
-              if (seg > hi) std::memset(dst + hi, 0, sizeof(float) * (seg - hi));
+              if (lo > 0) std::fill_n(dst, lo, pad);
+              if (hi > lo) std::memcpy(dst + lo, xr + ix0 + lo, sizeof(T) * (hi - lo));
+              if (seg > hi) std::fill_n(dst + hi, seg - hi, pad);
             } else {
               for (int t = 0; t < seg; ++t) {
                 const int ix = ix0 + t * g.stride_w;
-                dst[t] = (ix >= 0 && ix < g.in_w) ? xr[ix] : 0.0f;
+                dst[t] = (ix >= 0 && ix < g.in_w) ? xr[ix] : pad;
               }
             }
           }
@@ -42,6 +43,16 @@ void Im2colTile(const ConvGeometry& g, const float* x, int64_t p0, int np, float
       }
     }
   }
+}
+
+template void Im2colTileOf<float>(const ConvGeometry&, const float*, int64_t, int, float, float*);
+template void Im2colTileOf<uint8_t>(const ConvGeometry&, const uint8_t*, int64_t, int, uint8_t,
+                                    uint8_t*);
+template void Im2colTileOf<int8_t>(const ConvGeometry&, const int8_t*, int64_t, int, int8_t,
+                                   int8_t*);
+
+void Im2colTile(const ConvGeometry& g, const float* x, int64_t p0, int np, float* col) {
+  Im2colTileOf<float>(g, x, p0, np, 0.0f, col);
 }
 
 void Col2imAdd(const ConvGeometry& g, const float* col, int64_t p0, int np, float* y) {

@@ -12,6 +12,11 @@ namespace qzdl {
 // row (c, ky, kx), with zeros where a tap falls into the padding. x points at
 // the group's first input channel plane.
 void Im2colTile(const ConvGeometry& g, const float* x, int64_t p0, int np, float* col);
+// The same for any element type (float, uint8_t and int8_t are instantiated), with
+// `pad` where a tap falls into the padding: an 8-bit convolution pads with
+// the input's zero point, the code of real zero.
+template <typename T>
+void Im2colTileOf(const ConvGeometry& g, const T* x, int64_t p0, int np, T pad, T* col);
 
 // Deconvolution: for one output channel plane y (out_h x out_w), adds the
 // kernel_h * kernel_w rows of col, which hold that channel's products for

@@ -7,11 +7,14 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "runtime/int8/requantize.h"
+#include "runtime/kernels/gemm.h"
 
 namespace qzdl {
 namespace {
@@ -59,21 +62,44 @@ void ExpectConvMatchesReference(const ConvGeometry& g, uint32_t seed) {
     std::vector<uint8_t> want(size_t(g.batch) * g.out_c * g.OutPlane());
     ReferenceConvolutionU8(g, x.data(), x_zero, w.data(), q, want.data());
     std::vector<float> centred(size_t(g.out_c) * k);
-    CentreWeights(g.out_c, k, w.data(), q.weight_zero,
-                  [k](int o, int64_t i) { return o * k + i; }, centred.data());
-    for (int threads : {1, 2}) {
-      omp_set_num_threads(threads);
-      ConvCodesKernel kernel;
-      kernel.Reshape(g);
-      std::vector<uint8_t> got(want.size(), 0);
-      kernel.Run(x.data(), x_zero, centred.data(), q, got.data());
-      int differ = 0;
-      for (size_t i = 0; i < got.size(); ++i) differ += got[i] != want[i];
-      EXPECT_EQ(differ, 0) << g.ToString() << (use_double ? " double" : " fixed point") << ", "
-                           << threads << " threads";
+    std::vector<int32_t> sums(g.out_c);
+    auto at = [k](int o, int64_t i) { return o * k + i; };
+    CentreWeights(g.out_c, k, w.data(), q.weight_zero, at, centred.data());
+    SumCodeRows(g.out_c, k, w.data(), at, sums.data());
+    CodeWeights weights;
+    weights.centred = centred.data();
+    weights.codes = w.data();
+    weights.code_sum = sums.data();
+    for (bool allow_shifted : {false, true}) {
+      for (int threads : {1, 2}) {
+        omp_set_num_threads(threads);
+        ConvCodesKernel kernel;
+        kernel.Reshape(g, allow_shifted);
+        if (allow_shifted && !kernel.Shifted()) continue;  // not on this CPU or shape
+        std::vector<uint8_t> got(want.size(), 0);
+        kernel.Run(x.data(), x_zero, weights, q, got.data());
+        int differ = 0;
+        for (size_t i = 0; i < got.size(); ++i) differ += got[i] != want[i];
+        EXPECT_EQ(differ, 0) << g.ToString() << (use_double ? " double" : " fixed point") << ", "
+                             << threads << " threads"
+                             << (kernel.Shifted() ? ", u8 x s8 GEMM" : ", float GEMM");
+      }
     }
   }
   omp_set_num_threads(2);
+}
+
+TEST(ConvCodesKernel, SaysWhichGemmRuns) {
+  // The u8 x s8 path runs only where the CPU sums those products exactly.
+  ConvCodesKernel kernel;
+  kernel.Reshape(Geometry(1, 8, 6, 6, 4, 3, 3, 1, 1, 1, 1));
+  EXPECT_EQ(kernel.Shifted(), HaveExactU8S8Gemm());
+  kernel.Reshape(Geometry(1, 8, 6, 6, 4, 3, 3, 1, 1, 1, 1), false);
+  EXPECT_FALSE(kernel.Shifted());
+  // Depthwise windows add their taps directly.
+  kernel.Reshape(Geometry(1, 8, 6, 6, 8, 3, 3, 1, 1, 1, 8));
+  EXPECT_FALSE(kernel.Shifted());
+  std::printf("8-bit GEMM here: %s\n", HaveExactU8S8Gemm() ? "u8 x s8 (VNNI)" : "float");
 }
 
 TEST(ConvCodesKernel, MatchesTheReferenceOnRealShapes) {
@@ -120,16 +146,28 @@ TEST(InnerProductCodesKernel, MatchesTheReference) {
           ReferenceInnerProductU8(batch, k_dim, out, transpose, x.data(), x_zero, w.data(), q,
                                   want.data());
           std::vector<float> centred(size_t(out) * k_dim);
-          CentreWeights(
-              out, k_dim, w.data(), q.weight_zero,
-              [&](int o, int64_t k) { return transpose ? k * out + o : int64_t(o) * k_dim + k; },
-              centred.data());
-          InnerProductCodesKernel kernel;
-          kernel.Reshape(batch, k_dim, out);
-          kernel.Run(x.data(), x_zero, centred.data(), q, got.data());
-          EXPECT_EQ(got, want) << batch << " x " << k_dim << " -> " << out
-                               << (transpose ? " transposed" : "")
-                               << (use_double ? " double" : "");
+          std::vector<int8_t> shifted(size_t(out) * k_dim);
+          std::vector<int32_t> sums(out);
+          auto at = [&](int o, int64_t k) {
+            return transpose ? k * out + o : int64_t(o) * k_dim + k;
+          };
+          CentreWeights(out, k_dim, w.data(), q.weight_zero, at, centred.data());
+          ShiftWeights(out, k_dim, w.data(), at, shifted.data(), sums.data());
+          for (bool allow_shifted : {false, true}) {
+            InnerProductCodesKernel kernel;
+            kernel.Reshape(batch, k_dim, out, allow_shifted);
+            if (allow_shifted && !kernel.Shifted()) continue;
+            std::fill(got.begin(), got.end(), 0);
+            CodeWeights weights;
+            weights.centred = centred.data();
+            weights.shifted = shifted.data();
+            weights.shifted_sum = sums.data();
+            kernel.Run(x.data(), x_zero, weights, q, got.data());
+            EXPECT_EQ(got, want) << batch << " x " << k_dim << " -> " << out
+                                 << (transpose ? " transposed" : "")
+                                 << (use_double ? " double" : "")
+                                 << (kernel.Shifted() ? ", u8 x s8 GEMM" : ", float GEMM");
+          }
         }
       }
     }
