@@ -57,15 +57,16 @@ void WeightedInt8Layer::Prepare() {
       lo = std::numeric_limits<float>::max();
       hi = std::numeric_limits<float>::lowest();
       for (int64_t k = 0; k < per; ++k) {
-        lo = std::min(lo, wf[ChannelWeightAt(o, k)]);
-        hi = std::max(hi, wf[ChannelWeightAt(o, k)]);
+        const float v = wf[WeightAt(o, k, per)];
+        lo = std::min(lo, v);
+        hi = std::max(hi, v);
       }
     }
     float scale = 0;
     int z = 0;
     GridOfRangeWithZero(lo, hi, 255.0f, scale, z);
     for (int64_t k = 0; k < per; ++k) {
-      const int64_t at = ChannelWeightAt(o, k);
+      const int64_t at = WeightAt(o, k, per);
       codes->GetCpuData()[at] = scale > 0 ? CodeOf(wf[at], scale, z) : static_cast<uint8_t>(z);
     }
     const Requantizer r =
@@ -109,7 +110,10 @@ void WeightedInt8Layer::BuildKernelWeights(bool shifted) {
   const int out = OutputChannels();
   const Data<unsigned char>* codes = GetUint8AttrDatas().at("weight");
   const int64_t k_dim = out > 0 ? codes->Count(0) / out : 0;
-  auto at = [this](int o, int64_t k) { return ChannelWeightAt(o, k); };
+  const bool contiguous = ContiguousChannels();
+  auto at = [this, contiguous, k_dim](int o, int64_t k) {
+    return contiguous ? int64_t(o) * k_dim + k : ChannelWeightAt(o, k);
+  };
   if (shifted && ShiftsWeights()) {
     Data<unsigned char>* w =
         Attr(GetUint8AttrDatas(), "weight_shifted", {out, static_cast<int>(k_dim)});
@@ -149,7 +153,7 @@ void WeightedInt8Layer::AdoptSaved(const QuantizedBlob& weight, const QuantizedB
     const ChannelGrid& g = weight.grids[o];
     config->addWeightConfig(GetName(), 0, o, g.min, g.max);
     for (int64_t k = 0; k < per; ++k) {
-      const int64_t at = ChannelWeightAt(o, k);
+      const int64_t at = WeightAt(o, k, per);
       wf[at] = RealOf(codes[at], g.scale, g.zero);
     }
     if (bias != nullptr) {
@@ -226,6 +230,8 @@ int64_t InnerProductInt8Layer::ChannelWeightAt(int o, int64_t k) const {
   const int64_t k_dim = weight(0)->Count(0) / out;
   return ip.Transpose() ? k * out + o : int64_t(o) * k_dim + k;
 }
+
+bool InnerProductInt8Layer::ContiguousChannels() const { return !InnerProduct(this).Transpose(); }
 
 int InnerProductInt8Layer::OutputChannels() const { return InnerProduct(this).NumOutput(); }
 

@@ -42,6 +42,13 @@ class WeightedInt8Layer : public FloatIslandLayer {
   virtual void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) = 0;
   // Weight k of output channel o in the float weight blob (its layout).
   virtual int64_t ChannelWeightAt(int o, int64_t k) const = 0;
+  // Whether channel o's weights are the run [o * K, (o + 1) * K) of the
+  // blob, so that the loops over every weight need no call per weight.
+  virtual bool ContiguousChannels() const { return true; }
+  // ChannelWeightAt, or the direct index where channels are contiguous.
+  int64_t WeightAt(int o, int64_t k, int64_t per) const {
+    return ContiguousChannels() ? int64_t(o) * per + k : ChannelWeightAt(o, k);
+  }
   // Builds what the fast kernel needs from the codes, once they are final
   // (after every build of the attributes).
   virtual void PrepareKernel() {}
@@ -108,6 +115,7 @@ class InnerProductInt8Layer : public WeightedInt8Layer {
  protected:
   void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) override;
   int64_t ChannelWeightAt(int o, int64_t k) const override;
+  bool ContiguousChannels() const override;
   void PrepareKernel() override { BuildKernelWeights(kernel_.Shifted()); }
 
  private:
