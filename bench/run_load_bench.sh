@@ -133,7 +133,7 @@ for model in "${MODELS[@]}"; do
   "$TOOLS/qzdl_onnx2net" "$model" "$net.json" "$net.bin" >/dev/null
   # Inputs (seeded) and ORT's outputs, to check that both compute the same.
   node "$ROOT/scripts/ort_run.js" --model "$model" --net-json "$net.json" --batch "$BATCH" \
-    --inputs-dir "$net.in" --outputs-dir "$net.ort" --threads "$THREADS" >/dev/null
+    --inputs-dir "$net.in" --outputs-dir "$net.ort" --threads "$THREADS" >/dev/null 2>&1
   max_abs=$(OMP_NUM_THREADS=$THREADS "$TOOLS/qzdl_run" "$net.json" "$net.bin" \
     --batch "$BATCH" --inputs-dir "$net.in" --compare-dir "$net.ort" |
     awk '/^compare:/ { for (i = 1; i < NF; ++i) if ($i == "max_abs" && $(i+1) + 0 > m + 0) m = $(i+1) + 0 }
@@ -154,7 +154,7 @@ for model in "${MODELS[@]}"; do
         sed -n 's/^forward: .*, \([0-9.]*\) ms per pass.*/\1/p' >>"$WORK/ours1"
       node "$ROOT/scripts/ort_run.js" --model "$model" --net-json "$net.json" --batch "$BATCH" \
         --inputs-dir "$net.in" --outputs-dir "$net.ort" --threads "$THREADS" \
-        --warmup "$WARMUP" --repeat "$REPEAT" |
+        --warmup "$WARMUP" --repeat "$REPEAT" 2>/dev/null |
         node -e 'let s = ""; process.stdin.on("data", d => s += d).on("end",
                  () => console.log(JSON.parse(s).ms_per_run.toFixed(3)))' >>"$WORK/ort"
     done
