@@ -1,10 +1,10 @@
 #include "runtime/kernels/conv_depthwise.h"
 
-#include <omp.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+
+#include "runtime/kernels/parallel.h"
 
 // On x86-64 the plane loops are compiled for AVX-512, AVX2 and the baseline,
 // picked at load time; elsewhere the compiler's default target is used.
@@ -143,39 +143,40 @@ void DepthwiseConvolution(const ConvGeometry& g, const float* x, const float* w,
   const size_t per_thread = DepthwiseScratchFloats(g);
   const size_t padded = size_t(PaddedH(g)) * PaddedW(g);
   const Path path = PathFor(g);
-  const int threads = std::max(1, std::min(slots, omp_get_max_threads()));
-#pragma omp parallel num_threads(threads)
-  {
-    float* p = scratch + per_thread * omp_get_thread_num();
-    float* acc = p + padded;         // flat paths
-    std::fill(p, p + padded, 0.0f);  // the border stays zero
-#pragma omp for schedule(static)
-    for (int64_t i = 0; i < planes; ++i) {
-      const int n = static_cast<int>(i / g.out_c), o = static_cast<int>(i % g.out_c);
-      const float* xp = x + (int64_t(n) * g.in_c + o / multiplier) * in_plane;
-      const float* k = w + int64_t(o) * kk;
-      const float bias = b != nullptr ? b[o] : 0.0f;
-      float* yp = y + i * out_plane;
-      switch (path) {
-        case Path::kFlat3x3:
-          PadPlane(g, xp, p);
-          Flat3x3(g, p, k, bias, acc, yp);
-          break;
-        case Path::kFlat:
-          PadPlane(g, xp, p);
-          Flat(g, p, k, bias, acc, yp);
-          break;
-        case Path::kRows3x3Stride2:
-          PadPlane(g, xp, p);
-          Rows3x3Stride2(g, p, k, bias, yp);
-          break;
-        case Path::kRows:
-          PadPlane(g, xp, p);
-          Rows(g, p, k, bias, yp);
-          break;
-      }
-    }
-  }
+  // One output plane per item; each thread zeroes its padded plane once,
+  // the border then stays zero.
+  ParallelItems(
+      planes, std::max(1, slots),
+      [&](int slot) {
+        std::fill(scratch + per_thread * slot, scratch + per_thread * slot + padded, 0.0f);
+      },
+      [&](int64_t i, int slot) {
+        float* p = scratch + per_thread * slot;
+        float* acc = p + padded;  // flat paths
+        const int n = static_cast<int>(i / g.out_c), o = static_cast<int>(i % g.out_c);
+        const float* xp = x + (int64_t(n) * g.in_c + o / multiplier) * in_plane;
+        const float* k = w + int64_t(o) * kk;
+        const float bias = b != nullptr ? b[o] : 0.0f;
+        float* yp = y + i * out_plane;
+        switch (path) {
+          case Path::kFlat3x3:
+            PadPlane(g, xp, p);
+            Flat3x3(g, p, k, bias, acc, yp);
+            break;
+          case Path::kFlat:
+            PadPlane(g, xp, p);
+            Flat(g, p, k, bias, acc, yp);
+            break;
+          case Path::kRows3x3Stride2:
+            PadPlane(g, xp, p);
+            Rows3x3Stride2(g, p, k, bias, yp);
+            break;
+          case Path::kRows:
+            PadPlane(g, xp, p);
+            Rows(g, p, k, bias, yp);
+            break;
+        }
+      });
 }
 
 }  // namespace qzdl

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "runtime/data.h"
+#include "runtime/kernels/parallel.h"
 #endif
 
 namespace qzdl {
@@ -265,38 +266,43 @@ void DnnlConvolution::Run(const float* x, const float* w, const float* b, float*
   const int chunks = static_cast<int>(m.chunks.size());
   const int64_t items = int64_t(g.batch) * chunks;
   char* src_buf = static_cast<char*>(m.src_buf.get());
-  const int threads = std::min(static_cast<int>(m.slots.size()), omp_get_max_threads());
-  // Inside this region every oneDNN call runs on the calling thread.
-#pragma omp parallel num_threads(threads)
-  {
-    Impl::Slot& s = *m.slots[omp_get_thread_num()];
-#pragma omp for schedule(dynamic)
-    for (int c = 0; c < chunks; ++c)
-      if (m.parts[m.chunks[c].part].reorder_wei)
-        m.parts[m.chunks[c].part].wei_reorder.execute(s.stream, s.wei_args[c]);
-    if (m.reorder_src) {
-#pragma omp for schedule(dynamic)
-      for (int n = 0; n < g.batch; ++n) {
-        s.user_src.set_data_handle(handle(x + n * in_image));
-        s.src.set_data_handle(src_buf + n * m.src_image_bytes);
-        m.src_reorder.execute(s.stream, s.src_args);
-      }
-    }
-#pragma omp for schedule(dynamic)
-    for (int64_t item = 0; item < items; ++item) {
-      const int n = static_cast<int>(item / chunks), c = static_cast<int>(item % chunks);
+  const int threads = static_cast<int>(m.slots.size());
+  // Inside the items every oneDNN call runs on the calling thread. Each
+  // stream is waited for before its thread leaves the item.
+  bool reorder_wei = false;
+  for (const Impl::Part& p : m.parts) reorder_wei |= p.reorder_wei;
+  if (reorder_wei) {
+    ParallelItems(chunks, threads, [&](int64_t c, int slot) {
+      Impl::Slot& s = *m.slots[slot];
       const Impl::Part& p = m.parts[m.chunks[c].part];
-      if (m.reorder_src) {
-        s.src.set_data_handle(src_buf + n * m.src_image_bytes);
-      } else {
-        s.src.set_data_handle(handle(x + n * in_image));
-      }
-      s.user_dst[c].set_data_handle(y + n * out_image + m.chunks[c].first * plane);
-      p.conv.execute(s.stream, s.conv_args[c]);
-      if (p.reorder_dst) p.dst_reorder.execute(s.stream, s.dst_args[c]);
-    }
-    s.stream.wait();
+      if (!p.reorder_wei) return;
+      p.wei_reorder.execute(s.stream, s.wei_args[c]);
+      s.stream.wait();
+    });
   }
+  if (m.reorder_src) {
+    ParallelItems(g.batch, threads, [&](int64_t n, int slot) {
+      Impl::Slot& s = *m.slots[slot];
+      s.user_src.set_data_handle(handle(x + n * in_image));
+      s.src.set_data_handle(src_buf + n * m.src_image_bytes);
+      m.src_reorder.execute(s.stream, s.src_args);
+      s.stream.wait();
+    });
+  }
+  ParallelItems(items, threads, [&](int64_t item, int slot) {
+    Impl::Slot& s = *m.slots[slot];
+    const int n = static_cast<int>(item / chunks), c = static_cast<int>(item % chunks);
+    const Impl::Part& p = m.parts[m.chunks[c].part];
+    if (m.reorder_src) {
+      s.src.set_data_handle(src_buf + n * m.src_image_bytes);
+    } else {
+      s.src.set_data_handle(handle(x + n * in_image));
+    }
+    s.user_dst[c].set_data_handle(y + n * out_image + m.chunks[c].first * plane);
+    p.conv.execute(s.stream, s.conv_args[c]);
+    if (p.reorder_dst) p.dst_reorder.execute(s.stream, s.dst_args[c]);
+    s.stream.wait();
+  });
 }
 
 std::string DnnlConvolution::ImplName() const {

@@ -9,6 +9,7 @@
 #include "runtime/kernels/conv_depthwise.h"
 #include "runtime/kernels/gemm.h"
 #include "runtime/kernels/im2col.h"
+#include "runtime/kernels/parallel.h"
 
 namespace qzdl {
 
@@ -189,41 +190,37 @@ void ConvKernel::RunGemm(const float* x, const float* w, const float* b, float* 
   const int k = static_cast<int>(cin_g * g.KernelArea());
   const bool im2col = algorithm_ == ConvAlgorithm::kIm2colGemm;
   const int64_t total = int64_t(g.batch) * g.group * m_tiles_ * n_tiles_;
-  const int threads = im2col ? std::min(slots_, omp_get_max_threads()) : omp_get_max_threads();
+  const int threads = im2col ? slots_ : ParallelThreads();
   float* cols = static_cast<float*>(cols_.get());
-  // Always an OpenMP region, even for one tile: inside it the GEMM library
-  // stays on the calling thread (see gemm.h).
-#pragma omp parallel num_threads(threads)
-  {
-    float* col = im2col ? cols + int64_t(omp_get_thread_num()) * k * n_block_ : nullptr;
-#pragma omp for schedule(dynamic)
-    for (int64_t item = 0; item < total; ++item) {
-      int64_t rest = item;
-      const int nt = static_cast<int>(rest % n_tiles_);
-      rest /= n_tiles_;
-      const int mt = static_cast<int>(rest % m_tiles_);
-      rest /= m_tiles_;
-      const int grp = static_cast<int>(rest % g.group);
-      const int n = static_cast<int>(rest / g.group);
-      const int p0 = nt * n_block_, np = std::min(n_block_, plane - p0);
-      const int m0 = mt * m_block_, mb = std::min(m_block_, cout_g - m0);
-      const int o0 = grp * cout_g + m0;
-      const float* xg = x + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * g.InPlane();
-      float* yt = y + (int64_t(n) * g.out_c + o0) * plane + p0;
-      float beta = 0.0f;
-      if (b != nullptr) {
-        FillRows(yt, plane, mb, np, b + o0);
-        beta = 1.0f;
-      }
-      const float* wt = w + int64_t(o0) * k;
-      if (im2col) {
-        Im2colTile(g, xg, p0, np, col);
-        SgemmTile(false, false, mb, np, k, 1.0f, wt, k, col, np, beta, yt, plane);
-      } else {
-        SgemmTile(false, false, mb, np, k, 1.0f, wt, k, xg + p0, plane, beta, yt, plane);
-      }
+  // Inside the items the GEMM library stays on the calling thread (see
+  // gemm.h), also when there is only one tile.
+  ParallelItems(total, threads, [&](int64_t item, int slot) {
+    float* col = im2col ? cols + int64_t(slot) * k * n_block_ : nullptr;
+    int64_t rest = item;
+    const int nt = static_cast<int>(rest % n_tiles_);
+    rest /= n_tiles_;
+    const int mt = static_cast<int>(rest % m_tiles_);
+    rest /= m_tiles_;
+    const int grp = static_cast<int>(rest % g.group);
+    const int n = static_cast<int>(rest / g.group);
+    const int p0 = nt * n_block_, np = std::min(n_block_, plane - p0);
+    const int m0 = mt * m_block_, mb = std::min(m_block_, cout_g - m0);
+    const int o0 = grp * cout_g + m0;
+    const float* xg = x + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * g.InPlane();
+    float* yt = y + (int64_t(n) * g.out_c + o0) * plane + p0;
+    float beta = 0.0f;
+    if (b != nullptr) {
+      FillRows(yt, plane, mb, np, b + o0);
+      beta = 1.0f;
     }
-  }
+    const float* wt = w + int64_t(o0) * k;
+    if (im2col) {
+      Im2colTile(g, xg, p0, np, col);
+      SgemmTile(false, false, mb, np, k, 1.0f, wt, k, col, np, beta, yt, plane);
+    } else {
+      SgemmTile(false, false, mb, np, k, 1.0f, wt, k, xg + p0, plane, beta, yt, plane);
+    }
+  });
 }
 
 bool DeconvKernel::Configure(const ConvGeometry& g, bool bias) {
@@ -256,36 +253,35 @@ void DeconvKernel::Run(const float* x, const float* w, const float* b, float* y)
   float* packed = static_cast<float*>(packed_.get());
   float* col = static_cast<float*>(col_.get());
   // Weights [M][C/group][k] become, per group, a [(o, k)][C/group] matrix.
-#pragma omp parallel for schedule(static)
-  for (int o = 0; o < g.out_c; ++o) {
-    const int grp = o / cout_g, oc = o % cout_g;
+  const int threads = ParallelThreads();
+  ParallelItems(g.out_c, threads, [&](int64_t o, int) {
+    const int grp = static_cast<int>(o / cout_g), oc = static_cast<int>(o % cout_g);
     float* dst = packed + int64_t(grp) * rows_ * cin_g + int64_t(oc) * kk * cin_g;
-    const float* src = w + int64_t(o) * cin_g * kk;
+    const float* src = w + o * cin_g * kk;
     for (int c = 0; c < cin_g; ++c)
       for (int t = 0; t < kk; ++t) dst[int64_t(t) * cin_g + c] = src[int64_t(c) * kk + t];
-  }
+  });
   const int m_tiles = NumBlocks(rows_, m_block_);
   for (int n = 0; n < g.batch; ++n) {
     for (int grp = 0; grp < g.group; ++grp) {
       const float* xg = x + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * in_plane;
       float* yg = y + (int64_t(n) * g.out_c + int64_t(grp) * cout_g) * out_plane;
       const float* wg = packed + int64_t(grp) * rows_ * cin_g;
-#pragma omp parallel for schedule(static)
-      for (int oc = 0; oc < cout_g; ++oc)
+      ParallelItems(cout_g, threads, [&](int64_t oc, int) {
         std::fill(yg + oc * out_plane, yg + (oc + 1) * out_plane,
                   b != nullptr ? b[grp * cout_g + oc] : 0.0f);
+      });
       // 64-bit: the last step may pass 2^31 - 1.
       for (int64_t p0 = 0; p0 < in_plane; p0 += n_block_) {
         const int np = static_cast<int>(std::min<int64_t>(n_block_, in_plane - p0));
-#pragma omp parallel for schedule(dynamic)
-        for (int mt = 0; mt < m_tiles; ++mt) {
-          const int m0 = mt * m_block_, mb = std::min(m_block_, rows_ - m0);
+        ParallelItems(m_tiles, threads, [&](int64_t mt, int) {
+          const int m0 = static_cast<int>(mt) * m_block_, mb = std::min(m_block_, rows_ - m0);
           SgemmTile(false, false, mb, np, cin_g, 1.0f, wg + int64_t(m0) * cin_g, cin_g, xg + p0,
                     in_plane, 0.0f, col + int64_t(m0) * np, np);
-        }
-#pragma omp parallel for schedule(dynamic)
-        for (int oc = 0; oc < cout_g; ++oc)
-          Col2imAdd(g, col + int64_t(oc) * kk * np, p0, np, yg + oc * out_plane);
+        });
+        ParallelItems(cout_g, threads, [&](int64_t oc, int) {
+          Col2imAdd(g, col + oc * kk * np, p0, np, yg + oc * out_plane);
+        });
       }
     }
   }
@@ -297,8 +293,7 @@ void InnerProductForward(int batch, int k, int out, bool transpose, const float*
   const int o_tiles = NumBlocks(out, o_block), n_tiles = NumBlocks(batch, n_block);
   // The output may hold more than 2^31 - 1 values, and so may the tiles.
   const int64_t total = int64_t(o_tiles) * n_tiles;
-#pragma omp parallel for schedule(dynamic)
-  for (int64_t item = 0; item < total; ++item) {
+  ParallelItems(total, ParallelThreads(), [&](int64_t item, int) {
     const int o0 = static_cast<int>(item % o_tiles) * o_block, no = std::min(o_block, out - o0);
     const int n0 = static_cast<int>(item / o_tiles) * n_block, nn = std::min(n_block, batch - n0);
     float* yt = y + int64_t(n0) * out + o0;
@@ -313,7 +308,7 @@ void InnerProductForward(int batch, int k, int out, bool transpose, const float*
       SgemmTile(false, true, nn, no, k, 1.0f, x + int64_t(n0) * k, k, w + int64_t(o0) * k, k, beta,
                 yt, out);
     }
-  }
+  });
 }
 
 }  // namespace qzdl
