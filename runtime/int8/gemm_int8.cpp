@@ -1,7 +1,5 @@
 #include "runtime/int8/gemm_int8.h"
 
-#include <omp.h>
-
 #include <algorithm>
 #include <climits>
 
@@ -49,8 +47,6 @@ void ExactProducts(int m, int n, int k, const float* a, int lda, const float* b,
   }
 }
 
-int Threads(size_t slots) { return std::max(1, std::min(int(slots), omp_get_max_threads())); }
-
 }  // namespace
 
 void ConvCodesKernel::Reshape(const ConvGeometry& g, bool allow_shifted) {
@@ -62,12 +58,13 @@ void ConvCodesKernel::Reshape(const ConvGeometry& g, bool allow_shifted) {
   shifted_ = allow_shifted && !depthwise_ && k <= kMaxShiftedK && HaveExactU8S8Gemm();
   const int64_t plane = g.OutPlane();
   // A tile of output positions whose patches take about 1 MB.
-  int64_t tile = std::max<int64_t>(32, std::min<int64_t>(1024, (int64_t(1) << 18) / std::max<int64_t>(k, 1)));
+  int64_t tile =
+      std::max<int64_t>(32, std::min<int64_t>(1024, (int64_t(1) << 18) / std::max<int64_t>(k, 1)));
   tile_ = static_cast<int>(std::max<int64_t>(1, std::min(tile, plane)));
   const size_t inputs = static_cast<size_t>(int64_t(g.batch) * g.in_c * g.InPlane());
   centred_x_.resize(shifted_ ? 0 : inputs);
   shifted_x_.resize(shifted_ ? inputs : 0);
-  slots_.resize(static_cast<size_t>(std::max(1, omp_get_max_threads())));
+  slots_.resize(static_cast<size_t>(std::max(1, ParallelThreads())));
   depthwise_out_.resize(depthwise_ ? static_cast<size_t>(int64_t(g.batch) * g.out_c * plane) : 0);
   depthwise_scratch_.resize(depthwise_ ? DepthwiseScratchFloats(g) * slots_.size() : 0);
   for (Slot& s : slots_) {
@@ -102,11 +99,9 @@ void ConvCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w
   const int64_t plane = g.OutPlane(), in_plane = g.InPlane();
   const int64_t tiles = (plane + tile_ - 1) / tile_;
   const int64_t items = int64_t(g.batch) * g.group * tiles;
-#pragma omp parallel num_threads(Threads(slots_.size()))
-  {
-    Slot& s = slots_[omp_get_thread_num()];
-#pragma omp for schedule(dynamic)
-    for (int64_t item = 0; item < items; ++item) {
+  ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
+    Slot& s = slots_[slot];
+    {
       const int64_t t = item % tiles;
       const int grp = static_cast<int>((item / tiles) % g.group);
       const int n = static_cast<int>(item / tiles / g.group);
@@ -133,7 +128,7 @@ void ConvCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w
                       y + (int64_t(n) * g.out_c + o) * plane + p0);
       }
     }
-  }
+  });
 }
 
 void ConvCodesKernel::RunShifted(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
@@ -150,11 +145,9 @@ void ConvCodesKernel::RunShifted(const uint8_t* x, int32_t x_zero, const CodeWei
   });
   const int8_t pad = static_cast<int8_t>(x_zero - 128);
   const int64_t c = 128 - x_zero;
-#pragma omp parallel num_threads(Threads(slots_.size()))
-  {
-    Slot& s = slots_[omp_get_thread_num()];
-#pragma omp for schedule(dynamic)
-    for (int64_t item = 0; item < items; ++item) {
+  ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
+    Slot& s = slots_[slot];
+    {
       const int64_t t = item % tiles;
       const int grp = static_cast<int>((item / tiles) % g.group);
       const int n = static_cast<int>(item / tiles / g.group);
@@ -191,30 +184,27 @@ void ConvCodesKernel::RunShifted(const uint8_t* x, int32_t x_zero, const CodeWei
                       y + (int64_t(n) * g.out_c + o) * plane + p0);
       }
     }
-  }
+  });
 }
 
 // Depthwise windows of at most kExactChunk taps: the float depthwise kernel
 // of the runtime on the centred input and weights (no bias) sums them
 // exactly, in whatever order it takes.
-void ConvCodesKernel::RunDepthwise(const float* centred, const ChannelQuantization& q,
-                                   uint8_t* y) {
+void ConvCodesKernel::RunDepthwise(const float* centred, const ChannelQuantization& q, uint8_t* y) {
   const ConvGeometry& g = g_;
   const int64_t plane = g.OutPlane();
   DepthwiseConvolution(g, centred_x_.data(), centred, nullptr, depthwise_out_.data(),
                        depthwise_scratch_.data(), static_cast<int>(slots_.size()));
   const int64_t planes = int64_t(g.batch) * g.out_c;
-#pragma omp parallel num_threads(Threads(slots_.size()))
-  {
-    int64_t* total = slots_[omp_get_thread_num()].acc.data();
-#pragma omp for schedule(dynamic)
-    for (int64_t item = 0; item < planes; ++item) {
+  ParallelItems(planes, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
+    int64_t* total = slots_[slot].acc.data();
+    {
       const int c = static_cast<int>(item % g.out_c);
       const float* sums = depthwise_out_.data() + item * plane;
       for (int64_t p = 0; p < plane; ++p) total[p] = q.bias[c] + static_cast<int64_t>(sums[p]);
       RequantizeRow(total, plane, q.requantizer[c], q.output_zero, y + item * plane);
     }
-  }
+  });
 }
 
 void InnerProductCodesKernel::Reshape(int batch, int k_dim, int out, bool allow_shifted) {
@@ -240,29 +230,29 @@ void InnerProductCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWe
       for (int k = 0; k < k_dim_; ++k) sum += x[int64_t(n) * k_dim_ + k];
       row_sum_[n] = sum;
     }
-#pragma omp parallel for schedule(dynamic)
-    for (int blk = 0; blk < blocks; ++blk) {
+    ParallelItems(blocks, ParallelThreads(), [&](int64_t b, int) {
+      const int blk = static_cast<int>(b);
       const int o0 = blk * kBlock;
       const int nb = std::min(kBlock, out_ - o0);
       U8S8GemmTile(false, true, batch_, nb, k_dim_, x, k_dim_, w.shifted + int64_t(o0) * k_dim_,
                    k_dim_, c32_.data() + o0, out_);
       for (int o = o0; o < o0 + nb; ++o) {
         const int64_t c = 128 - q.weight_zero[o];
-        const int64_t fixed = int64_t(q.bias[o]) - int64_t(x_zero) * w.shifted_sum[o] -
-                              int64_t(x_zero) * c * k_dim_;
+        const int64_t fixed =
+            int64_t(q.bias[o]) - int64_t(x_zero) * w.shifted_sum[o] - int64_t(x_zero) * c * k_dim_;
         for (int n = 0; n < batch_; ++n) {
           const int64_t acc = fixed + c32_[int64_t(n) * out_ + o] + c * row_sum_[n];
           y[int64_t(n) * out_ + o] =
               Requantize(SaturateToInt32(acc), q.requantizer[o], q.output_zero);
         }
       }
-    }
+    });
     return;
   }
   const float* centred = w.centred;
   CentreCodes(x, static_cast<int64_t>(centred_x_.size()), x_zero, centred_x_.data());
-#pragma omp parallel for schedule(dynamic)
-  for (int blk = 0; blk < blocks; ++blk) {
+  ParallelItems(blocks, ParallelThreads(), [&](int64_t b, int) {
+    const int blk = static_cast<int>(b);
     const int o0 = blk * kBlock;
     const int nb = std::min(kBlock, out_ - o0);
     ExactProducts(batch_, nb, k_dim_, centred_x_.data(), k_dim_, centred + int64_t(o0) * k_dim_,
@@ -274,7 +264,7 @@ void InnerProductCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWe
             Requantize(SaturateToInt32(q.bias[o] + a), q.requantizer[o], q.output_zero);
       }
     }
-  }
+  });
 }
 
 }  // namespace qzdl
