@@ -96,12 +96,7 @@ void BM_Int8ConvRebuild(benchmark::State& state) {
     if (layer->GetType() == "Convolution") convs.push_back(dynamic_cast<qzdl::WeightedInt8Layer*>(layer));
   for (auto _ : state) {
     for (qzdl::WeightedInt8Layer* layer : convs) {
-      for (auto& kv : layer->GetUint8AttrDatas()) delete kv.second;
-      for (auto& kv : layer->GetFloatAttrDatas()) delete kv.second;
-      for (auto& kv : layer->GetInt32AttrDatas()) delete kv.second;
-      layer->GetUint8AttrDatas().clear();
-      layer->GetFloatAttrDatas().clear();
-      layer->GetInt32AttrDatas().clear();
+      layer->DeleteAttrDatas();
       layer->EnsurePrepared();
     }
   }

@@ -122,9 +122,17 @@ unsigned char RefillValue(const Data<unsigned char>& t, const NetContext* contex
 
 template <typename T>
 Layer<T>::~Layer() {
+  DeleteAttrDatas();
+}
+
+template <typename T>
+void Layer<T>::DeleteAttrDatas() {
   for (auto& kv : uint8_attrs_) delete kv.second;
   for (auto& kv : float_attrs_) delete kv.second;
   for (auto& kv : int32_attrs_) delete kv.second;
+  uint8_attrs_.clear();
+  float_attrs_.clear();
+  int32_attrs_.clear();
 }
 
 template <typename T>

@@ -130,6 +130,10 @@ class Layer {
   std::map<std::string, Data<unsigned char>*>& GetUint8AttrDatas() { return uint8_attrs_; }
   std::map<std::string, Data<float>*>& GetFloatAttrDatas() { return float_attrs_; }
   std::map<std::string, Data<int>*>& GetInt32AttrDatas() { return int32_attrs_; }
+  // What a caller that changes the configuration does: deletes every
+  // attribute tensor and empties the three maps, so that the next forward
+  // rebuilds them.
+  void DeleteAttrDatas();
 
  protected:
   // The kernel. Inputs and outputs are allocated and shaped.

@@ -87,6 +87,17 @@ void ConvCodesKernel::Reshape(const ConvGeometry& g, bool allow_shifted) {
   }
 }
 
+ConvCodesKernel::Tile ConvCodesKernel::TileOf(int64_t item) const {
+  const int64_t plane = g_.OutPlane();
+  const int64_t tiles = (plane + tile_ - 1) / tile_;
+  Tile t;
+  t.first = item % tiles * tile_;
+  t.count = static_cast<int>(std::min<int64_t>(tile_, plane - t.first));
+  t.group = static_cast<int>(item / tiles % g_.group);
+  t.n = static_cast<int>(item / tiles / g_.group);
+  return t;
+}
+
 void ConvCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
                           const ChannelQuantization& q, uint8_t* y) {
   const ConvGeometry& g = g_;
@@ -102,11 +113,9 @@ void ConvCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w
   ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
     Slot& s = slots_[slot];
     {
-      const int64_t t = item % tiles;
-      const int grp = static_cast<int>((item / tiles) % g.group);
-      const int n = static_cast<int>(item / tiles / g.group);
-      const int64_t p0 = t * tile_;
-      const int np = static_cast<int>(std::min<int64_t>(tile_, plane - p0));
+      const Tile tile = TileOf(item);
+      const int n = tile.n, grp = tile.group, np = tile.count;
+      const int64_t p0 = tile.first;
       const float* xg = centred_x_.data() + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * in_plane;
       const float* b;
       int ldb;
@@ -148,11 +157,9 @@ void ConvCodesKernel::RunShifted(const uint8_t* x, int32_t x_zero, const CodeWei
   ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
     Slot& s = slots_[slot];
     {
-      const int64_t t = item % tiles;
-      const int grp = static_cast<int>((item / tiles) % g.group);
-      const int n = static_cast<int>(item / tiles / g.group);
-      const int64_t p0 = t * tile_;
-      const int np = static_cast<int>(std::min<int64_t>(tile_, plane - p0));
+      const Tile tile = TileOf(item);
+      const int n = tile.n, grp = tile.group, np = tile.count;
+      const int64_t p0 = tile.first;
       const int8_t* xg = xs + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * in_plane;
       const int8_t* b;
       int64_t ldb;

@@ -34,8 +34,7 @@ void CentreWeights(int out, int64_t k_dim, const uint8_t* w, const std::vector<i
 // Shifted weights [out][K] for the u8 x s8 path: w - 128 as int8, and
 // each row's sum.
 template <typename At>
-void ShiftWeights(int out, int64_t k_dim, const uint8_t* w, At at, int8_t* shifted,
-                  int32_t* sums) {
+void ShiftWeights(int out, int64_t k_dim, const uint8_t* w, At at, int8_t* shifted, int32_t* sums) {
   for (int o = 0; o < out; ++o) {
     int32_t sum = 0;
     for (int64_t k = 0; k < k_dim; ++k) {
@@ -103,6 +102,12 @@ class ConvCodesKernel {
     std::vector<int8_t> col8;
     std::vector<int32_t> c32, colsum;
   };
+  // A work item: positions [first, first + count) of one group of one image.
+  struct Tile {
+    int n = 0, group = 0, count = 0;
+    int64_t first = 0;
+  };
+  Tile TileOf(int64_t item) const;
   void RunDepthwise(const float* centred, const ChannelQuantization& q, uint8_t* y);
   void RunShifted(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
                   const ChannelQuantization& q, uint8_t* y);

@@ -95,14 +95,7 @@ std::vector<unsigned char> Conv1Codes(Net<unsigned char>* net, const std::vector
   return std::vector<unsigned char>(y->GetCpuData(), y->GetCpuData() + y->Count(0));
 }
 
-void ClearAttributes(Layer<unsigned char>* layer) {
-  for (auto& kv : layer->GetUint8AttrDatas()) delete kv.second;
-  for (auto& kv : layer->GetFloatAttrDatas()) delete kv.second;
-  for (auto& kv : layer->GetInt32AttrDatas()) delete kv.second;
-  layer->GetUint8AttrDatas().clear();
-  layer->GetFloatAttrDatas().clear();
-  layer->GetInt32AttrDatas().clear();
-}
+void ClearAttributes(Layer<unsigned char>* layer) { layer->DeleteAttrDatas(); }
 
 TEST_F(Int8NetTest, ConvolutionAttributesAreRebuiltOnlyAfterClearing) {
   Layer<unsigned char>* conv1 = int8_net_->GetLayers()[0];
