@@ -46,13 +46,8 @@ void ForEachBroadcast(const BroadcastShape& g, Fn fn) {
   const int64_t ia = g.stride_a[g.axes - 1], ib = g.stride_b[g.axes - 1];
   const int64_t rows = inner > 0 ? g.count / inner : 0;
   for (int64_t row = 0; row < rows; ++row) {
-    int64_t oa = 0, ob = 0, rest = row;
-    for (int64_t j = g.axes - 2; j >= 0; --j) {
-      const int64_t idx = rest % g.dims[j];
-      rest /= g.dims[j];
-      oa += idx * g.stride_a[j];
-      ob += idx * g.stride_b[j];
-    }
+    int64_t oa = 0, ob = 0;
+    g.RowOffsets(row, &oa, &ob);
     for (int64_t i = 0; i < inner; ++i) fn(row * inner + i, oa + i * ia, ob + i * ib);
   }
 }

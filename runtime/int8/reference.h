@@ -14,6 +14,7 @@
 
 #include "runtime/int8/lookup_table.h"
 #include "runtime/int8/requantize.h"
+#include "runtime/kernels/broadcast.h"
 #include "runtime/kernels/conv_geometry.h"
 #include "runtime/layers/pooling.h"
 
@@ -68,7 +69,7 @@ CodeTable RequantizeTable(CodeGrid from, CodeGrid to, bool use_double);
 // precision (in input order), then floor(sum + 0.5).
 struct SumQuantization {
   std::vector<int64_t> multiplier;  // per input
-  int shift = 0;                     // 1 .. 62
+  int shift = 0;                    // 1 .. 62
   int32_t output_zero = 0;
   bool use_double = false;
   std::vector<double> real;  // c_k * s_k / s_y per input
@@ -95,16 +96,6 @@ void ReferenceEltwiseProdU8(const std::vector<const uint8_t*>& x,
 void ReferenceEltwiseMaxU8(const std::vector<const uint8_t*>& x,
                            const std::vector<CodeTable>& to_output, int64_t count, uint8_t* y);
 
-// Two inputs broadcast against each other: the output seen as `dims` (axes
-// merged), with per-axis element strides of a and b (0 along an axis the
-// input repeats).
-struct BroadcastShape {
-  const int64_t* dims = nullptr;
-  const int64_t* stride_a = nullptr;
-  const int64_t* stride_b = nullptr;
-  int64_t axes = 0;
-  int64_t count = 0;  // elements of the output
-};
 // y = a + c_b * b (c_b = 1 or -1) as an element-wise sum of two inputs,
 // `inputs` being the grids of a and b.
 void ReferenceBroadcastSumU8(const BroadcastShape& g, const uint8_t* a, const uint8_t* b,

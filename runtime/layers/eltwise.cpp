@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "runtime/kernels/broadcast.h"
 #include "runtime/kernels/parallel.h"
 
 namespace qzdl {
@@ -160,17 +161,11 @@ std::string BroadcastOpLayer<float>::GetTypeDetail() {
 
 namespace {
 
-struct Geometry {
-  const int64_t* dims;
-  const int64_t* stride_a;
-  const int64_t* stride_b;
-  int64_t axes;
-};
-
 // y = fn(a, b) over the merged axes. A task is one piece of at most kPiece
 // elements of one innermost row.
 template <typename Fn>
-void BroadcastKernel(const float* a, const float* b, float* y, int64_t count, Geometry g, Fn fn) {
+void BroadcastKernel(const float* a, const float* b, float* y, int64_t count, BroadcastShape g,
+                     Fn fn) {
   constexpr int64_t kPiece = 4096;
   const int64_t inner = g.dims[g.axes - 1];
   const int64_t ia = g.stride_a[g.axes - 1], ib = g.stride_b[g.axes - 1];
@@ -183,13 +178,8 @@ void BroadcastKernel(const float* a, const float* b, float* y, int64_t count, Ge
           const int64_t row = t / pieces;
           const int64_t from = (t % pieces) * kPiece;
           const int64_t n = std::min(kPiece, inner - from);
-          int64_t oa = 0, ob = 0, rest = row;
-          for (int64_t j = g.axes - 2; j >= 0; --j) {
-            const int64_t idx = rest % g.dims[j];
-            rest /= g.dims[j];
-            oa += idx * g.stride_a[j];
-            ob += idx * g.stride_b[j];
-          }
+          int64_t oa = 0, ob = 0;
+          g.RowOffsets(row, &oa, &ob);
           const float* pa = a + oa + from * ia;
           const float* pb = b + ob + from * ib;
           float* py = y + row * inner + from;
@@ -207,8 +197,8 @@ void BroadcastOpLayer<float>::Run() {
   const float* b = this->in(1)->GetCpuData();
   float* y = this->out()->GetCpuData();
   const int64_t count = this->out()->Count(0);
-  const Geometry g{dims_.data(), stride_a_.data(), stride_b_.data(),
-                   static_cast<int64_t>(dims_.size())};
+  const BroadcastShape g{dims_.data(), stride_a_.data(), stride_b_.data(),
+                         static_cast<int64_t>(dims_.size())};
   switch (op_) {
     case Op::kAdd:
       BroadcastKernel(a, b, y, count, g, [](float p, float q) { return p + q; });
