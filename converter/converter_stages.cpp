@@ -1,15 +1,44 @@
 // The stages of a conversion that stand between the driver's fixed steps, and
 // the driver's calls into the data loader, the searcher and the weights tuner.
-//
-// The searcher and the tuner are not built yet: their stages and calls do
-// nothing, so the ranges are the observers' own.
 #include "converter/converter.h"
 #include "dataloader/data_loader.h"
+#include "quantization/searcher.h"
+#include "quantization/weights_tuner.h"
+#include "runtime/file_read.h"
 
 namespace qzdl {
 namespace modelConverter {
 
-void Converter::InitSearcher() {}
+using staticQuantization::AdaQuantSearcher;
+using staticQuantization::AdaQuantSeqSearcher;
+using staticQuantization::CosineSearcher;
+
+// The tuner exists whenever -n asks for it; a searcher for the modes that
+// search layer by layer. Mode 8 with -e leaves its candidates to the
+// whole-net search instead.
+void Converter::InitSearcher() {
+  if (param.weight_tuning) weights_tuner = new WeightsTuner(float_net, data_loader);
+  const int mode = param.calibration_mode;
+  const bool wanted = mode == staticQuantization::AdaQuantSequential ||
+                      mode == staticQuantization::AdaQuant ||
+                      (mode == staticQuantization::CosineSearch &&
+                       param.expectant_cos == param.expectant_cos_unset);
+  if (!wanted) return;
+
+  std::string error;
+  const json11::Json json = json11::Json::parse(ReadFileOrEmpty(param.json_file), error);
+  int8_net = new Net<unsigned char>(json, "int8", nullptr);
+  // Both nets read and write one configuration.
+  int8_net->SetInt8Config(float_net->GetInt8Config());
+  int8_net->LoadWeights(param.model_file);
+  if (mode == staticQuantization::CosineSearch) {
+    searcher = new CosineSearcher(float_net, int8_net, data_loader);
+  } else if (mode == staticQuantization::AdaQuantSequential) {
+    searcher = new AdaQuantSeqSearcher(float_net, int8_net, data_loader);
+  } else {
+    searcher = new AdaQuantSearcher(float_net, int8_net, data_loader);
+  }
+}
 
 void Converter::StaticSearch() {}
 
@@ -39,19 +68,27 @@ float* Converter::NextBatch(const std::string& name, int batch) {
   return data_loader->GetBatch(name, batch);
 }
 
-void Converter::SearcherInit() {}
+void Converter::SearcherInit() { searcher->Init(); }
 
-void Converter::HandCachedDataToTuner() {}
+void Converter::HandCachedDataToTuner() {
+  weights_tuner->ImportCachedData(searcher->ExportCachedData());
+}
 
-void Converter::TunerInit() {}
+void Converter::TunerInit() { weights_tuner->Init(); }
 
-void Converter::SearcherSearchInput(const std::string& name, Observer* observer) {}
+void Converter::SearcherSearchInput(const std::string& name, Observer* observer) {
+  searcher->SearchOneInput(name, observer);
+}
 
 void Converter::SearcherSearchLayer(const std::string& layer_name,
-                                    std::map<std::string, Observer*> map) {}
+                                    std::map<std::string, Observer*> map) {
+  searcher->SearchOneLayer(layer_name, map);
+}
 
 void Converter::TunerSearchLayer(const std::string& layer_name,
-                                 std::map<std::string, Observer*> map) {}
+                                 std::map<std::string, Observer*> map) {
+  weights_tuner->SearchOneLayer(layer_name, map);
+}
 
 }  // namespace modelConverter
 }  // namespace qzdl
