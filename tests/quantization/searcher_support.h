@@ -25,16 +25,24 @@ struct SearchNets {
 
 // The float net of `b` at batch `items`, its 8-bit twin and a loader whose
 // input `i` holds `items` samples of values[i] (one item after the other).
+// Without `with_int8` the 8-bit net is an empty one (for searchers that use
+// only its configuration, on nets with float-only test layers).
 inline SearchNets MakeSearchNets(const NetBuilder& b, int items,
-                                 const std::vector<std::vector<float>>& values) {
+                                 const std::vector<std::vector<float>>& values,
+                                 bool with_int8 = true) {
   SearchNets s;
   s.f = b.Build();
   std::string error;
   const json11::Json desc = json11::Json::parse(b.JsonText(), error);
   EXPECT_EQ(error, "");
-  s.q = std::make_unique<Net<unsigned char>>(desc, "int8", nullptr);
-  const std::string weights = b.WeightsBytes();
-  if (!b.Blobs().empty()) s.q->LoadWeights(const_cast<char*>(weights.data()), int(weights.size()));
+  if (with_int8) {
+    s.q = std::make_unique<Net<unsigned char>>(desc, "int8", nullptr);
+    const std::string weights = b.WeightsBytes();
+    if (!b.Blobs().empty())
+      s.q->LoadWeights(const_cast<char*>(weights.data()), int(weights.size()));
+  } else {
+    s.q = std::make_unique<Net<unsigned char>>();
+  }
   s.loader = std::make_unique<dataLoader::DataLoader>(s.f.get(), dataLoader::Binary);
   s.loader->data_format = dataLoader::Binary;
   for (int i = 0; i < s.f->GetInputCount(); ++i) {
