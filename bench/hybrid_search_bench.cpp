@@ -9,6 +9,8 @@
 //
 // At the end the written files are loaded back and their cosine is computed
 // here, as a check of the cosine the search reports.
+#include <unistd.h>
+
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -16,7 +18,6 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "bench/bench_models.h"

@@ -79,7 +79,8 @@ struct FloatSwitch {
 
 class Search {
  public:
-  Search(Net<unsigned char>* net, Net<float>* float_net, const std::vector<std::vector<float>>& items)
+  Search(Net<unsigned char>* net, Net<float>* float_net,
+         const std::vector<std::vector<float>>& items)
       : net_(net), float_net_(float_net), items_(items) {}
 
   // Checks the items, runs the float net on them and shapes the hybrid net.
@@ -113,8 +114,8 @@ class Search {
   const std::vector<std::vector<float>>& items_;
   int64_t per_item_ = 0;
   int chunk_ = 1;
-  int batch_ = 0;          // the hybrid net's present batch
-  int original_batch_ = 0;  // and the one it came with
+  int batch_ = 0;                              // the hybrid net's present batch
+  int original_batch_ = 0;                     // and the one it came with
   std::vector<std::vector<float>> reference_;  // float outputs, by hybrid output
   // restart_ok_[s]: a forward from layer s on the last run's tensors is a
   // whole forward (one batch only; see Prepare).
@@ -343,7 +344,8 @@ void TryRanges(Search& search, double target, double& best,
   for (Layer<unsigned char>* layer : net->GetLayers())
     for (Data<unsigned char>* t : layer->GetOutputs()) add(t);
   if (order.empty()) return;
-  Say("whole-net search: trying the candidate ranges of %s\n", Count(order.size(), "tensor").c_str());
+  Say("whole-net search: trying the candidate ranges of %s\n",
+      Count(order.size(), "tensor").c_str());
   for (Data<unsigned char>* t : order) {
     // A "float" tensor is not quantized: its range changes nothing.
     if (t->GetDataType() != "int8") continue;
@@ -464,8 +466,8 @@ void OptimizeInt8Net(HybridNet* hybrid, Net<float>* floatNet,
       reached ? "reached" : "not reached: no candidate or layer left");
   std::string ranges, layers;
   for (const RangeChange& c : changes)
-    ranges += (ranges.empty() ? " \"" : ", \"") + c.tensor + "\" " +
-              RangeText(c.old_lo, c.old_hi) + " -> " + RangeText(c.lo, c.hi);
+    ranges += (ranges.empty() ? " \"" : ", \"") + c.tensor + "\" " + RangeText(c.old_lo, c.old_hi) +
+              " -> " + RangeText(c.lo, c.hi);
   for (const std::string& name : kept) layers += (layers.empty() ? " \"" : ", \"") + name + "\"";
   Say("  ranges changed:%s\n", ranges.empty() ? " none" : ranges.c_str());
   Say("  layers in float:%s\n", layers.empty() ? " none" : layers.c_str());

@@ -8,6 +8,8 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -37,7 +39,7 @@ std::string Range(float lo, float hi) {
   return text;
 }
 
-bool Exists(const std::string& path) { return std::fopen(path.c_str(), "rb") != nullptr; }
+bool Exists(const std::string& path) { return std::ifstream(path).good(); }
 
 class HybridNetTest : public ::testing::Test {
  protected:
@@ -150,7 +152,8 @@ class HybridNetTest : public ::testing::Test {
     const std::string log = test::CaptureStdout([&] {
       OptimizeInt8Net(hybrid.get(), float_net_.get(), items_, target, json, model, candidates);
     });
-    if (getenv("SHOW_LOG")) fprintf(stderr, "%s", log.c_str());
+    // SHOW_LOG=1 shows every search's lines when a test is being looked into.
+    if (std::getenv("SHOW_LOG") != nullptr) fprintf(stderr, "%s", log.c_str());
     return log;
   }
 
@@ -183,23 +186,22 @@ TEST_F(HybridNetTest, AGoodCandidateRangeIsTaken) {
     const double after = CosineOf(json, model);
     ASSERT_GT(after, 0.999);
     ASSERT_LT(before, 0.99);
-    EXPECT_EQ(log,
-              "whole-net search: cosine " + Fixed(before) +
-                  " against the float net on 6 inputs, target 0.999000\n"
-                  "whole-net search: trying the candidate ranges of 1 tensor\n"
-                  "  tensor \"fc1\": range " +
-                  Range(bad_.first, bad_.second) + " -> " + Range(good_.first, good_.second) +
-                  ", cosine " + Fixed(after) +
-                  "\n"
-                  "whole-net search: cosine " +
-                  Fixed(before) + " -> " + Fixed(after) +
-                  ", target 0.999000 reached\n"
-                  "  ranges changed: \"fc1\" " +
-                  Range(bad_.first, bad_.second) + " -> " + Range(good_.first, good_.second) +
-                  "\n"
-                  "  layers in float: none\n"
-                  "  wrote \"" +
-                  json + "\" and \"" + model + "\"\n");
+    EXPECT_EQ(log, "whole-net search: cosine " + Fixed(before) +
+                       " against the float net on 6 inputs, target 0.999000\n"
+                       "whole-net search: trying the candidate ranges of 1 tensor\n"
+                       "  tensor \"fc1\": range " +
+                       Range(bad_.first, bad_.second) + " -> " + Range(good_.first, good_.second) +
+                       ", cosine " + Fixed(after) +
+                       "\n"
+                       "whole-net search: cosine " +
+                       Fixed(before) + " -> " + Fixed(after) +
+                       ", target 0.999000 reached\n"
+                       "  ranges changed: \"fc1\" " +
+                       Range(bad_.first, bad_.second) + " -> " + Range(good_.first, good_.second) +
+                       "\n"
+                       "  layers in float: none\n"
+                       "  wrote \"" +
+                       json + "\" and \"" + model + "\"\n");
     const json11::Json fc1 = TensorEntry(json, "fc1");
     EXPECT_EQ(float(fc1["min"].number_value()), good_.first);
     EXPECT_EQ(float(fc1["max"].number_value()), good_.second);
@@ -299,6 +301,22 @@ TEST_F(HybridNetTest, AnItemOfTheWrongSizeIsNamed) {
   EXPECT_FALSE(Exists(dir_ + "/o.json"));
 }
 
+TEST_F(HybridNetTest, AFileThatCannotBeWrittenLeavesBothUnwritten) {
+  MakeNet(false);
+  WriteHybrid("fc1");
+  Candidates candidates{{"fc1", {good_}}};
+  try {
+    Optimize(0.999, &candidates, dir_ + "/o.json", dir_ + "/missing/o.bin");
+    FAIL() << "no error";
+  } catch (const NetFormatError& e) {
+    EXPECT_EQ(std::string(e.what()), "whole-net search: cannot write \"" + dir_ +
+                                         "/missing/o.bin\": No such file or directory");
+  }
+  EXPECT_FALSE(Exists(dir_ + "/o.json"));
+  EXPECT_EQ(test::FolderNames(dir_),
+            (std::vector<std::string>{"m.bin", "net.bin", "net.json", "net_hybrid.json"}));
+}
+
 TEST_F(HybridNetTest, CreateHybridNetNamesTheFile) {
   MakeNet(false);
   try {
@@ -335,9 +353,8 @@ TEST_F(HybridNetTest, ARejectedRangeIsNotSeenByLaterTrials) {
   MakeNet(false, true);
   WriteHybrid("fc1", "out");
   const std::string json = dir_ + "/out.json", model = dir_ + "/out.bin";
-  Candidates candidates{{"data", {{-0.01f, 0.01f}}},
-                        {"fc1", {good_, {-0.01f, 0.01f}}},
-                        {"out", {good2_}}};
+  Candidates candidates{
+      {"data", {{-0.01f, 0.01f}}}, {"fc1", {good_, {-0.01f, 0.01f}}}, {"out", {good2_}}};
   const std::string log = Optimize(0.999, &candidates, json, model);
   const double after = CosineOf(json, model);
   EXPECT_EQ(log.find("tensor \"data\""), std::string::npos) << log;
@@ -345,10 +362,10 @@ TEST_F(HybridNetTest, ARejectedRangeIsNotSeenByLaterTrials) {
                      Range(good_.first, good_.second) + ", cosine "),
             std::string::npos)
       << log;
-  EXPECT_NE(log.find("  tensor \"out\": range [") , std::string::npos) << log;
-  EXPECT_NE(log.find(" -> " + Range(good2_.first, good2_.second) + ", cosine " + Fixed(after) +
-                     "\n"),
-            std::string::npos)
+  EXPECT_NE(log.find("  tensor \"out\": range ["), std::string::npos) << log;
+  EXPECT_NE(
+      log.find(" -> " + Range(good2_.first, good2_.second) + ", cosine " + Fixed(after) + "\n"),
+      std::string::npos)
       << log;
   EXPECT_NE(log.find(" -> " + Fixed(after) + ", target 0.999000 reached"), std::string::npos)
       << log;
