@@ -97,37 +97,46 @@ json11::Json GridJson(const QuantizationConfig& q) {
 
 }  // namespace
 
+std::string QuantizedWeightsBytes(Net<unsigned char>& net, bool serial, const std::string& path) {
+  return serial ? SerializeSerialQuantized(CollectBlobs(net, path))
+                : SerializeQuantizedWeights(CollectBlobs(net, path));
+}
+
 template <>
 void Net<unsigned char>::SaveWeights(std::string path, bool) {
-  WriteOrThrow(path, SerializeQuantizedWeights(CollectBlobs(*this, path)),
-               "quantized weights file");
+  WriteOrThrow(path, QuantizedWeightsBytes(*this, false, path), "quantized weights file");
 }
 
 template <>
 void Net<unsigned char>::SaveSerialWeights(std::string path) {
-  WriteOrThrow(path, SerializeSerialQuantized(CollectBlobs(*this, path)), "serial model file");
+  WriteOrThrow(path, QuantizedWeightsBytes(*this, true, path), "serial model file");
 }
 
 template <>
 void Net<unsigned char>::SaveJson(std::string path) {
-  INT8Config* config = context_.int8_config;
+  WriteOrThrow(path, QuantizedDescriptionText(*this), "net description");
+}
+
+std::string QuantizedDescriptionText(Net<unsigned char>& net) {
+  INT8Config* config = net.GetInt8Config();
+  const bool hybrid_mode = net.GetHybridMode();
   json11::Json::array tensors;
   std::set<std::string> seen;
   auto add = [&](const Data<unsigned char>* t) {
     if (!seen.insert(t->GetName()).second) return;
     json11::Json::object entry = GridJson(*config->GetDataConfig(t->GetName())).object_items();
     entry["name"] = t->GetName();
-    entry["data_type"] = hybrid_mode_ ? t->GetDataType() : std::string("int8");
+    entry["data_type"] = hybrid_mode ? t->GetDataType() : std::string("int8");
     tensors.push_back(entry);
   };
-  for (const Data<unsigned char>* t : inputs_) add(t);
+  for (int i = 0; i < net.GetInputCount(); ++i) add(net.GetInputData(i));
   json11::Json::array weights;
-  for (Layer<unsigned char>* layer : layers_) {
+  for (Layer<unsigned char>* layer : net.GetLayers()) {
     for (const Data<unsigned char>* t : layer->GetOutputs()) add(t);
     auto* weighted = dynamic_cast<WeightedInt8Layer*>(layer);
     if (weighted == nullptr || layer->GetWeights().empty() ||
         layer->GetWeights()[0]->GetCpuData() == nullptr ||
-        (hybrid_mode_ && !weighted->ComputesInIntegers()))
+        (hybrid_mode && !weighted->ComputesInIntegers()))
       continue;
     weighted->EnsurePrepared();
     json11::Json::array channels;
@@ -142,12 +151,12 @@ void Net<unsigned char>::SaveJson(std::string path) {
         {"blob", layer->GetWeights()[0]->GetName().substr(layer->GetName().size() + 1)},
         {"channels", channels}});
   }
-  json11::Json::object root = description_.object_items();
+  json11::Json::object root = net.Description().object_items();
   root[kQuantizationKey] = json11::Json::object{{"version", kQuantizedModelVersion},
-                                                {"hybrid", hybrid_mode_},
+                                                {"hybrid", hybrid_mode},
                                                 {"tensors", tensors},
                                                 {"weights", weights}};
-  WriteOrThrow(path, json11::Json(root).dump() + "\n", "net description");
+  return json11::Json(root).dump() + "\n";
 }
 
 template <>

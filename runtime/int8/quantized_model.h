@@ -26,6 +26,14 @@ bool IsQuantizedDescription(const json11::Json& net);
 // naming the file and what is wrong.
 Net<unsigned char>* CreateQuantizedNet(const std::string& netPath, const std::string& modelPath);
 
+// What SaveJson writes, as text: the description with the quantization
+// section (data types as the net's hybrid mode says).
+std::string QuantizedDescriptionText(Net<unsigned char>& net);
+// What SaveWeights (or, with `serial`, SaveSerialWeights) writes, as bytes;
+// `path` is only named by errors. Lets a caller write several files whole
+// or not at all (WriteFilesAtomically).
+std::string QuantizedWeightsBytes(Net<unsigned char>& net, bool serial, const std::string& path);
+
 // The real values of a tensor of an 8-bit net: its codes dequantized on its
 // grid, or its floats.
 std::vector<float> RealValues(Net<unsigned char>& net, const Data<unsigned char>& t);
