@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "converter/merge_config.h"
@@ -96,6 +97,10 @@ class Converter {
   void FinishCalibration();
   void SaveQuantizedModel() const;
   void StaticSearch();
+  // What StaticSearch hands to the runtime: the candidates of the tensors of
+  // method 8, and the first items of the first net input.
+  std::map<std::string, std::vector<std::pair<float, float>>> SearchCandidates();
+  std::vector<std::vector<float>> SearchInputs(const ConverterParam& p);
   INT8Config* DumpQuantizationConfig();
   void MergeInt8Config();
 

@@ -1,10 +1,16 @@
 // The stages of a conversion that stand between the driver's fixed steps, and
 // the driver's calls into the data loader, the searcher and the weights tuner.
+#include <algorithm>
+
 #include "converter/converter.h"
 #include "dataloader/data_loader.h"
+#include "quantization/mse_observer.h"
 #include "quantization/searcher.h"
+#include "quantization/utils.h"
 #include "quantization/weights_tuner.h"
+#include "runtime/create_net.h"
 #include "runtime/file_read.h"
+#include "runtime/int8/hybrid_net.h"
 
 namespace qzdl {
 namespace modelConverter {
@@ -40,7 +46,46 @@ void Converter::InitSearcher() {
   }
 }
 
-void Converter::StaticSearch() {}
+// The whole-net search of the runtime, on the model just written: a fresh
+// float net, the hybrid net as saved, the first items of the first input and
+// the candidates of every tensor of method 8.
+void Converter::StaticSearch() {
+  const ConverterParam p = param;
+  Net<float>* fresh = CreateNet<float>(p.json_file, p.model_file, false, false, 0, 1);
+  HybridNet* hybrid = CreateHybridNet(
+      staticQuantization::SwapPath(staticQuantization::AddHybrid(p.json_file), p.output_name),
+      p.model_file, false, 0);
+  std::map<std::string, std::vector<std::pair<float, float>>> candidates = SearchCandidates();
+  std::vector<std::vector<float>> inputs = SearchInputs(p);
+  const std::string hybrid_path =
+      staticQuantization::SwapPath(staticQuantization::AddHybrid(p.json_file), p.output_name);
+  OptimizeInt8Net(hybrid, fresh, inputs, p.expectant_cos, hybrid_path, p.output_name, &candidates);
+  delete hybrid;
+  delete fresh;
+}
+
+std::map<std::string, std::vector<std::pair<float, float>>> Converter::SearchCandidates() {
+  std::map<std::string, std::vector<std::pair<float, float>>> candidates;
+  for (const auto& entry : observers) {
+    if (entry.second->GetObserverType() != staticQuantization::CosineSearch) continue;
+    candidates[entry.first] =
+        static_cast<staticQuantization::EnumObserver*>(entry.second)->GetCandidates();
+  }
+  return candidates;
+}
+
+// At most `optimize_input_limit` items of the first net input, each copied
+// whole.
+std::vector<std::vector<float>> Converter::SearchInputs(const ConverterParam& p) {
+  const int64_t item = float_net->GetInputData(0)->Count(1);
+  const std::string name = float_net->GetInputDataName(0);
+  std::vector<std::vector<float>> inputs;
+  for (int i = 0; i < std::min<long>(p.optimize_input_limit, data_loader->GetSize()); ++i) {
+    const float* sample = data_loader->Get(name, i);
+    inputs.emplace_back(sample, sample + item);
+  }
+  return inputs;
+}
 
 long Converter::DataSize() { return data_loader->GetSize(); }
 

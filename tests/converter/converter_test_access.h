@@ -27,6 +27,14 @@ class ConverterTestAccess {
   static bool HasInt8Net(const Converter& c) { return c.int8_net != nullptr; }
   static bool HasSearcher(const Converter& c) { return c.searcher != nullptr; }
   static bool HasTuner(const Converter& c) { return c.weights_tuner != nullptr; }
+  static Searcher* GetSearcher(const Converter& c) { return c.searcher; }
+  static std::map<std::string, std::vector<std::pair<float, float>>> SearchCandidates(
+      Converter& c) {
+    return c.SearchCandidates();
+  }
+  static std::vector<std::vector<float>> SearchInputs(Converter& c) {
+    return c.SearchInputs(c.param);
+  }
   static size_t ObserverCount(const Converter& c) { return c.observers.size(); }
   static const std::map<std::string, Observer*>& Observers(const Converter& c) {
     return c.observers;
