@@ -21,6 +21,17 @@ void Int8Layer::Run() {
   RunCodes();
 }
 
+int PrepareInt8Layers(Net<unsigned char>& net) {
+  int prepared = 0;
+  for (Layer<unsigned char>* layer : net.GetLayers()) {
+    auto* int8 = dynamic_cast<Int8Layer*>(layer);
+    if (int8 == nullptr || !int8->ComputesInIntegers()) continue;
+    int8->EnsurePrepared();
+    ++prepared;
+  }
+  return prepared;
+}
+
 CodeGrid Int8Layer::GridOf(const Data<unsigned char>* t) const {
   const QuantizationConfig* q = context()->int8_config->GetDataConfig(t->GetName());
   return {q->getScale(), q->getZeroPoint()};

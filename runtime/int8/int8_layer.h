@@ -14,6 +14,7 @@
 
 #include "runtime/int8/float_island_layer.h"
 #include "runtime/int8/reference.h"
+#include "runtime/net.h"
 
 namespace qzdl {
 
@@ -58,5 +59,11 @@ class Int8Layer : public FloatIslandLayer {
   // int32 "input_zero" [N], "multiplier" [1] and "shift" [1] of a product.
   void StoreProductAttrs(const std::vector<CodeGrid>& inputs, const Requantizer& r);
 };
+
+// Prepares every layer of `net` that computes on codes, so that its first
+// forward allocates nothing: a loaded model, or one whose configuration a
+// caller changed (after deleting the attribute tensors), is ready to run.
+// Returns how many layers were prepared.
+int PrepareInt8Layers(Net<unsigned char>& net);
 
 }  // namespace qzdl

@@ -7,6 +7,7 @@
 #include "runtime/errors.h"
 #include "runtime/file_read.h"
 #include "runtime/int8/grid.h"
+#include "runtime/int8/int8_layer.h"
 #include "runtime/int8/quantized_weights.h"
 #include "runtime/serial_weights.h"
 #include "runtime/weights_file.h"
@@ -115,6 +116,9 @@ Net<unsigned char>* CreateQuantizedNet(const std::string& netPath, const std::st
   net->Reshape(true, 0);
   if (net->GetHighAccuracyDoubleMultiplier()) net->SetHighAccuracyDoubleMultiplier();
   net->LoadQuantizedBlobs(ReadBlobs(modelPath));
+  // Requantizers, tables and weight codes are made here, not at the first
+  // forward.
+  PrepareInt8Layers(*net);
   return net.release();
 }
 

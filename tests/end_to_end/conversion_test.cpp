@@ -26,13 +26,22 @@ double ComparedCosine(const std::string& out) {
   return at == std::string::npos ? -2.0 : std::atof(out.c_str() + at + 7);
 }
 
-// Converts `json`/`model` (input `input` of `dims`) with every method on
-// `samples` calibration items of uniform values in [lo, hi), runs each
-// result on the first item and returns the cosines against the float net.
-std::vector<double> ConvertEveryMethod(const std::string& dir, const std::string& json,
-                                       const std::string& model, const std::string& input,
-                                       const std::vector<size_t>& dims, int samples, float lo,
-                                       float hi, const std::string& label) {
+// The plain methods, 0 to 5.
+std::vector<std::vector<std::string>> PlainMethods() {
+  std::vector<std::vector<std::string>> modes;
+  for (int mode = 0; mode <= 5; ++mode) modes.push_back({"-c", std::to_string(mode)});
+  return modes;
+}
+
+// Converts `json`/`model` (input `input` of `dims`) with each of `modes`
+// (converter options) on `samples` calibration items of uniform values in
+// [lo, hi), runs each result on the first item and returns the cosines
+// against the float net; `logs` gets each conversion's output.
+std::vector<double> ConvertEveryMethod(
+    const std::string& dir, const std::string& json, const std::string& model,
+    const std::string& input, const std::vector<size_t>& dims, int samples, float lo, float hi,
+    const std::string& label, const std::vector<std::vector<std::string>>& modes = PlainMethods(),
+    std::vector<std::string>* logs = nullptr) {
   size_t count = 1;
   for (size_t d : dims) count *= d;
   std::string list;
@@ -47,13 +56,16 @@ std::vector<double> ConvertEveryMethod(const std::string& dir, const std::string
       RunProgram(QZDL_RUN, {json, model, "--input", first, "--out-dir", dir + "/float"}, dir, 300);
   EXPECT_EQ(f.status, 0) << f.out << f.err;
   std::vector<double> cosines;
-  for (int mode = 0; mode <= 5; ++mode) {
-    const std::string out = dir + "/out" + std::to_string(mode);
+  for (size_t m = 0; m < modes.size(); ++m) {
+    std::string mode;
+    for (const std::string& arg : modes[m]) mode += (mode.empty() ? "" : " ") + arg;
+    const std::string out = dir + "/out" + std::to_string(m);
     mkdir(out.c_str(), 0755);
-    const ProcessResult c = RunProgram(QZDL_CONVERTER_EXE,
-                                       {"-j", json, "-m", model, "-o", out + "/m.bin", "-c",
-                                        std::to_string(mode), "-s", dir + "/list.txt", "-t", "npy"},
-                                       dir, 600);
+    std::vector<std::string> args = {
+        "-j", json, "-m", model, "-o", out + "/m.bin", "-s", dir + "/list.txt", "-t", "npy"};
+    args.insert(args.end(), modes[m].begin(), modes[m].end());
+    const ProcessResult c = RunProgram(QZDL_CONVERTER_EXE, args, dir, 900);
+    if (logs != nullptr) logs->push_back(c.out);
     EXPECT_TRUE(c.exited && c.status == 0) << "mode " << mode << "\n" << c.out << c.err;
     const std::string hybrid =
         out + "/" + json.substr(json.rfind('/') + 1, json.rfind('.') - json.rfind('/') - 1) +
@@ -66,7 +78,7 @@ std::vector<double> ConvertEveryMethod(const std::string& dir, const std::string
         300);
     EXPECT_EQ(q.status, 0) << q.out << q.err;
     cosines.push_back(ComparedCosine(q.out));
-    printf("%s, method %d: quantized model against float, cosine %.6f\n", label.c_str(), mode,
+    printf("%s, %s: quantized model against float, cosine %.6f\n", label.c_str(), mode.c_str(),
            cosines.back());
   }
   return cosines;
@@ -79,6 +91,28 @@ TEST(ConverterEndToEnd, ExampleNetWithEveryMethod) {
       ConvertEveryMethod(dir, src + "/net.json", src + "/net.bin", "data", {1, 3, 32, 32}, 4, 0.0f,
                          255.0f, "example net");
   for (double c : cosines) EXPECT_GT(c, 0.9);
+}
+
+// Each search with its progress lines, on the example net.
+TEST(ConverterEndToEnd, ExampleNetWithEverySearch) {
+  const std::string dir = TempDir("end_to_end_example_search");
+  const std::string src = std::string(QZDL_SOURCE_DIR) + "/examples/small_cnn";
+  const std::vector<std::vector<std::string>> modes = {
+      {"-c", "6"}, {"-c", "7"}, {"-c", "8"}, {"-c", "0", "-n", "1"}, {"-c", "8", "-e", "0.9999"}};
+  const std::vector<std::string> progress = {
+      "----Final error: ", "----Final error: ", "searching in 7_th candidate",
+      "----Perform BiasTuning in channel 1, delta: ", "whole-net search: cosine "};
+  std::vector<std::string> logs;
+  const std::vector<double> cosines =
+      ConvertEveryMethod(dir, src + "/net.json", src + "/net.bin", "data", {1, 3, 32, 32}, 4, 0.0f,
+                         255.0f, "example net", modes, &logs);
+  ASSERT_EQ(logs.size(), modes.size());
+  for (size_t m = 0; m < modes.size(); ++m) {
+    EXPECT_NE(logs[m].find(progress[m]), std::string::npos) << m << "\n" << logs[m];
+    EXPECT_GT(cosines[m], 0.9) << m;
+  }
+  // The whole-net search ends with its summary.
+  EXPECT_NE(logs[4].find("  layers in float: "), std::string::npos) << logs[4];
 }
 
 TEST(ConverterEndToEnd, ResNet18WithEveryMethod) {

@@ -123,7 +123,13 @@ std::string BuildError(const NetBuilder& b) {
 
 std::string CaptureStdout(const std::function<void()>& fn) {
   testing::internal::CaptureStdout();
-  fn();
+  // The capture ends when `fn` throws too, so that later captures work.
+  try {
+    fn();
+  } catch (...) {
+    testing::internal::GetCapturedStdout();
+    throw;
+  }
   return testing::internal::GetCapturedStdout();
 }
 

@@ -15,6 +15,7 @@
 #include "example_int8_net.h"
 #include "runtime/errors.h"
 #include "runtime/file_read.h"
+#include "runtime/int8/int8_layer.h"
 #include "runtime/int8/quantized_weights.h"
 #include "runtime/serial_weights.h"
 
@@ -81,6 +82,28 @@ TEST_F(QuantizedModelTest, SavedModelComputesTheSameCodes) {
       EXPECT_EQ(q->getZeroPoint(), kv.second.getZeroPoint()) << kv.first;
     }
   }
+}
+
+TEST_F(QuantizedModelTest, LoadedModelIsPreparedBeforeItsFirstForward) {
+  const std::string want = OutputBytes(int8_net_.get(), input_);
+  int8_net_->SaveWeights(dir_ + "/m.bin", false);
+  int8_net_->SaveJson(dir_ + "/m_hybrid.json");
+  std::unique_ptr<Net<unsigned char>> back(
+      CreateQuantizedNet(dir_ + "/m_hybrid.json", dir_ + "/m.bin"));
+  int with_attrs = 0;
+  for (Layer<unsigned char>* layer : back->GetLayers()) {
+    auto* int8 = dynamic_cast<Int8Layer*>(layer);
+    if (int8 == nullptr || !int8->ComputesInIntegers()) continue;
+    EXPECT_FALSE(layer->GetInt32AttrDatas().empty() && layer->GetUint8AttrDatas().empty())
+        << layer->GetName();
+    ++with_attrs;
+  }
+  EXPECT_GT(with_attrs, 0);
+  // After a caller drops them, one call prepares every such layer again.
+  for (Layer<unsigned char>* layer : back->GetLayers()) layer->DeleteAttrDatas();
+  EXPECT_EQ(PrepareInt8Layers(*back), with_attrs);
+  back->ReshapeBatchNum(kBatch, 0);
+  EXPECT_EQ(OutputBytes(back.get(), input_), want);
 }
 
 TEST_F(QuantizedModelTest, IntegerLayersSaveCodesAndInt32Biases) {
