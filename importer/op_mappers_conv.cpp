@@ -146,6 +146,19 @@ std::vector<int64_t> KernelShape(MappingContext& c, const Shape& weight_dims) {
   return from_w;
 }
 
+// Fails unless input 0's channels (when shape inference knows them) are what
+// the weights take: `per_group` channels for each of `group` groups.
+void CheckInputChannels(MappingContext& c, const Shape& weight_dims, int64_t per_group,
+                        int64_t group) {
+  const int64_t channels = c.InShape(0)[1];
+  const int64_t want = CheckedMul(per_group, group);
+  if (channels <= 0 || channels == want) return;
+  c.Fail("input " + c.InputName(0) + " has " + std::to_string(channels) + " channels; weights " +
+         c.InputName(1) + " of shape " + Ints(weight_dims) +
+         (group == 1 ? std::string() : " with group " + std::to_string(group)) + " take " +
+         std::to_string(want));
+}
+
 std::vector<float> BiasOf(MappingContext& c, int k, int64_t m) {
   const ConstTensor& b = c.Const(k, "bias");
   if (b.Count() != m) {
@@ -166,6 +179,11 @@ void MapConv(MappingContext& c) {
   const int64_t group = c.Int("group", 1);
   if (group < 1) c.BadAttr("group", std::to_string(group), "must be positive");
   const int64_t m = w.dims[0];
+  CheckInputChannels(c, w.dims, w.dims[1], group);
+  if (m % group != 0) {
+    c.BadAttr("group", std::to_string(group),
+              "does not divide the " + std::to_string(m) + " output channels");
+  }
   Json::object p;
   p["num_output"] = static_cast<int>(m);
   SetWindowParams(win, &p, true);
@@ -198,6 +216,12 @@ void MapConvTranspose(MappingContext& c) {
     c.BadAttr("group", std::to_string(group), "does not divide the weights");
   }
   const int64_t m = CheckedMul(mg, group), cg = cin / group;
+  if (m > INT_MAX) {
+    c.BadAttr(
+        "group", std::to_string(group),
+        "gives " + std::to_string(m) + " output channels, more than " + std::to_string(INT_MAX));
+  }
+  CheckInputChannels(c, w.dims, cin, 1);
   const Shape& in = c.InShape(0);
   auto list = [&](const std::string& name, int64_t def) {
     std::vector<int64_t> v = c.Ints(name);
@@ -247,6 +271,15 @@ void MapConvTranspose(MappingContext& c) {
       }
       if (begin < 0) c.BadAttr("output_shape", Ints(out_shape), "needs a negative leading pad");
       pads[k] = begin, pads[k + sr] = end;
+    }
+  }
+  // Pads and output padding derived from output_shape must fit the layer's
+  // int params.
+  for (int k = 0; k < 2 * sr; ++k) {
+    const int64_t extra = k < sr ? out_pad[k] : 0;
+    if (pads[k] > INT_MAX || extra > INT_MAX) {
+      c.BadAttr("output_shape", Ints(out_shape),
+                "gives a padding beyond " + std::to_string(INT_MAX));
     }
   }
   const bool one_d = sr == 1;

@@ -640,6 +640,53 @@ TEST(MalformedModel, ConvTransposeGroupBeyondEmptyWeights) {
             "not supported (does not divide the weights)");
 }
 
+TEST(MalformedModel, ConvInputChannelsDoNotMatchTheWeights) {
+  onnx::ModelProto m = EmptyModel();
+  AddInput(&m, "x", {1, 2, 4, 4});
+  AddConst(&m, "w", kF, {1, 1, 3, 3}, std::vector<double>(9, 1.0));
+  AddNode(&m, "Conv", "conv", {"x", "w"}, {"y"});
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m),
+            "node \"conv\" (Conv): input x has 2 channels; weights w of shape [1, 1, 3, 3] take 1");
+}
+
+TEST(MalformedModel, ConvGroupThatDoesNotDivideTheOutputChannels) {
+  onnx::ModelProto m = EmptyModel();
+  AddInput(&m, "x", {1, 2, 4, 4});
+  AddConst(&m, "w", kF, {3, 1, 1, 1}, {1.0f, 2.0f, 3.0f});
+  SetInt(AddNode(&m, "Conv", "conv", {"x", "w"}, {"y"}), "group", 2);
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m),
+            "node \"conv\" (Conv): attribute \"group\" value 2 is not supported (does not divide "
+            "the 3 output channels)");
+}
+
+TEST(MalformedModel, ConvTransposeInputChannelsDoNotMatchTheWeights) {
+  onnx::ModelProto m = EmptyModel();
+  AddInput(&m, "x", {1, 2, 4, 4});
+  AddConst(&m, "w", kF, {3, 1, 1, 1}, {1.0f, 2.0f, 3.0f});
+  AddNode(&m, "ConvTranspose", "deconv", {"x", "w"}, {"y"});
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m),
+            "node \"deconv\" (ConvTranspose): input x has 2 channels; weights w of shape "
+            "[3, 1, 1, 1] take 3");
+}
+
+TEST(MalformedModel, ConvTransposeOutputShapeBeyondIntPadding) {
+  // A huge stride with a small output_shape asks for pads of about 3.2e9,
+  // which the layer would take as an int.
+  onnx::ModelProto m = EmptyModel();
+  AddInput(&m, "x", {1, 1, 4, 4});
+  AddConst(&m, "w", kF, {1, 1, 1, 1}, {1.0f});
+  onnx::NodeProto* n = AddNode(&m, "ConvTranspose", "deconv", {"x", "w"}, {"y"});
+  SetInts(n, "strides", {1, INT_MAX});
+  SetInts(n, "output_shape", {4, 4});
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m),
+            "node \"deconv\" (ConvTranspose): attribute \"output_shape\" value [4, 4] is not "
+            "supported (gives a padding beyond 2147483647)");
+}
+
 TEST(MalformedModel, ConvTransposeWithEmptyKernel) {
   // Reordering empty weights indexed into an empty vector; an empty kernel
   // is refused.
