@@ -321,6 +321,7 @@ int CompareMain(int argc, char** argv) {
     return Fail(std::string("cannot create the quantized net: ") + e.what());
   }
   try {
+    qzdl::PrepareNets(float_net.get(), quant_net.get());
     const std::vector<qzdl::ReportItem> items =
         dir.empty() ? qzdl::ReadItemList(list, float_net->GetInputCount()) : qzdl::FolderItems(dir);
     printf("compare: float net %s against quantized net %s on %zu items of %s\n",

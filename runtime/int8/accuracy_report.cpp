@@ -237,9 +237,7 @@ double TensorComparison::SqnrDb() const {
   return 10.0 * std::log10(sum_ff / sum_ee);
 }
 
-AccuracyReport CompareNets(Net<float>* float_net, Net<unsigned char>* quant_net,
-                           const std::vector<ReportItem>& items,
-                           const std::function<void(int, int)>& progress) {
+void PrepareNets(Net<float>* float_net, Net<unsigned char>* quant_net) {
   RunAtBatchOne(float_net, "float");
   RunAtBatchOne(quant_net, "quantized");
   for (bool inputs : {true, false}) {
@@ -249,6 +247,12 @@ AccuracyReport CompareNets(Net<float>* float_net, Net<unsigned char>* quant_net,
     Io(quant_net, inputs, &qn, &qd);
     CheckSameTensors(inputs ? "input" : "output", fn, fd, qn, qd);
   }
+}
+
+AccuracyReport CompareNets(Net<float>* float_net, Net<unsigned char>* quant_net,
+                           const std::vector<ReportItem>& items,
+                           const std::function<void(int, int)>& progress) {
+  PrepareNets(float_net, quant_net);
 
   AccuracyReport report;
   report.items = static_cast<int>(items.size());

@@ -74,9 +74,12 @@ struct AccuracyReport {
   std::vector<TensorComparison> tensors;
 };
 
-// Checks that the nets have the same inputs and outputs (names and dims),
-// runs both at batch 1 on every item and compares. `progress` is called after
-// each item with (done, total).
+// Shapes both nets at batch 1 and checks that they have the same inputs and
+// outputs (names and dims), in the same order.
+void PrepareNets(Net<float>* float_net, Net<unsigned char>* quant_net);
+
+// PrepareNets, then runs both nets on every item and compares. `progress` is
+// called after each item with (done, total).
 AccuracyReport CompareNets(Net<float>* float_net, Net<unsigned char>* quant_net,
                            const std::vector<ReportItem>& items,
                            const std::function<void(int, int)>& progress = nullptr);
