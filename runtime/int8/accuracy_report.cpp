@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <map>
 #include <set>
 
 #include "runtime/errors.h"
@@ -276,6 +277,22 @@ AccuracyReport CompareNets(Net<float>* float_net, Net<unsigned char>* quant_net,
   for (int i = 0; i < float_net->GetInputCount(); ++i) consider(float_net->GetInputData(i));
   for (Layer<float>* layer : float_net->GetLayers()) {
     for (const Data<float>* t : layer->GetOutputs()) consider(t);
+  }
+  // Readers of each tensor; a layer that writes the tensor it reads (in
+  // place) is one of its writers instead.
+  std::map<std::string, std::vector<std::string>> reader_types;
+  for (Layer<float>* layer : float_net->GetLayers()) {
+    for (Data<float>* in : layer->GetInputs()) {
+      const auto& outs = layer->GetOutputs();
+      if (std::find(outs.begin(), outs.end(), in) == outs.end())
+        reader_types[in->GetName()].push_back(layer->GetType());
+    }
+  }
+  for (TensorComparison& t : report.tensors) {
+    const std::vector<std::string>& types = reader_types[t.name];
+    t.relu_readers_only =
+        !types.empty() && std::all_of(types.begin(), types.end(),
+                                      [](const std::string& type) { return type == "ReLU"; });
   }
 
   for (int index = 0; index < report.items; ++index) {

@@ -46,6 +46,9 @@ struct TensorComparison {
   std::string data_type;  // the quantized net's: "int8" or "float"
   bool has_grid = false;  // an "int8" tensor: its grid's real range
   double grid_min = 0, grid_max = 0;
+  // Every layer that reads it is a ReLU: negative values that its grid
+  // clips are values the ReLU zeroes anyway.
+  bool relu_readers_only = false;
   int64_t values = 0;  // compared values, all items
   double sum_ff = 0, sum_qq = 0, sum_fq = 0, sum_ee = 0;
   double max_abs = 0;

@@ -53,6 +53,7 @@ json11::Json TensorJson(const TensorComparison& t) {
       {"clipped", t.has_grid ? json11::Json(static_cast<double>(t.clipped)) : json11::Json()},
       {"worst_item", t.worst_item},
       {"worst_item_cosine", Number(t.worst_item_cosine)},
+      {"relu_readers_only", t.relu_readers_only},
   };
 }
 
@@ -80,6 +81,7 @@ std::string ReportText(const AccuracyReport& r, int worst) {
   out += Format("tensors, worst first (%d of %d):\n", shown, total);
   out += Format("  %8s %9s %10s %-5s %-22s %-22s %8s  %s\n", "SQNR dB", "cosine", "max abs", "type",
                 "float range", "grid range", "clipped", "tensor");
+  bool relu_note = false;
   for (int k = 0; k < shown; ++k) {
     const TensorComparison& t = r.tensors[k];
     const std::string clipped =
@@ -89,6 +91,16 @@ std::string ReportText(const AccuracyReport& r, int worst) {
                t.Cosine(), t.max_abs, t.data_type.c_str(), Range(t.float_min, t.float_max).c_str(),
                t.has_grid ? Range(t.grid_min, t.grid_max).c_str() : "-", clipped.c_str(),
                t.name.c_str(), DimsToString(t.dims).c_str());
+    if (t.relu_readers_only) {
+      out.back() = ' ';  // for the line end
+      out += "(read by ReLU only)\n";
+      relu_note = true;
+    }
+  }
+  if (relu_note) {
+    out +=
+        "  (read by ReLU only: negative values clipped by the grid are zeroed by the ReLU "
+        "anyway; see its output)\n";
   }
   return out;
 }

@@ -129,7 +129,9 @@ TEST(AccuracyReport, TextLines) {
             "   SQNR dB    cosine    max abs type  float range            grid range          "
             "    clipped  tensor\n"
             "     16.48  0.991683        0.6 int8  -1.6 .. 2.4            -1 .. 2             "
-            "    16.667%  data [1, 6]\n");
+            "    16.667%  data [1, 6] (read by ReLU only)\n"
+            "  (read by ReLU only: negative values clipped by the grid are zeroed by the ReLU "
+            "anyway; see its output)\n");
 }
 
 TEST(AccuracyReport, WithoutLabelsOnlyAgreement) {
@@ -176,9 +178,9 @@ TEST(AccuracyReport, JsonKeys) {
   EXPECT_DOUBLE_EQ(j["top1"]["quantized_accuracy"].number_value(), 0.4);
   EXPECT_DOUBLE_EQ(j["top1"]["agreement"].number_value(), 0.8);
   const std::set<std::string> tensor_keys{
-      "name",     "dims",    "data_type",  "values",           "cosine",
-      "sqnr_db",  "max_abs", "float_min",  "float_max",        "grid_min",
-      "grid_max", "clipped", "worst_item", "worst_item_cosine"};
+      "name", "dims", "data_type", "values", "cosine", "sqnr_db", "max_abs", "float_min",
+      "float_max", "grid_min", "grid_max", "clipped", "worst_item", "worst_item_cosine",
+      "relu_readers_only"};
   ASSERT_EQ(j["outputs"].array_items().size(), 1u);
   EXPECT_EQ(Keys(j["outputs"][0]), tensor_keys);
   ASSERT_EQ(j["tensors"].array_items().size(), 2u);
@@ -186,6 +188,8 @@ TEST(AccuracyReport, JsonKeys) {
   const json11::Json& data = j["tensors"][0];
   EXPECT_EQ(data["name"].string_value(), "data");
   EXPECT_EQ(data["clipped"].int_value(), 5);
+  EXPECT_TRUE(data["relu_readers_only"].bool_value());  // "data" is read by "relu" alone
+  EXPECT_FALSE(j["tensors"][1]["relu_readers_only"].bool_value());
   EXPECT_NEAR(data["sqnr_db"].number_value(),
               Expected()["tensors"]["data"]["sqnr_db"].number_value(), 1e-9);
 }
