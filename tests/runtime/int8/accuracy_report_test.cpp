@@ -177,10 +177,21 @@ TEST(AccuracyReport, JsonKeys) {
   EXPECT_DOUBLE_EQ(j["top1"]["float_accuracy"].number_value(), 0.6);
   EXPECT_DOUBLE_EQ(j["top1"]["quantized_accuracy"].number_value(), 0.4);
   EXPECT_DOUBLE_EQ(j["top1"]["agreement"].number_value(), 0.8);
-  const std::set<std::string> tensor_keys{
-      "name", "dims", "data_type", "values", "cosine", "sqnr_db", "max_abs", "float_min",
-      "float_max", "grid_min", "grid_max", "clipped", "worst_item", "worst_item_cosine",
-      "relu_readers_only"};
+  const std::set<std::string> tensor_keys{"name",
+                                          "dims",
+                                          "data_type",
+                                          "values",
+                                          "cosine",
+                                          "sqnr_db",
+                                          "max_abs",
+                                          "float_min",
+                                          "float_max",
+                                          "grid_min",
+                                          "grid_max",
+                                          "clipped",
+                                          "worst_item",
+                                          "worst_item_cosine",
+                                          "relu_readers_only"};
   ASSERT_EQ(j["outputs"].array_items().size(), 1u);
   EXPECT_EQ(Keys(j["outputs"][0]), tensor_keys);
   ASSERT_EQ(j["tensors"].array_items().size(), 2u);
