@@ -16,6 +16,12 @@
 // a fixed pattern, so that two runs print the same numbers. --out-dir (alias
 // --outputs-dir) writes "<output>.npy" per net output, the folder made when
 // it does not exist; files are replaced whole. See docs/command-line.md.
+//
+//   qzdl_run --compare float.json float.bin quant_hybrid.json quant.bin
+//            (--list LIST | --dir DIR) [--json REPORT] [--worst N]
+//
+// runs a float net and its quantized model on the same items and prints how
+// close they are (runtime/int8/accuracy_report.h, docs/accuracy-report.md).
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -33,6 +39,7 @@
 #include "runtime/create_net.h"
 #include "runtime/errors.h"
 #include "runtime/file_read.h"
+#include "runtime/int8/accuracy_report.h"
 #include "runtime/int8/quantized_model.h"
 #include "runtime/run_support.h"
 #include "runtime/terminate_handler.h"
@@ -51,7 +58,9 @@ int Usage() {
   fprintf(stderr,
           "usage: qzdl_run net.json weights.bin [--batch N] [--input NAME=FILE]... "
           "[--inputs-dir DIR] [--out-dir DIR] [--compare-dir DIR] [--warmup N] [--repeat N] "
-          "[--profile]\n");
+          "[--profile]\n"
+          "       qzdl_run --compare float.json float.bin quant_hybrid.json quant.bin "
+          "(--list LIST | --dir DIR) [--json REPORT] [--worst N]\n");
   return 2;
 }
 
@@ -266,10 +275,89 @@ bool IsQuantized(const std::string& path) {
   return error.empty() && qzdl::IsQuantizedDescription(json);
 }
 
+// The float net of `json` and `model`, or null after a message.
+qzdl::Net<float>* CreateFloatNet(const std::string& json, const std::string& model) {
+  try {
+    return qzdl::CreateNet<float>(json, model, false, false, 0, 1);
+  } catch (std::exception* e) {  // net creation has logged why (standard output)
+    delete e;
+    Fail("cannot create the net from \"" + json + "\" and \"" + model + "\"");
+    return nullptr;
+  }
+}
+
+// qzdl_run --compare ...: the accuracy report of a quantized model.
+int CompareMain(int argc, char** argv) {
+  if (argc < 6) return Usage();
+  const std::string float_json = argv[2], float_model = argv[3], quant_json = argv[4],
+                    quant_model = argv[5];
+  std::string list, dir, json_out;
+  int worst = 10;
+  for (int i = 6; i < argc; i += 2) {
+    const std::string arg = argv[i];
+    if (i + 1 >= argc) return Usage();
+    const std::string value = argv[i + 1];
+    if (arg == "--list") {
+      list = value;
+    } else if (arg == "--dir") {
+      dir = value;
+    } else if (arg == "--json") {
+      json_out = value;
+    } else if (arg == "--worst") {
+      worst = Count(value, 0);
+      if (worst < 0) return Fail("--worst \"" + value + "\" is not a whole number from 0");
+    } else {
+      return Usage();
+    }
+  }
+  if (list.empty() == dir.empty()) return Usage();  // exactly one source
+
+  std::unique_ptr<qzdl::Net<float>> float_net(CreateFloatNet(float_json, float_model));
+  if (!float_net) return 1;
+  std::unique_ptr<qzdl::Net<unsigned char>> quant_net;
+  try {
+    quant_net.reset(qzdl::CreateQuantizedNet(quant_json, quant_model));
+  } catch (const qzdl::NetFormatError& e) {
+    return Fail(std::string("cannot create the quantized net: ") + e.what());
+  }
+  try {
+    qzdl::PrepareNets(float_net.get(), quant_net.get());
+    const std::vector<qzdl::ReportItem> items =
+        dir.empty() ? qzdl::ReadItemList(list, float_net->GetInputCount()) : qzdl::FolderItems(dir);
+    printf("compare: float net %s against quantized net %s on %zu items of %s\n",
+           float_json.c_str(), quant_json.c_str(), items.size(),
+           (dir.empty() ? list : dir).c_str());
+    fflush(stdout);
+    // Progress at most once a second, and only once a run takes that long.
+    auto last = std::chrono::steady_clock::now();
+    bool shown = false;
+    auto progress = [&](int done, int total) {
+      const auto now = std::chrono::steady_clock::now();
+      if (now - last < std::chrono::seconds(1) && !(shown && done == total)) return;
+      last = now;
+      shown = true;
+      fprintf(stderr, "compare: item %d/%d\n", done, total);
+    };
+    const qzdl::AccuracyReport report =
+        qzdl::CompareNets(float_net.get(), quant_net.get(), items, progress);
+    printf("%s", qzdl::ReportText(report, worst).c_str());
+    std::string error;
+    if (!json_out.empty() &&
+        !qzdl::WriteFileAtomically(json_out, qzdl::ReportJson(report, float_json, quant_json),
+                                   &error)) {
+      return Fail(error);
+    }
+  } catch (const qzdl::AccuracyError& e) {
+    return Fail(e.what());
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   qzdl::InstallTerminateHandler();
+  if (argc > 1 && std::string(argv[1]) == "--compare") return CompareMain(argc, argv);
   Options o;
   if (const int status = Parse(argc, argv, &o)) return status;
   if (!o.out_dir.empty()) {
@@ -289,13 +377,8 @@ int main(int argc, char** argv) {
     printf("quantized net: %s\n", o.json.c_str());
     return Run(o, net.get());
   }
-  qzdl::Net<float>* net = nullptr;
-  try {
-    net = qzdl::CreateNet<float>(o.json, o.model, false, false, 0, 1);
-  } catch (std::exception* e) {  // net creation has logged why (standard output)
-    delete e;
-    return Fail("cannot create the net from \"" + o.json + "\" and \"" + o.model + "\"");
-  }
+  qzdl::Net<float>* net = CreateFloatNet(o.json, o.model);
+  if (net == nullptr) return 1;
   const int status = Run(o, net);
   delete net;
   return status;
