@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "importer/mapping_context.h"
+#include "runtime/kernels/batch_matmul.h"
 
 namespace qzdl::onnx_import {
 
@@ -433,10 +434,82 @@ std::vector<float> WeightsMK(const ConstTensor& b, bool trans, int64_t* m, int64
   return out;
 }
 
+// The product of two operands that are not both constants: one
+// "BatchMatrixMul" (numpy matmul semantics, batch axes broadcast) writing
+// `out`. A constant operand enters through a Constant layer.
+void EmitBatchMatMul(MappingContext& c, bool trans_a, bool trans_b, const std::string& out,
+                     const std::string& name = "") {
+  const Shape& a_shape = c.InShape(0);
+  const Shape& b_shape = c.InShape(1);
+  if (a_shape.empty()) c.Fail("input A is a scalar; " + c.Op() + " needs at least 1 axis");
+  if (b_shape.empty()) c.Fail("input B is a scalar; " + c.Op() + " needs at least 1 axis");
+  auto fits_int = [](const Shape& s) {
+    return std::all_of(s.begin(), s.end(), [](int64_t d) { return d >= 1 && d <= INT_MAX; });
+  };
+  // The layer's own plan, so that a mismatch names the node rather than the
+  // layer (shape inference passes some, e.g. of unknown ranks).
+  if (fits_int(a_shape) && fits_int(b_shape)) {
+    BatchMatMulGeometry g;
+    const BatchMatMulMismatch why =
+        PlanBatchMatMul(IntDims(a_shape), IntDims(b_shape), trans_a, trans_b, &g);
+    if (why == BatchMatMulMismatch::kScalar) {
+      c.Fail("the output would be a scalar, which the runtime does not hold");
+    }
+    if (why != BatchMatMulMismatch::kFits) {
+      c.Fail("input A of shape " + Ints(a_shape) + " does not fit B of shape " + Ints(b_shape));
+    }
+  }
+  Json::object param;
+  if (trans_a) param["transpose_a"] = true;
+  if (trans_b) param["transpose_b"] = true;
+  const std::string a = c.In(0);
+  const std::string b = c.In(1);
+  c.Emit("BatchMatrixMul", {a, b}, {out}, param, name);
+}
+
+// Gemm whose B is computed: Y = alpha * A' x B' + beta * C as
+// BatchMatrixMul (transA, transB as its transposes), Power `scale` alpha,
+// and the sum with C (Power `scale` beta first) by Eltwise or BroadcastOp.
+void MapGemmComputedB(MappingContext& c, float alpha, float beta, bool trans_a, bool trans_b) {
+  const Shape& a_shape = c.InShape(0);
+  const Shape& b_shape = c.InShape(1);
+  if (a_shape.size() != 2) c.Fail("input A has shape " + Ints(a_shape) + ", expected 2 axes");
+  if (b_shape.size() != 2) c.Fail("input B has shape " + Ints(b_shape) + ", expected 2 axes");
+  // beta 0 drops C, as the operator defines.
+  const bool add_c = c.HasInput(2) && beta != 0.0f;
+  const bool scale = alpha != 1.0f;
+  std::string product = add_c || scale ? c.NewTensor("product") : c.Out(0);
+  EmitBatchMatMul(c, trans_a, trans_b, product, add_c || scale ? c.NewLayerName("product") : "");
+  if (scale) {
+    const std::string scaled = add_c ? c.NewTensor("alpha_ab") : c.Out(0);
+    c.Emit("Power", {product}, {scaled}, {{"scale", static_cast<double>(alpha)}},
+           add_c ? c.NewLayerName("alpha") : "");
+    product = scaled;
+  }
+  if (!add_c) return;
+  std::string addend = c.In(2);
+  const Shape c_shape = c.ShapeOf(addend);
+  if (beta != 1.0f) {
+    const std::string scaled = c.NewTensor("beta_c");
+    c.Emit("Power", {addend}, {scaled}, {{"scale", static_cast<double>(beta)}},
+           c.NewLayerName("beta"));
+    addend = scaled;
+  }
+  if (c_shape == c.OutShape(0)) {
+    c.Emit("Eltwise", {product, addend}, {c.Out(0)}, {{"operation", "sum"}});
+  } else {
+    c.Emit("BroadcastOp", {product, addend}, {c.Out(0)}, {{"operation", "add"}});
+  }
+}
+
 void MapGemm(MappingContext& c) {
   const float alpha = c.Float("alpha", 1.0f), beta = c.Float("beta", 1.0f);
   const bool trans_a = c.Int("transA", 0) != 0, trans_b = c.Int("transB", 0) != 0;
   c.Ignore("broadcast");
+  if (!c.IsConst(1)) {
+    MapGemmComputedB(c, alpha, beta, trans_a, trans_b);
+    return;
+  }
   if (c.IsConst(0)) c.Fail("input A must not be a constant (only B and C can be)");
   const Shape& a_shape = c.InShape(0);
   if (a_shape.size() != 2) c.Fail("input A has shape " + Ints(a_shape) + ", expected 2 axes");
@@ -499,6 +572,14 @@ void MapGemm(MappingContext& c) {
 }
 
 void MapMatMul(MappingContext& c) {
+  // Two computed operands (attention: Q x K^T, scores x V). The fused
+  // "qzdl.MatMulAdd" always has a constant B.
+  if (!c.IsConst(1)) {
+    const Shape& out_shape = c.OutShape(0);
+    if (out_shape.empty()) c.Fail("the output would be a scalar, which the runtime does not hold");
+    EmitBatchMatMul(c, false, false, c.Out(0));
+    return;
+  }
   if (c.IsConst(0)) c.Fail("input A is a constant; only a constant B is supported");
   const ConstTensor& b = c.Const(1, "B");
   if (b.dims.empty() || b.dims.size() > 2) {

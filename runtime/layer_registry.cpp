@@ -10,6 +10,7 @@
 #include "runtime/int8/weighted_int8.h"
 #include "runtime/layers/activation.h"
 #include "runtime/layers/activation_extra.h"
+#include "runtime/layers/batch_matrix_mul.h"
 #include "runtime/layers/concat.h"
 #include "runtime/layers/constant.h"
 #include "runtime/layers/convolution.h"
@@ -48,6 +49,8 @@ std::map<std::string, LayerFactory<float>>& FloatTable() {
       {"Convolution", &Make<ConvolutionLayer<float>>},
       {"Deconvolution", &Make<DeconvolutionLayer<float>>},
       {"InnerProduct", &Make<InnerProductLayer<float>>},
+      // batch_matrix_mul
+      {"BatchMatrixMul", &Make<BatchMatrixMulLayer<float>>},
       // activation
       {"ReLU", &Make<ReluLayer<float>>},
       {"ReLUX", &Make<ReluXLayer<float>>},
@@ -195,6 +198,9 @@ const std::map<std::string, LayerFactory<unsigned char>>& Int8Table() {
       {"Upsample", &Make8<MoverInt8Layer>},  // bilinear: float island
       {"Padding", &Make8<MoverInt8Layer>},
       {"ZeroPadding", &Make8<MoverInt8Layer>},
+      // float island, named so that no integer kernel is assumed: both
+      // operands are activations, each on a grid of its own
+      {"BatchMatrixMul", &Make8<FloatIslandLayer>},
   };
   return table;
 }

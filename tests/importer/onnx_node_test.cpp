@@ -80,6 +80,13 @@ const NodeCase kCases[] = {
     {"test_gemm_default_vector_bias", 1, 1e-5, 1e-5},
     {"test_gemm_transposeA", 1, 1e-5, 1e-5},  // Permute first
     {"test_matmul_2d", 1, 1e-5, 1e-5},
+    // Both operands computed: BatchMatrixMul (broadcast batch axes, 1-d
+    // operands); Gemm with a computed B: BatchMatrixMul, Power, Eltwise.
+    {"test_matmul_3d", 2, 1e-5, 1e-5},
+    {"test_matmul_bcast", 2, 1e-5, 1e-5},
+    {"test_matmul_1d_3d", 2, 1e-5, 1e-5},
+    {"test_matmul_4d_1d", 2, 1e-5, 1e-5},
+    {"test_gemm_all_attributes", 3, 1e-5, 1e-5},
     {"test_batchnorm_epsilon", 1, 1e-5, 1e-5},
     {"test_flatten_axis2", 1, 0, 0},  // Reshape
     {"test_reshape_reordered_all_dims", 1, 0, 0},

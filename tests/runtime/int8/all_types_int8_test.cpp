@@ -46,6 +46,9 @@ std::map<std::string, TypeCase> Cases() {
   c["Eltwise"].inputs = {{2, 3, 4, 5}, {2, 3, 4, 5}};
   c["BroadcastOp"].inputs = {{2, 3, 4, 5}, {4, 1}};
   c["BroadcastOp"].param = {{"operation", "add"}};
+  // Attention-like: heads [2, 3] broadcast against one [3], b transposed.
+  c["BatchMatrixMul"].inputs = {{2, 3, 4, 5}, {3, 6, 5}};
+  c["BatchMatrixMul"].param = {{"transpose_b", true}};
   c["Concat"].inputs = {{2, 3, 4, 5}, {2, 1, 4, 5}};
   c["DetectionOutput"].inputs = {{2, 24}, {2, 18}, {1, 2, 24}};
   c["DetectionOutput"].param = {{"num_classes", 3}};
