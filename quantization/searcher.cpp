@@ -52,13 +52,7 @@ void Searcher::Init() {
   int8_net->ReshapeBatchNum(batch, 0);
 
   printf("Collecting all float activation ... ");
-  for (int i = 0; i < float_net->GetInputCount(); ++i) {
-    const std::string name = float_net->GetInputDataName(i);
-    float_net->SetFloatInputDataByName(data_loader->GetAll(name), name);
-    Data<float>* input = float_net->GetInputData(i);
-    float_activations[name] =
-        ToVector(input->GetCpuData(), static_cast<unsigned long>(input->Count(0)));
-  }
+  FeedAndCacheInputs(float_net, data_loader, float_activations);
   float_net->ForwardAll();
   // Taken after the whole pass: a tensor that a later layer rewrites in place
   // is cached as rewritten.
@@ -69,6 +63,16 @@ void Searcher::Init() {
     }
   }
   printf("done!\n");
+}
+
+void FeedAndCacheInputs(Net<float>* net, dataLoader::DataLoader* data_loader,
+                        std::map<std::string, std::vector<float>>& cache) {
+  for (int i = 0; i < net->GetInputCount(); ++i) {
+    const std::string name = net->GetInputDataName(i);
+    net->SetFloatInputDataByName(data_loader->GetAll(name), name);
+    Data<float>* input = net->GetInputData(i);
+    cache[name] = ToVector(input->GetCpuData(), static_cast<unsigned long>(input->Count(0)));
+  }
 }
 
 void Searcher::ClearInt8Layer(Layer<unsigned char>* layer) {

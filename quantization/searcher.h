@@ -107,6 +107,11 @@ class AdaQuantSeqSearcher final : public Searcher {
                       std::map<std::string, Observer*> observers) override;
 };
 
+// Feeds every net input the whole calibration set and caches what the input
+// then holds, by name.
+void FeedAndCacheInputs(Net<float>* net, dataLoader::DataLoader* data_loader,
+                        std::map<std::string, std::vector<float>>& cache);
+
 // The data of adaquant_func.
 struct AdaQuantContext {
   int layer_index = 0;

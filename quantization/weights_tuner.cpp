@@ -7,6 +7,7 @@
 
 #include "dataloader/data_loader.h"
 #include "quantization/observer.h"
+#include "quantization/searcher.h"
 #include "quantization/utils.h"
 
 namespace qzdl {
@@ -46,13 +47,7 @@ double biastuning_func(unsigned int n, const double* x, double* grad, void* data
 
 void WeightsTuner::Init() {
   printf("Collecting all float activation ... ");
-  for (int i = 0; i < net->GetInputCount(); ++i) {
-    const std::string name = net->GetInputDataName(i);
-    net->SetFloatInputDataByName(data_loader->GetAll(name), name);
-    Data<float>* input = net->GetInputData(i);
-    float_activations[name] =
-        ToVector(input->GetCpuData(), static_cast<unsigned long>(input->Count(0)));
-  }
+  FeedAndCacheInputs(net, data_loader, float_activations);
   // Layer by layer, so that each tensor is taken before a later layer can
   // rewrite it in place.
   for (Layer<float>* layer : net->GetLayers()) {

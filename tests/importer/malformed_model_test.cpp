@@ -28,23 +28,6 @@ void AddInit(onnx::ModelProto* m, const std::string& name, const std::vector<int
   for (int64_t k = 0; k < n; ++k) t->add_float_data(0.5f);
 }
 
-void AddOutput(onnx::ModelProto* m, const std::string& name) {
-  auto* out = m->mutable_graph()->add_output();
-  out->set_name(name);
-  out->mutable_type()->mutable_tensor_type()->set_elem_type(onnx::TensorProto::FLOAT);
-}
-
-onnx::NodeProto* AddNode(onnx::ModelProto* m, const std::string& op, const std::string& name,
-                         const std::vector<std::string>& inputs,
-                         const std::vector<std::string>& outputs) {
-  auto* n = m->mutable_graph()->add_node();
-  n->set_op_type(op);
-  n->set_name(name);
-  for (const auto& in : inputs) n->add_input(in);
-  for (const auto& out : outputs) n->add_output(out);
-  return n;
-}
-
 void SetInt(onnx::NodeProto* n, const std::string& name, int64_t v) {
   auto* a = n->add_attribute();
   a->set_name(name);

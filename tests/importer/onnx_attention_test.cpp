@@ -17,17 +17,6 @@
 namespace qzdl::test {
 namespace {
 
-std::string Fixture(const std::string& name) {
-  return std::string(QZDL_TEST_DATA_DIR) + "/onnx/" + name;
-}
-
-json11::Json Layers(const OnnxImportResult& r) {
-  std::string err;
-  const json11::Json net = json11::Json::parse(r.net_json, err);
-  EXPECT_EQ(err, "");
-  return net["layers"];
-}
-
 std::string Types(const OnnxImportResult& r) {
   std::string types;
   const json11::Json layers = Layers(r);
@@ -75,23 +64,6 @@ void AddInit(onnx::ModelProto* m, const std::string& name, const std::vector<int
   t->set_data_type(onnx::TensorProto::FLOAT);
   for (int64_t d : dims) t->add_dims(d);
   for (float v : values) t->add_float_data(v);
-}
-
-void AddOutput(onnx::ModelProto* m, const std::string& name) {
-  auto* out = m->mutable_graph()->add_output();
-  out->set_name(name);
-  out->mutable_type()->mutable_tensor_type()->set_elem_type(onnx::TensorProto::FLOAT);
-}
-
-onnx::NodeProto* AddNode(onnx::ModelProto* m, const std::string& op, const std::string& name,
-                         const std::vector<std::string>& inputs,
-                         const std::vector<std::string>& outputs) {
-  auto* n = m->mutable_graph()->add_node();
-  n->set_op_type(op);
-  n->set_name(name);
-  for (const auto& in : inputs) n->add_input(in);
-  for (const auto& out : outputs) n->add_output(out);
-  return n;
 }
 
 void SetAttr(onnx::NodeProto* n, const std::string& name, float v) {

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "support/net_builder.h"
 #include "importer/onnx_test_util.h"
+#include "support/net_builder.h"
 
 namespace qzdl::test {
 namespace {

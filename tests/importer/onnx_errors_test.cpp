@@ -5,15 +5,11 @@
 #include <fstream>
 #include <string>
 
-#include "support/net_builder.h"
 #include "importer/onnx_test_util.h"
+#include "support/net_builder.h"
 
 namespace qzdl::test {
 namespace {
-
-std::string Fixture(const std::string& name) {
-  return std::string(QZDL_TEST_DATA_DIR) + "/onnx/" + name;
-}
 
 struct Outputs {
   std::string dir, json, bin, fb;
@@ -92,9 +88,9 @@ TEST(OnnxErrors, ConstantInputFiles) {
                     "/empty.pb\") has no element type (an empty or damaged TensorProto)",
                 " --constant-input 'input=" + dir + "/empty.pb'");
   std::ofstream(dir + "/junk.pb") << "\xff\xff\xff";
-  ExpectFailure(model,
-                "constant input \"input\" (from \"" + dir + "/junk.pb\") is not a valid TensorProto",
-                " --constant-input 'input=" + dir + "/junk.pb'");
+  ExpectFailure(
+      model, "constant input \"input\" (from \"" + dir + "/junk.pb\") is not a valid TensorProto",
+      " --constant-input 'input=" + dir + "/junk.pb'");
   ExpectFailure(model, "cannot read \"" + dir + "\": Is a directory",
                 " --constant-input 'input=" + dir + "'");
 }

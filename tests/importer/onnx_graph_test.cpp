@@ -5,25 +5,14 @@
 #include <map>
 #include <string>
 
+#include "importer/onnx_test_util.h"
 #include "runtime/json11.h"
 #include "runtime/serial_weights.h"
 #include "support/net_builder.h"
 #include "support/onnx_tensor.h"
-#include "importer/onnx_test_util.h"
 
 namespace qzdl::test {
 namespace {
-
-std::string Fixture(const std::string& name) {
-  return std::string(QZDL_TEST_DATA_DIR) + "/onnx/" + name;
-}
-
-json11::Json Layers(const OnnxImportResult& r) {
-  std::string err;
-  const json11::Json net = json11::Json::parse(r.net_json, err);
-  EXPECT_EQ(err, "");
-  return net["layers"];
-}
 
 TEST(OnnxGraph, ShapeChainFoldsIntoOneReshape) {
   const OnnxImportResult r = ImportOnnxFile(Fixture("reshape_chain.onnx"));

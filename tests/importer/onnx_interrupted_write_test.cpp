@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "importer/onnx_test_util.h"
 #include "support/net_builder.h"
 #include "tools/interrupted_run.h"
-#include "importer/onnx_test_util.h"
 
 namespace qzdl::test {
 namespace {

@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
+#include "importer/onnx_test_util.h"
 #include "runtime/create_net.h"
 #include "support/net_builder.h"
 #include "support/onnx_tensor.h"
-#include "importer/onnx_test_util.h"
 
 namespace qzdl::test {
 namespace {
@@ -31,7 +31,8 @@ TEST_P(OnnxLightModelTest, ImportsAndMatchesStoredOutput) {
   const std::string name = GetParam();
   const std::string dir = TempDir("light_" + name);
   const std::string json = dir + "/net.json", bin = dir + "/net.bin";
-  const ToolRun run = RunOnnx2Net("'" + LightModel(name, ".onnx") + "' '" + json + "' '" + bin + "'");
+  const ToolRun run =
+      RunOnnx2Net("'" + LightModel(name, ".onnx") + "' '" + json + "' '" + bin + "'");
   ASSERT_EQ(run.status, 0) << run.err;
   std::unique_ptr<Net<float>> net;
   try {

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "importer/onnx_test_util.h"
 #include "support/net_builder.h"
 #include "support/onnx_tensor.h"
-#include "importer/onnx_test_util.h"
 
 namespace qzdl::test {
 namespace {

@@ -9,15 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "support/onnx_tensor.h"
 #include "importer/onnx_test_util.h"
+#include "support/onnx_tensor.h"
 
 namespace qzdl::test {
 namespace {
 
-std::string Fixture(const std::string& name) {
-  return std::string(QZDL_TEST_DATA_DIR) + "/onnx/real/" + name;
-}
+std::string RealFixture(const std::string& name) { return Fixture("real/" + name); }
 
 class OnnxRealModelTest : public testing::TestWithParam<const char*> {};
 
@@ -25,12 +23,12 @@ TEST_P(OnnxRealModelTest, MatchesOnnxRuntime) {
   const std::string name = GetParam();
   OnnxImportResult result;
   try {
-    result = ImportOnnxFile(Fixture(name + ".onnx"));
+    result = ImportOnnxFile(RealFixture(name + ".onnx"));
   } catch (const OnnxImportError& e) {
     FAIL() << e.what();
   }
-  const OnnxTensor x = ReadOnnxTensor(Fixture("input.pb"));
-  const OnnxTensor want = ReadOnnxTensor(Fixture(name + "_output.pb"));
+  const OnnxTensor x = ReadOnnxTensor(RealFixture("input.pb"));
+  const OnnxTensor want = ReadOnnxTensor(RealFixture(name + "_output.pb"));
   auto net = BuildNet(result);
   ASSERT_TRUE(net);
   // Exported with a dynamic batch, imported at batch 1, run at batch 2.

@@ -32,6 +32,34 @@ void AddFloatInput(onnx::GraphProto* g, const std::string& name, const std::vect
   for (int64_t d : dims) tt->mutable_shape()->add_dim()->set_dim_value(d);
 }
 
+void AddOutput(onnx::ModelProto* m, const std::string& name) {
+  auto* out = m->mutable_graph()->add_output();
+  out->set_name(name);
+  out->mutable_type()->mutable_tensor_type()->set_elem_type(onnx::TensorProto::FLOAT);
+}
+
+onnx::NodeProto* AddNode(onnx::ModelProto* m, const std::string& op, const std::string& name,
+                         const std::vector<std::string>& inputs,
+                         const std::vector<std::string>& outputs) {
+  auto* n = m->mutable_graph()->add_node();
+  n->set_op_type(op);
+  n->set_name(name);
+  for (const auto& in : inputs) n->add_input(in);
+  for (const auto& out : outputs) n->add_output(out);
+  return n;
+}
+
+std::string Fixture(const std::string& name) {
+  return std::string(QZDL_TEST_DATA_DIR) + "/onnx/" + name;
+}
+
+json11::Json Layers(const OnnxImportResult& r) {
+  std::string err;
+  const json11::Json net = json11::Json::parse(r.net_json, err);
+  EXPECT_EQ(err, "");
+  return net["layers"];
+}
+
 std::unique_ptr<Net<float>> BuildNet(const OnnxImportResult& result) {
   std::string weights = SerializeWeights(result.blobs);
   return std::unique_ptr<Net<float>>(CreateNetFromContent<float>(

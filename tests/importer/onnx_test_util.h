@@ -8,17 +8,28 @@
 #include <string>
 #include <vector>
 
-#include "runtime/net.h"
 #include "importer/onnx_importer.h"
+#include "runtime/json11.h"
+#include "runtime/net.h"
 
 namespace qzdl::test {
 
 bool FileExists(const std::string& path);
+// The path of a committed ONNX fixture, tests/fixtures/onnx/<name>.
+std::string Fixture(const std::string& name);
+// The "layers" array of an import result's net description.
+json11::Json Layers(const OnnxImportResult& r);
 
 // An empty model of IR version 7 that imports operator set `opset`.
 onnx::ModelProto EmptyModel(int opset = 13);
 // Declares the float graph input `name` with fixed `dims`.
 void AddFloatInput(onnx::GraphProto* g, const std::string& name, const std::vector<int64_t>& dims);
+// Declares the float graph output `name` (shape left to inference).
+void AddOutput(onnx::ModelProto* m, const std::string& name);
+// Appends node `name` of operator `op`.
+onnx::NodeProto* AddNode(onnx::ModelProto* m, const std::string& op, const std::string& name,
+                         const std::vector<std::string>& inputs,
+                         const std::vector<std::string>& outputs);
 
 // Creates a float net from an import result (no frugal mode, no rewrites).
 std::unique_ptr<Net<float>> BuildNet(const OnnxImportResult& result);

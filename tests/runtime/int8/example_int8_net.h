@@ -16,6 +16,7 @@
 #include "runtime/json11.h"
 #include "runtime/net.h"
 #include "support/net_builder.h"
+#include "support/tensor_ranges.h"
 
 namespace qzdl {
 namespace test_int8 {
@@ -39,21 +40,9 @@ class Int8NetTest : public ::testing::Test {
     for (size_t i = 0; i < input_.size(); ++i) input_[i] = 1.5f * std::sin(0.013f * i) + 0.2f;
     // Ranges of every tensor over every layer that writes it (in place too).
     float_net_->SetFloatInputData(input_.data(), 0);
-    std::map<std::string, std::pair<float, float>> ranges;
-    const Data<float>* x = float_net_->GetInputData(0);
-    ranges[x->GetName()] = {x->GetMinValue(), x->GetMaxValue()};
-    for (Layer<float>* layer : float_net_->GetLayers()) {
-      layer->Forward();
-      for (Data<float>* out : layer->GetOutputs()) {
-        auto it = ranges.find(out->GetName());
-        const float lo = out->GetMinValue(), hi = out->GetMaxValue();
-        if (it == ranges.end()) {
-          ranges[out->GetName()] = {lo, hi};
-        } else {
-          it->second = {std::min(it->second.first, lo), std::max(it->second.second, hi)};
-        }
-      }
-    }
+    test::TensorRanges seen;
+    seen.Run(*float_net_);
+    const auto& ranges = seen.Ranges();
     for (const auto& kv : ranges)
       config_.addDataConfig(kv.first, kv.second.first, kv.second.second);
     const float* y = float_net_->GetFloatOutputData(0);

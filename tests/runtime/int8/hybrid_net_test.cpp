@@ -18,6 +18,7 @@
 #include "runtime/errors.h"
 #include "runtime/int8/quantized_model.h"
 #include "support/net_builder.h"
+#include "support/tensor_ranges.h"
 
 namespace qzdl {
 namespace {
@@ -77,27 +78,15 @@ class HybridNetTest : public ::testing::Test {
   void WriteHybrid(const std::string& bad, const std::string& bad2 = "") {
     INT8Config config;
     float_net_->ReshapeBatchNum(1, 0);
-    std::map<std::string, std::pair<float, float>> ranges;
-    auto see = [&](const Data<float>* t) {
-      auto it = ranges.find(t->GetName());
-      const float lo = t->GetMinValue(), hi = t->GetMaxValue();
-      if (it == ranges.end()) {
-        ranges[t->GetName()] = {lo, hi};
-      } else {
-        it->second = {std::min(it->second.first, lo), std::max(it->second.second, hi)};
-      }
-    };
+    test::TensorRanges seen;
     std::vector<float> zeros(kWidth, 0.0f);
     for (std::vector<float>& item : items_) {
       float_net_->SetFloatInputData(item.data(), 0);
       for (int i = 1; i < float_net_->GetInputCount(); ++i)
         float_net_->SetFloatInputData(zeros.data(), i);
-      for (int i = 0; i < float_net_->GetInputCount(); ++i) see(float_net_->GetInputData(i));
-      for (Layer<float>* layer : float_net_->GetLayers()) {
-        layer->Forward();
-        for (Data<float>* out : layer->GetOutputs()) see(out);
-      }
+      seen.Run(*float_net_);
     }
+    const auto& ranges = seen.Ranges();
     for (const auto& kv : ranges) {
       float lo = kv.second.first, hi = kv.second.second;
       if (kv.first == bad || kv.first == bad2) lo *= 100, hi *= 100;
