@@ -74,12 +74,39 @@ std::vector<float> RandomVector(size_t n, uint32_t seed, float lo, float hi) {
   return v;
 }
 
+namespace {
+
+// The folders TempDir made, removed when the test program ends (not in a
+// forked child, whose exit must leave its parent's folders alone), unless
+// QZDL_KEEP_TEST_DIRS is set for a look at them.
+std::vector<std::string>& MadeDirs() {
+  // Never destroyed: the exit handler reads it after static destructors ran.
+  static auto* dirs = new std::vector<std::string>;
+  return *dirs;
+}
+pid_t dirs_owner = 0;
+
+void RemoveMadeDirs() {
+  if (getpid() != dirs_owner || getenv("QZDL_KEEP_TEST_DIRS") != nullptr) return;
+  for (const std::string& dir : MadeDirs()) {
+    const std::string cmd = "rm -rf '" + dir + "'";
+    if (system(cmd.c_str()) != 0) fprintf(stderr, "cannot remove %s\n", dir.c_str());
+  }
+}
+
+}  // namespace
+
 std::string TempDir(const std::string& name) {
   const char* base = getenv("TEST_TMPDIR");
   std::string root = base ? base : "/tmp";
   std::string dir = root + "/qzdl_test_" + std::to_string(getpid()) + "_" + name;
   std::string cmd = "rm -rf '" + dir + "' && mkdir -p '" + dir + "'";
   if (system(cmd.c_str()) != 0) ADD_FAILURE() << "cannot make " << dir;
+  if (dirs_owner == 0) {
+    dirs_owner = getpid();
+    atexit(RemoveMadeDirs);
+  }
+  if (dirs_owner == getpid()) MadeDirs().push_back(dir);
   return dir;
 }
 

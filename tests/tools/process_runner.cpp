@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -55,8 +56,18 @@ ProcessResult RunProgram(const std::string& program, const std::vector<std::stri
 ProcessResult RunProgramAs(int uid, const std::string& program,
                            const std::vector<std::string>& args, const std::string& dir,
                            int timeout_seconds) {
-  const std::string out_path = dir + "/.stdout";
-  const std::string err_path = dir + "/.stderr";
+  // The captures go to files of their own, not into `dir`: tests that run
+  // programs in one shared folder (a fixture folder) may run at once.
+  const char* base = getenv("TEST_TMPDIR");
+  std::string out_path = std::string(base ? base : "/tmp") + "/qzdl_run_out_XXXXXX";
+  std::string err_path = std::string(base ? base : "/tmp") + "/qzdl_run_err_XXXXXX";
+  const int out = mkstemp(out_path.data());
+  const int err = mkstemp(err_path.data());
+  ProcessResult result;
+  if (out < 0 || err < 0) {
+    result.err = "cannot make the capture files in " + std::string(base ? base : "/tmp");
+    return result;
+  }
   std::vector<std::string> words{program};
   words.insert(words.end(), args.begin(), args.end());
   std::vector<char*> argv;
@@ -67,16 +78,16 @@ ProcessResult RunProgramAs(int uid, const std::string& program,
   fflush(stderr);
   const pid_t pid = fork();
   if (pid == 0) {
-    const int out = OpenForOutput(out_path);
-    const int err = OpenForOutput(err_path);
-    if (out < 0 || err < 0 || chdir(dir.c_str()) != 0) _exit(127);
+    if (chdir(dir.c_str()) != 0) _exit(127);
     dup2(out, 1);
     dup2(err, 2);
+    // The open captures stay writable after the change of user.
     if (uid >= 0 && (setgid(uid) != 0 || setuid(uid) != 0)) _exit(126);
     execv(program.c_str(), argv.data());
     _exit(127);
   }
-  ProcessResult result;
+  close(out);
+  close(err);
   Wait(pid, timeout_seconds, result);
   result.out = ReadFile(out_path);
   result.err = ReadFile(err_path);
