@@ -30,11 +30,12 @@ struct DataSourceOptions {
 // cannot be opened (after a log line).
 DataLoader* CreateDataLoader(qzdl::Net<float>* net, const DataSourceOptions& options);
 
-// A loader of `format` for files that a caller names itself, with the limit
-// of max_data_num and, for images, the input transforms: what
-// CreateDataLoader starts a list or folder from. False for a type other than
+// The format of the files of a list or folder; false for a type other than
 // "img" and "npy".
 bool FileFormat(const std::string& calibration_type, DataFormat* format);
+// A loader of `format`, without samples, for files that a caller names
+// itself: the limit of max_data_num and, for images, the input transforms;
+// what CreateDataLoader starts a list or folder from.
 DataLoader* NewFileLoader(qzdl::Net<float>* net, DataFormat format,
                           const DataSourceOptions& options);
 
