@@ -85,6 +85,10 @@ class DataLoader {
   void LoadFromList(std::string const& name, std::string const& list_file);
   void LoadFolder(std::string const& name, std::string const& folder);
   void LoadFromListAnonymous(std::string const& list_file);
+  // The dealing of LoadFromListAnonymous for paths already read: path i is
+  // line i + 1 of `list_file` and goes to input i modulo the inputs. No
+  // limit is applied.
+  void LoadPathsAnonymous(std::vector<std::string> const& paths, std::string const& list_file);
   void LoadFromTxtAnonymous(std::string const& text_file);
   void LoadFromBinary(std::string const& name, std::string const& path);
   void LoadFromBinaryAnonymous(std::string const& path);

@@ -11,8 +11,8 @@
 #include <fstream>
 
 #include "dataloader/data_loader.h"
-#include "runtime/layer_types.h"
 #include "runtime/errors.h"
+#include "runtime/layer_types.h"
 #include "runtime/log.h"
 
 namespace dataLoader {
@@ -95,7 +95,12 @@ void DataLoader::LoadFromListAnonymous(std::string const& list_file) {
   // With no limit (-1) the product is negative and never equals a count.
   const std::vector<std::string> paths =
       ReadList(list_file, static_cast<long long>(maximum) * inputs, true);
-  if (inputs == 0) return;
+  LoadPathsAnonymous(paths, list_file);
+}
+
+void DataLoader::LoadPathsAnonymous(std::vector<std::string> const& paths,
+                                    std::string const& list_file) {
+  if (names.empty()) return;
   for (size_t i = 0; i < paths.size(); ++i) {
     AddLoader(names[i % names.size()], paths[i]);
     loaders[names[i % names.size()]].back()->origin = ListLine(list_file, i);

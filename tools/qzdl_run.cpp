@@ -18,10 +18,13 @@
 // it does not exist; files are replaced whole. See docs/command-line.md.
 //
 //   qzdl_run --compare float.json float.bin quant_hybrid.json quant.bin
-//            (--list LIST | --dir DIR) [--json REPORT] [--worst N]
+//            (--list LIST | --dir DIR | -s LIST [-t img|npy] [-r 0|1] | -b FILE
+//             | -T FILE | -a N) [-x N] [--json REPORT] [--worst N]
 //
-// runs a float net and its quantized model on the same items and prints how
-// close they are (runtime/int8/accuracy_report.h, docs/accuracy-report.md).
+// runs a float net and its quantized model on the same items, taken from the
+// report's own lists or the converter's data sources, and prints how close
+// they are (runtime/int8/accuracy_report.h, dataloader/report_items.h,
+// docs/accuracy-report.md).
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -35,6 +38,7 @@
 #include <string>
 #include <vector>
 
+#include "dataloader/report_items.h"
 #include "runtime/atomic_file.h"
 #include "runtime/create_net.h"
 #include "runtime/errors.h"
@@ -60,7 +64,8 @@ int Usage() {
           "[--inputs-dir DIR] [--out-dir DIR] [--compare-dir DIR] [--warmup N] [--repeat N] "
           "[--profile]\n"
           "       qzdl_run --compare float.json float.bin quant_hybrid.json quant.bin "
-          "(--list LIST | --dir DIR) [--json REPORT] [--worst N]\n");
+          "(--list LIST | --dir DIR | -s LIST [-t img|npy] [-r 0|1] | -b FILE | -T FILE | -a N) "
+          "[-x N] [--json REPORT] [--worst N]\n");
   return 2;
 }
 
@@ -286,31 +291,81 @@ qzdl::Net<float>* CreateFloatNet(const std::string& json, const std::string& mod
   }
 }
 
+// The long names of the converter's data options that --compare takes, by
+// their letters (docs/command-line.md).
+const std::map<std::string, std::string>& DataOptionNames() {
+  static const std::map<std::string, std::string> names = {
+      {"--calibration_set", "-s"}, {"--calibration_type", "-t"}, {"--binary_set", "-b"},
+      {"--txt_file", "-T"},        {"--random_input", "-a"},     {"--rgb", "-r"},
+      {"--max_data_num", "-x"}};
+  return names;
+}
+
+// A whole number, possibly negative, or false.
+bool Integer(const std::string& value, int* out) {
+  char* end = nullptr;
+  errno = 0;
+  const long v = strtol(value.c_str(), &end, 10);
+  if (value.empty() || *end != '\0' || errno != 0 || v < -1000000000 || v > 1000000000)
+    return false;
+  *out = static_cast<int>(v);
+  return true;
+}
+
 // qzdl_run --compare ...: the accuracy report of a quantized model.
 int CompareMain(int argc, char** argv) {
   if (argc < 6) return Usage();
   const std::string float_json = argv[2], float_model = argv[3], quant_json = argv[4],
                     quant_model = argv[5];
-  std::string list, dir, json_out;
+  qzdl::ReportSource source;
+  dataLoader::DataSourceOptions& data = source.data;
+  std::string json_out;
   int worst = 10;
+  bool type_or_rgb = false;  // -t or -r given
   for (int i = 6; i < argc; i += 2) {
-    const std::string arg = argv[i];
+    std::string arg = argv[i];
     if (i + 1 >= argc) return Usage();
     const std::string value = argv[i + 1];
+    const auto long_name = DataOptionNames().find(arg);
+    if (long_name != DataOptionNames().end()) arg = long_name->second;
     if (arg == "--list") {
-      list = value;
+      source.list = value;
     } else if (arg == "--dir") {
-      dir = value;
+      source.dir = value;
     } else if (arg == "--json") {
       json_out = value;
     } else if (arg == "--worst") {
       worst = Count(value, 0);
       if (worst < 0) return Fail("--worst \"" + value + "\" is not a whole number from 0");
+    } else if (arg == "-s") {
+      data.calibration_set = value;
+    } else if (arg == "-t") {
+      data.calibration_type = value;
+      type_or_rgb = true;
+    } else if (arg == "-b") {
+      data.binary_set = value;
+    } else if (arg == "-T") {
+      data.txt_file = value;
+    } else if (arg == "-a") {
+      data.random_input = Count(value, 1);
+      if (data.random_input < 0) return Fail("-a \"" + value + "\" is not a whole number from 1");
+    } else if (arg == "-r") {
+      if (value != "0" && value != "1") return Fail("-r \"" + value + "\" is not 0 or 1");
+      data.rgb = value == "1";
+      type_or_rgb = true;
+    } else if (arg == "-x") {
+      if (!Integer(value, &data.max_data_num) || data.max_data_num < -1)
+        return Fail("-x \"" + value + "\" is not a whole number from -1");
     } else {
       return Usage();
     }
   }
-  if (list.empty() == dir.empty()) return Usage();  // exactly one source
+  // Exactly one source.
+  const int sources = !source.list.empty() + !source.dir.empty() + !data.calibration_set.empty() +
+                      !data.binary_set.empty() + !data.txt_file.empty() + (data.random_input > 0);
+  if (sources != 1) return Usage();
+  if (type_or_rgb && data.calibration_set.empty())
+    return Fail("-t and -r apply to the files of -s only");
 
   std::unique_ptr<qzdl::Net<float>> float_net(CreateFloatNet(float_json, float_model));
   if (!float_net) return 1;
@@ -321,12 +376,13 @@ int CompareMain(int argc, char** argv) {
     return Fail(std::string("cannot create the quantized net: ") + e.what());
   }
   try {
+    // Both nets at batch 1 before the items are shaped after the float net.
     qzdl::PrepareNets(float_net.get(), quant_net.get());
-    const std::vector<qzdl::ReportItem> items =
-        dir.empty() ? qzdl::ReadItemList(list, float_net->GetInputCount()) : qzdl::FolderItems(dir);
-    printf("compare: float net %s against quantized net %s on %zu items of %s\n",
-           float_json.c_str(), quant_json.c_str(), items.size(),
-           (dir.empty() ? list : dir).c_str());
+    std::string origin;
+    const std::unique_ptr<qzdl::ReportItems> items =
+        qzdl::OpenReportItems(float_net.get(), source, &origin);
+    printf("compare: float net %s against quantized net %s on %d items of %s\n", float_json.c_str(),
+           quant_json.c_str(), items->Count(), origin.c_str());
     fflush(stdout);
     // Progress at most once a second, and only once a run takes that long.
     auto last = std::chrono::steady_clock::now();
@@ -339,7 +395,7 @@ int CompareMain(int argc, char** argv) {
       fprintf(stderr, "compare: item %d/%d\n", done, total);
     };
     const qzdl::AccuracyReport report =
-        qzdl::CompareNets(float_net.get(), quant_net.get(), items, progress);
+        qzdl::CompareNets(float_net.get(), quant_net.get(), *items, progress);
     printf("%s", qzdl::ReportText(report, worst).c_str());
     std::string error;
     if (!json_out.empty() &&

@@ -1,18 +1,12 @@
 #include "runtime/int8/accuracy_report.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <map>
 #include <set>
 
 #include "runtime/errors.h"
-#include "runtime/file_read.h"
 #include "runtime/int8/quantized_model.h"
 #include "runtime/quant_config.h"
 #include "runtime/run_support.h"
@@ -23,35 +17,8 @@ namespace {
 
 [[noreturn]] void Fail(const std::string& message) { throw AccuracyError(message); }
 
-std::vector<std::string> Fields(const std::string& line) {
-  std::vector<std::string> fields;
-  size_t pos = 0;
-  while (pos < line.size()) {
-    const size_t start = line.find_first_not_of(" \t", pos);
-    if (start == std::string::npos) break;
-    const size_t end = line.find_first_of(" \t", start);
-    fields.push_back(line.substr(start, end - start));
-    pos = end;
-  }
-  return fields;
-}
-
-// A whole number from 0 up to 10^9, or -1.
-int Label(const std::string& text) {
-  if (text.empty() || text.size() > 10) return -1;
-  for (char c : text) {
-    if (c < '0' || c > '9') return -1;
-  }
-  const long long v = std::stoll(text);
-  return v <= 1000000000 ? static_cast<int>(v) : -1;
-}
-
 std::string Plural(int n, const std::string& word) {
   return std::to_string(n) + " " + word + (n == 1 ? "" : "s");
-}
-
-bool EndsWith(const std::string& s, const std::string& tail) {
-  return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
 }
 
 double CosineOf(double fq, double ff, double qq) {
@@ -131,82 +98,6 @@ int ArgMax(const float* v, int64_t n) {
 
 }  // namespace
 
-std::vector<ReportItem> ParseItemList(const std::string& text, const std::string& list_path,
-                                      int input_count) {
-  std::vector<ReportItem> items;
-  int first_line = 0;  // of the first item, whose label decides for all
-  int line_number = 0;
-  for (size_t pos = 0; pos < text.size();) {
-    size_t end = text.find('\n', pos);
-    if (end == std::string::npos) end = text.size();
-    std::string line = text.substr(pos, end - pos);
-    pos = end + 1;
-    ++line_number;
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    const std::vector<std::string> fields = Fields(line);
-    if (fields.empty()) continue;
-    const std::string where = list_path + " line " + std::to_string(line_number);
-    const int n = static_cast<int>(fields.size());
-    if (n != input_count && n != input_count + 1) {
-      Fail(where + ": " + Plural(n, "field") + ", where a line holds one file per net input (" +
-           std::to_string(input_count) + ") and an optional label");
-    }
-    ReportItem item;
-    item.where = where;
-    item.paths.assign(fields.begin(), fields.begin() + input_count);
-    if (n == input_count + 1) {
-      item.label = Label(fields.back());
-      if (item.label < 0)
-        Fail(where + ": the label \"" + fields.back() + "\" is not a whole number from 0");
-    }
-    if (items.empty()) {
-      first_line = line_number;
-    } else if ((item.label >= 0) != (items.front().label >= 0)) {
-      Fail(where + (item.label >= 0 ? ": a label, though line " : ": no label, though line ") +
-           std::to_string(first_line) + (item.label >= 0 ? " has none" : " has one"));
-    }
-    items.push_back(std::move(item));
-  }
-  if (items.empty()) Fail(list_path + ": no items");
-  return items;
-}
-
-std::vector<ReportItem> ReadItemList(const std::string& list_path, int input_count) {
-  std::string text, error;
-  if (!ReadWholeFile(list_path, &text, &error))
-    Fail("cannot read the list \"" + list_path + "\": " + error);
-  std::vector<ReportItem> items = ParseItemList(text, list_path, input_count);
-  // Missing files are found before a long run starts, not in the middle.
-  for (const ReportItem& item : items) {
-    for (const std::string& path : item.paths) {
-      struct stat st;
-      if (stat(path.c_str(), &st) != 0)
-        Fail(item.where + ": cannot read \"" + path + "\": " + std::strerror(errno));
-    }
-  }
-  return items;
-}
-
-std::vector<ReportItem> FolderItems(const std::string& folder) {
-  DIR* dir = opendir(folder.c_str());
-  if (dir == nullptr) Fail("cannot read the folder \"" + folder + "\": " + std::strerror(errno));
-  std::vector<std::string> names;
-  while (const dirent* entry = readdir(dir)) {
-    if (EndsWith(entry->d_name, ".npy")) names.push_back(entry->d_name);
-  }
-  closedir(dir);
-  std::sort(names.begin(), names.end());
-  if (names.empty()) Fail("the folder \"" + folder + "\" holds no .npy files");
-  std::vector<ReportItem> items;
-  for (const std::string& name : names) {
-    ReportItem item;
-    item.paths.push_back(folder + "/" + name);
-    item.where = item.paths.back();
-    items.push_back(std::move(item));
-  }
-  return items;
-}
-
 void TensorComparison::Add(const float* f, const float* q, int64_t count, int item) {
   // Values further than half a step outside the grid were clipped; within
   // it they only round to the end code.
@@ -250,14 +141,13 @@ void PrepareNets(Net<float>* float_net, Net<unsigned char>* quant_net) {
   }
 }
 
-AccuracyReport CompareNets(Net<float>* float_net, Net<unsigned char>* quant_net,
-                           const std::vector<ReportItem>& items,
+AccuracyReport CompareNets(Net<float>* float_net, Net<unsigned char>* quant_net, ReportItems& items,
                            const std::function<void(int, int)>& progress) {
   PrepareNets(float_net, quant_net);
 
   AccuracyReport report;
-  report.items = static_cast<int>(items.size());
-  report.labelled = !items.empty() && items.front().label >= 0;
+  report.items = items.Count();
+  report.labelled = report.items > 0 && items.Labelled();
   for (int k = 0; k < quant_net->GetOutCount(); ++k)
     report.outputs.push_back(StartComparison(quant_net, *quant_net->GetOutputData(k)));
   report.has_top1 = !report.outputs.empty() && quant_net->GetOutputData(0)->Count(0) > 1;
@@ -295,25 +185,23 @@ AccuracyReport CompareNets(Net<float>* float_net, Net<unsigned char>* quant_net,
                                       [](const std::string& type) { return type == "ReLU"; });
   }
 
+  std::vector<std::vector<float>> inputs;
   for (int index = 0; index < report.items; ++index) {
-    const ReportItem& item = items[index];
-    if (static_cast<int>(item.paths.size()) != float_net->GetInputCount())
-      Fail(item.where + ": " + Plural(static_cast<int>(item.paths.size()), "file") + " for " +
-           Plural(float_net->GetInputCount(), "net input"));
+    int label = -1;
+    inputs.clear();
+    items.Read(index, &inputs, &label);
+    if (static_cast<int>(inputs.size()) != float_net->GetInputCount())
+      Fail(items.Where(index) + ": values for " + Plural(static_cast<int>(inputs.size()), "input") +
+           ", where the net has " + std::to_string(float_net->GetInputCount()));
     for (int i = 0; i < float_net->GetInputCount(); ++i) {
-      const std::string& path = item.paths[i];
-      std::vector<float> values;
-      std::string error;
-      if (!ReadNpyFloats(path, &values, &error))
-        Fail(item.where + ": cannot read \"" + path + "\": " + error);
       const Data<float>* in = float_net->GetInputData(i);
-      if (static_cast<int64_t>(values.size()) != in->Count(0)) {
-        Fail(item.where + ": \"" + path + "\" holds " + std::to_string(values.size()) +
-             " floats; input " + Described(float_net->GetInputDataName(i), in->GetDims()) +
-             " takes " + std::to_string(in->Count(0)));
+      if (static_cast<int64_t>(inputs[i].size()) != in->Count(0)) {
+        Fail(items.Where(index) + ": " + std::to_string(inputs[i].size()) + " values for input " +
+             Described(float_net->GetInputDataName(i), in->GetDims()) + ", which takes " +
+             std::to_string(in->Count(0)));
       }
-      float_net->SetFloatInputData(values.data(), i);
-      quant_net->SetFloatInputData(values.data(), i);
+      float_net->SetFloatInputData(inputs[i].data(), i);
+      quant_net->SetFloatInputData(inputs[i].data(), i);
     }
     float_net->ForwardAll();
     quant_net->ForwardAll();
@@ -326,8 +214,8 @@ AccuracyReport CompareNets(Net<float>* float_net, Net<unsigned char>* quant_net,
       const int float_top = ArgMax(f, static_cast<int64_t>(q.size()));
       const int quant_top = ArgMax(q.data(), static_cast<int64_t>(q.size()));
       report.agree += float_top == quant_top;
-      report.float_correct += float_top == item.label;
-      report.quant_correct += quant_top == item.label;
+      report.float_correct += float_top == label;
+      report.quant_correct += quant_top == label;
     }
     for (size_t t = 0; t < names.size(); ++t) {
       const Data<float>* f = float_net->GetData(names[t]);

@@ -20,23 +20,22 @@ class AccuracyError : public std::runtime_error {
   explicit AccuracyError(const std::string& message) : std::runtime_error(message) {}
 };
 
-// One item: a file per net input, and its label (-1 when none).
-struct ReportItem {
-  std::vector<std::string> paths;
-  int label = -1;
-  std::string where;  // "<list> line <n>" or the file, for messages
+// The items both nets run on, one at a time. dataloader/report_items.h
+// makes them from item lists, folders and the converter's data sources; the
+// runtime only runs and compares.
+class ReportItems {
+ public:
+  virtual ~ReportItems() = default;
+  virtual int Count() const = 0;
+  // Whether the items have labels (all of them then).
+  virtual bool Labelled() const = 0;
+  // Item `index` (from 0): the values of every net input, in input order,
+  // each the input's element count at batch 1, and its label (-1 when none).
+  // A bad item throws AccuracyError naming its file.
+  virtual void Read(int index, std::vector<std::vector<float>>* inputs, int* label) = 0;
+  // Where item `index` comes from, for messages: "<list> line <n>", a file.
+  virtual std::string Where(int index) const = 0;
 };
-
-// Items of a list file's text: one item per line, its files (one per net
-// input, in input order) and an optional label (a whole number from 0),
-// separated by tabs or blanks. Blank lines are skipped; a final carriage
-// return is dropped. Either every line has a label or none has.
-std::vector<ReportItem> ParseItemList(const std::string& text, const std::string& list_path,
-                                      int input_count);
-// The same from the file, whose files must exist.
-std::vector<ReportItem> ReadItemList(const std::string& list_path, int input_count);
-// The .npy files of a folder, in name order, without labels (one input).
-std::vector<ReportItem> FolderItems(const std::string& folder);
 
 // Sums of one compared tensor over all items; `f` the float net's values,
 // `q` the quantized net's real values.
@@ -83,8 +82,7 @@ void PrepareNets(Net<float>* float_net, Net<unsigned char>* quant_net);
 
 // PrepareNets, then runs both nets on every item and compares. `progress` is
 // called after each item with (done, total).
-AccuracyReport CompareNets(Net<float>* float_net, Net<unsigned char>* quant_net,
-                           const std::vector<ReportItem>& items,
+AccuracyReport CompareNets(Net<float>* float_net, Net<unsigned char>* quant_net, ReportItems& items,
                            const std::function<void(int, int)>& progress = nullptr);
 
 // The report as printed: outputs, top-1, then the `worst` worst tensors (all

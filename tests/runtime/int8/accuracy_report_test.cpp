@@ -1,7 +1,7 @@
 // The accuracy report: its figures against the ones NumPy computed for the
-// fixture (scripts/fixtures/make_accuracy_report_fixture.py), item lists and
-// their messages, the checks of the two nets, the printed text and the JSON
-// keys.
+// fixture (scripts/fixtures/make_accuracy_report_fixture.py), the checks of
+// the two nets and of the items' values, the printed text and the JSON keys.
+// Item lists and files: tests/dataloader/report_items_test.cpp.
 #include "runtime/int8/accuracy_report.h"
 
 #include <gtest/gtest.h>
@@ -33,12 +33,39 @@ std::unique_ptr<Net<unsigned char>> QuantNet(const std::string& json = Fx("net_h
   return std::unique_ptr<Net<unsigned char>>(CreateQuantizedNet(json, Fx("q.bin")));
 }
 
-// The fixture's items, their paths made absolute.
-std::vector<ReportItem> FixtureItems() {
-  std::vector<ReportItem> items = ParseItemList(test::ReadFile(Fx("list.txt")), "list.txt", 1);
-  for (ReportItem& item : items) item.paths[0] = Fx(item.paths[0]);
-  return items;
-}
+// The fixture's items (list.txt: one .npy file and a label per line), or
+// items of the wrong shape when `values` or `inputs` is changed.
+class FixtureItems : public ReportItems {
+ public:
+  explicit FixtureItems(bool labelled = true) : labelled_(labelled) {
+    const std::string text = test::ReadFile(Fx("list.txt"));
+    for (size_t pos = 0; pos < text.size();) {
+      const size_t tab = text.find('\t', pos), end = text.find('\n', pos);
+      paths_.push_back(Fx(text.substr(pos, tab - pos)));
+      labels_.push_back(std::stoi(text.substr(tab + 1, end - tab - 1)));
+      pos = end + 1;
+    }
+  }
+  int Count() const override { return static_cast<int>(paths_.size()); }
+  bool Labelled() const override { return labelled_; }
+  std::string Where(int index) const override { return "item " + std::to_string(index + 1); }
+  void Read(int index, std::vector<std::vector<float>>* in, int* label) override {
+    std::vector<float> v;
+    std::string error;
+    EXPECT_TRUE(ReadNpyFloats(paths_[index], &v, &error)) << error;
+    if (!values.empty()) v = values;
+    for (int i = 0; i < inputs; ++i) in->push_back(v);
+    *label = labelled_ ? labels_[index] : -1;
+  }
+
+  std::vector<float> values;  // in place of the file's, when not empty
+  int inputs = 1;
+
+ private:
+  bool labelled_;
+  std::vector<std::string> paths_;
+  std::vector<int> labels_;
+};
 
 json11::Json Expected() {
   std::string error;
@@ -82,7 +109,8 @@ void ExpectFigures(const TensorComparison& got, const json11::Json& want) {
 TEST(AccuracyReport, FiguresMatchNumPy) {
   auto f = FloatNet();
   auto q = QuantNet();
-  const AccuracyReport r = CompareNets(f.get(), q.get(), FixtureItems());
+  FixtureItems items;
+  const AccuracyReport r = CompareNets(f.get(), q.get(), items);
   const json11::Json want = Expected();
   EXPECT_EQ(r.items, 5);
   EXPECT_TRUE(r.labelled);
@@ -108,7 +136,8 @@ TEST(AccuracyReport, ProgressIsCalledPerItem) {
   auto f = FloatNet();
   auto q = QuantNet();
   std::vector<std::pair<int, int>> calls;
-  CompareNets(f.get(), q.get(), FixtureItems(), [&](int done, int total) {
+  FixtureItems items;
+  CompareNets(f.get(), q.get(), items, [&](int done, int total) {
     calls.push_back({done, total});
   });
   ASSERT_EQ(calls.size(), 5u);
@@ -119,7 +148,8 @@ TEST(AccuracyReport, ProgressIsCalledPerItem) {
 TEST(AccuracyReport, TextLines) {
   auto f = FloatNet();
   auto q = QuantNet();
-  const std::string text = ReportText(CompareNets(f.get(), q.get(), FixtureItems()), 1);
+  FixtureItems items;
+  const std::string text = ReportText(CompareNets(f.get(), q.get(), items), 1);
   EXPECT_EQ(text,
             "outputs, float net against 8-bit net over 5 items:\n"
             "  \"out\" [1, 6]: cosine 0.997201, SQNR 20.96 dB, max abs error 0.4; worst item 3 "
@@ -137,8 +167,7 @@ TEST(AccuracyReport, TextLines) {
 TEST(AccuracyReport, WithoutLabelsOnlyAgreement) {
   auto f = FloatNet();
   auto q = QuantNet();
-  std::vector<ReportItem> items = FixtureItems();
-  for (ReportItem& item : items) item.label = -1;
+  FixtureItems items(false);
   const AccuracyReport r = CompareNets(f.get(), q.get(), items);
   EXPECT_FALSE(r.labelled);
   const std::string text = ReportText(r, 0);
@@ -160,7 +189,8 @@ std::set<std::string> Keys(const json11::Json& j) {
 TEST(AccuracyReport, JsonKeys) {
   auto f = FloatNet();
   auto q = QuantNet();
-  const AccuracyReport r = CompareNets(f.get(), q.get(), FixtureItems());
+  FixtureItems items;
+  const AccuracyReport r = CompareNets(f.get(), q.get(), items);
   std::string error;
   const json11::Json j = json11::Json::parse(ReportJson(r, "f.json", "q.json"), error);
   ASSERT_EQ(error, "");
@@ -234,83 +264,6 @@ TEST(AccuracyReport, EqualAndZeroValues) {
   EXPECT_TRUE(j["top1"].is_null());
 }
 
-TEST(AccuracyItemList, PathsAndLabels) {
-  // Tabs or blanks between fields, a carriage return dropped, blank lines
-  // skipped.
-  const std::vector<ReportItem> items =
-      ParseItemList("a.npy\t3\r\n\n  \t\nb.npy   12\nd.npy 0", "l.txt", 1);
-  ASSERT_EQ(items.size(), 3u);
-  EXPECT_EQ(items[0].paths, (std::vector<std::string>{"a.npy"}));
-  EXPECT_EQ(items[0].label, 3);
-  EXPECT_EQ(items[0].where, "l.txt line 1");
-  EXPECT_EQ(items[1].paths, (std::vector<std::string>{"b.npy"}));
-  EXPECT_EQ(items[1].label, 12);
-  EXPECT_EQ(items[1].where, "l.txt line 4");
-  EXPECT_EQ(items[2].label, 0);
-}
-
-TEST(AccuracyItemList, WithoutLabelsAndSeveralInputs) {
-  std::vector<ReportItem> items = ParseItemList("a.npy\nb.npy\n", "l.txt", 1);
-  ASSERT_EQ(items.size(), 2u);
-  EXPECT_EQ(items[1].label, -1);
-  items = ParseItemList("a.npy x.npy 7\nb.npy y.npy 1\n", "l.txt", 2);
-  ASSERT_EQ(items.size(), 2u);
-  EXPECT_EQ(items[0].paths, (std::vector<std::string>{"a.npy", "x.npy"}));
-  EXPECT_EQ(items[0].label, 7);
-  items = ParseItemList("a.npy x.npy\n", "l.txt", 2);
-  EXPECT_EQ(items[0].label, -1);
-}
-
-TEST(AccuracyItemList, Errors) {
-  EXPECT_EQ(ErrorOf([] { ParseItemList("a.npy 1\nb.npy cat\n", "l.txt", 1); }),
-            "l.txt line 2: the label \"cat\" is not a whole number from 0");
-  EXPECT_EQ(ErrorOf([] { ParseItemList("a.npy -1\n", "l.txt", 1); }),
-            "l.txt line 1: the label \"-1\" is not a whole number from 0");
-  EXPECT_EQ(ErrorOf([] { ParseItemList("a.npy 2.5\n", "l.txt", 1); }),
-            "l.txt line 1: the label \"2.5\" is not a whole number from 0");
-  EXPECT_EQ(ErrorOf([] { ParseItemList("a.npy 99999999999\n", "l.txt", 1); }),
-            "l.txt line 1: the label \"99999999999\" is not a whole number from 0");
-  EXPECT_EQ(ErrorOf([] { ParseItemList("\na.npy 1\nb.npy\n", "l.txt", 1); }),
-            "l.txt line 3: no label, though line 2 has one");
-  EXPECT_EQ(ErrorOf([] { ParseItemList("a.npy\nb.npy 4\n", "l.txt", 1); }),
-            "l.txt line 2: a label, though line 1 has none");
-  EXPECT_EQ(ErrorOf([] { ParseItemList("a.npy b.npy 1\n", "l.txt", 1); }),
-            "l.txt line 1: 3 fields, where a line holds one file per net input (1) and an "
-            "optional label");
-  EXPECT_EQ(ErrorOf([] { ParseItemList("a.npy\n", "l.txt", 2); }),
-            "l.txt line 1: 1 field, where a line holds one file per net input (2) and an "
-            "optional label");
-  EXPECT_EQ(ErrorOf([] { ParseItemList("\n \n", "l.txt", 1); }), "l.txt: no items");
-}
-
-TEST(AccuracyItemList, FilesMustExist) {
-  const std::string dir = test::TempDir("accuracy_list_files");
-  test::WriteFile(dir + "/a.npy", "");
-  test::WriteFile(dir + "/list.txt", dir + "/a.npy 1\n" + dir + "/nope.npy 2\n");
-  EXPECT_EQ(
-      ErrorOf([&] { ReadItemList(dir + "/list.txt", 1); }),
-      dir + "/list.txt line 2: cannot read \"" + dir + "/nope.npy\": No such file or directory");
-  EXPECT_EQ(ErrorOf([&] { ReadItemList(dir + "/none.txt", 1); }),
-            "cannot read the list \"" + dir + "/none.txt\": No such file or directory");
-}
-
-TEST(AccuracyItemList, Folder) {
-  const std::string dir = test::TempDir("accuracy_folder");
-  for (const char* name : {"b.npy", "a.npy", "c.txt", "c.npy"})
-    test::WriteFile(dir + "/" + name, "");
-  const std::vector<ReportItem> items = FolderItems(dir);
-  ASSERT_EQ(items.size(), 3u);
-  EXPECT_EQ(items[0].paths[0], dir + "/a.npy");
-  EXPECT_EQ(items[2].paths[0], dir + "/c.npy");
-  EXPECT_EQ(items[2].where, dir + "/c.npy");
-  EXPECT_EQ(items[2].label, -1);
-  const std::string empty = test::TempDir("accuracy_folder_empty");
-  EXPECT_EQ(ErrorOf([&] { FolderItems(empty); }),
-            "the folder \"" + empty + "\" holds no .npy files");
-  EXPECT_EQ(ErrorOf([&] { FolderItems(empty + "/none"); }),
-            "cannot read the folder \"" + empty + "/none\": No such file or directory");
-}
-
 // A quantized description of `net` (the fixture's grid on every tensor).
 std::string HybridOf(const std::string& inputs, const std::string& layers,
                      const std::string& outputs, const std::vector<std::string>& tensors) {
@@ -347,7 +300,8 @@ TEST(AccuracyReport, NetsMustHaveTheSameInputsAndOutputs) {
             "the nets' outputs differ: output 1 of the float net is \"out\" [1, 6], of the "
             "quantized net \"y\" [1, 6]");
   auto two = QuantNet(dir + "/two.json");
-  EXPECT_EQ(ErrorOf([&] { CompareNets(f.get(), two.get(), FixtureItems()); }),
+  FixtureItems items;
+  EXPECT_EQ(ErrorOf([&] { CompareNets(f.get(), two.get(), items); }),
             "the nets' outputs differ: the float net has 1 output, the quantized net 2");
   auto wide = QuantNet(dir + "/wide.json");
   EXPECT_EQ(ErrorOf([&] { PrepareNets(f.get(), wide.get()); }),
@@ -355,21 +309,17 @@ TEST(AccuracyReport, NetsMustHaveTheSameInputsAndOutputs) {
             "quantized net \"data\" [1, 8]");
 }
 
-TEST(AccuracyReport, BadItemFiles) {
-  const std::string dir = test::TempDir("accuracy_items");
-  const float four[4] = {1, 2, 3, 4};
-  test::WriteFile(dir + "/short.npy", NpyFloatBytes(four, {1, 4}));
-  test::WriteFile(dir + "/text.npy", "hello");
+TEST(AccuracyReport, ItemsOfTheWrongSize) {
   auto f = FloatNet();
   auto q = QuantNet();
-  std::vector<ReportItem> items = ParseItemList(dir + "/short.npy 1\n", "l.txt", 1);
+  FixtureItems items;
+  items.values.resize(4);
   EXPECT_EQ(ErrorOf([&] { CompareNets(f.get(), q.get(), items); }),
-            "l.txt line 1: \"" + dir +
-                "/short.npy\" holds 4 floats; input \"data\" [1, 6] "
-                "takes 6");
-  items = ParseItemList(dir + "/text.npy\n", "l.txt", 1);
+            "item 1: 4 values for input \"data\" [1, 6], which takes 6");
+  items.values.clear();
+  items.inputs = 2;
   EXPECT_EQ(ErrorOf([&] { CompareNets(f.get(), q.get(), items); }),
-            "l.txt line 1: cannot read \"" + dir + "/text.npy\": not an .npy file");
+            "item 1: values for 2 inputs, where the net has 1");
 }
 
 }  // namespace
