@@ -55,7 +55,8 @@ double Cosine(const std::vector<float>& a, const std::vector<float>& b) {
 
 std::string RangeText(float lo, float hi) {
   char text[64];
-  snprintf(text, sizeof text, "[%g, %g]", double(lo), double(hi));
+  // + 0.0 prints a negative zero (a candidate's minimum of -(0 * step)) as 0.
+  snprintf(text, sizeof text, "[%g, %g]", double(lo) + 0.0, double(hi) + 0.0);
   return text;
 }
 
