@@ -49,36 +49,80 @@ void ExactProducts(int m, int n, int k, const float* a, int lda, const float* b,
 
 }  // namespace
 
-void ConvCodesKernel::Reshape(const ConvGeometry& g, bool allow_shifted) {
-  g_ = g;
+const char* ConvPathName(ConvPath path) {
+  switch (path) {
+    case ConvPath::kFloatGemm: return "float GEMM";
+    case ConvPath::kShiftedGemm: return "u8 x s8 GEMM";
+    case ConvPath::kFloatDepthwise: return "float depthwise";
+    case ConvPath::kIntegerDepthwise: return "integer depthwise";
+  }
+  return "?";
+}
+
+bool ConvCodesKernel::CanRun(const ConvGeometry& g, ConvPath path) {
   const int64_t k = int64_t(g.InPerGroup()) * g.KernelArea();
-  depthwise_ = g.InPerGroup() == 1 && g.OutPerGroup() == 1 && g.KernelArea() <= kExactChunk;
+  const bool depthwise = g.InPerGroup() == 1 && g.OutPerGroup() == 1;
+  switch (path) {
+    case ConvPath::kFloatGemm: return true;
+    case ConvPath::kShiftedGemm: return !depthwise && k <= kMaxShiftedK && HaveExactU8S8Gemm();
+    case ConvPath::kFloatDepthwise: return depthwise && g.KernelArea() <= kExactChunk;
+    case ConvPath::kIntegerDepthwise: return DepthwiseCodesKernel::Fits(g);
+  }
+  return false;
+}
+
+void ConvCodesKernel::Reshape(const ConvGeometry& g, bool allow_shifted) {
+  ConvPath path = ConvPath::kFloatGemm;
+  if (CanRun(g, ConvPath::kIntegerDepthwise)) {
+    path = ConvPath::kIntegerDepthwise;
+  } else if (CanRun(g, ConvPath::kFloatDepthwise)) {
+    path = ConvPath::kFloatDepthwise;
+  } else if (allow_shifted && CanRun(g, ConvPath::kShiftedGemm)) {
+    path = ConvPath::kShiftedGemm;
+  }
+  Setup(g, path);
+}
+
+bool ConvCodesKernel::ReshapeFor(const ConvGeometry& g, ConvPath path) {
+  if (!CanRun(g, path)) return false;
+  Setup(g, path);
+  return true;
+}
+
+void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
+  g_ = g;
+  path_ = path;
+  const int64_t k = int64_t(g.InPerGroup()) * g.KernelArea();
+  const bool depthwise = path == ConvPath::kFloatDepthwise;
+  const bool shifted = path == ConvPath::kShiftedGemm;
+  const bool gemm = path == ConvPath::kFloatGemm || shifted;
   pointwise_ = g.kernel_h == 1 && g.kernel_w == 1 && g.stride_h == 1 && g.stride_w == 1 &&
                g.pad_top == 0 && g.pad_bottom == 0 && g.pad_left == 0 && g.pad_right == 0;
-  shifted_ = allow_shifted && !depthwise_ && k <= kMaxShiftedK && HaveExactU8S8Gemm();
   const int64_t plane = g.OutPlane();
   // A tile of output positions whose patches take about 1 MB.
   int64_t tile =
       std::max<int64_t>(32, std::min<int64_t>(1024, (int64_t(1) << 18) / std::max<int64_t>(k, 1)));
   tile_ = static_cast<int>(std::max<int64_t>(1, std::min(tile, plane)));
   const size_t inputs = static_cast<size_t>(int64_t(g.batch) * g.in_c * g.InPlane());
-  centred_x_.resize(shifted_ ? 0 : inputs);
-  shifted_x_.resize(shifted_ ? inputs : 0);
-  slots_.resize(static_cast<size_t>(std::max(1, ParallelThreads())));
-  depthwise_out_.resize(depthwise_ ? static_cast<size_t>(int64_t(g.batch) * g.out_c * plane) : 0);
-  depthwise_scratch_.resize(depthwise_ ? DepthwiseScratchFloats(g) * slots_.size() : 0);
+  const bool centres = path == ConvPath::kFloatGemm || depthwise;
+  centred_x_.resize(centres ? inputs : 0);
+  shifted_x_.resize(shifted ? inputs : 0);
+  const int threads = std::max(1, ParallelThreads());
+  slots_.resize(static_cast<size_t>(gemm || depthwise ? threads : 0));
+  depthwise_out_.resize(depthwise ? static_cast<size_t>(int64_t(g.batch) * g.out_c * plane) : 0);
+  depthwise_scratch_.resize(depthwise ? DepthwiseScratchFloats(g) * slots_.size() : 0);
+  if (path == ConvPath::kIntegerDepthwise) integer_depthwise_.Reshape(g, threads);
   for (Slot& s : slots_) {
-    if (shifted_) {
+    s = Slot();
+    if (shifted) {
       s.col8.resize(pointwise_ ? 0 : static_cast<size_t>(k * tile_));
       s.c32.resize(static_cast<size_t>(int64_t(g.OutPerGroup()) * tile_));
       s.colsum.resize(static_cast<size_t>(tile_));
       s.acc.resize(static_cast<size_t>(tile_));
-      s.col.clear(), s.product.clear();
       continue;
     }
-    if (depthwise_) {
+    if (depthwise) {
       s.acc.resize(static_cast<size_t>(plane));
-      s.col.clear(), s.product.clear();
       continue;
     }
     s.col.resize(pointwise_ ? 0 : static_cast<size_t>(k * tile_));
@@ -101,10 +145,11 @@ ConvCodesKernel::Tile ConvCodesKernel::TileOf(int64_t item) const {
 void ConvCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
                           const ChannelQuantization& q, uint8_t* y) {
   const ConvGeometry& g = g_;
-  if (shifted_) return RunShifted(x, x_zero, w, q, y);
+  if (path_ == ConvPath::kIntegerDepthwise) return integer_depthwise_.Run(x, x_zero, w.codes, q, y);
+  if (path_ == ConvPath::kShiftedGemm) return RunShifted(x, x_zero, w, q, y);
   const float* centred = w.centred;
   CentreCodes(x, static_cast<int64_t>(centred_x_.size()), x_zero, centred_x_.data());
-  if (depthwise_) return RunDepthwise(centred, q, y);
+  if (path_ == ConvPath::kFloatDepthwise) return RunDepthwise(centred, q, y);
   const int cin_g = g.InPerGroup(), cout_g = g.OutPerGroup();
   const int k = static_cast<int>(int64_t(cin_g) * g.KernelArea());
   const int64_t plane = g.OutPlane(), in_plane = g.InPlane();

@@ -111,4 +111,25 @@ void RequantizeRow(const int64_t* acc, int64_t n, const Requantizer& r, int32_t 
   }
 }
 
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+__attribute__((target_clones("arch=x86-64-v4", "avx2", "default")))
+#endif
+void RequantizeRow32(const int32_t* acc, int64_t n, int64_t add, const Requantizer& r,
+                     int32_t zero, uint8_t* out, const uint8_t* table) {
+  if (r.saturate || r.use_double) {
+    for (int64_t i = 0; i < n; ++i)
+      out[i] = Requantize(int32_t(SaturateToInt32(add + acc[i])), r, zero);
+  } else {
+    const int64_t m = r.multiplier, round = int64_t{1} << (r.shift - 1);
+    const int shift = r.shift;
+    for (int64_t i = 0; i < n; ++i) {
+      const int32_t v = static_cast<int32_t>(SaturateToInt32(add + acc[i]));
+      out[i] = ClampCode(zero + ((int64_t(v) * m + round) >> shift));
+    }
+  }
+  if (table != nullptr) {
+    for (int64_t i = 0; i < n; ++i) out[i] = table[out[i]];
+  }
+}
+
 }  // namespace qzdl
