@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdint>
 
+#include "runtime/int8/lookup_table.h"
+
 namespace qzdl {
 
 Requantizer MakeRequantizer(double real, bool use_double) {
@@ -127,9 +129,7 @@ void RequantizeRow32(const int32_t* acc, int64_t n, int64_t add, const Requantiz
       out[i] = ClampCode(zero + ((int64_t(v) * m + round) >> shift));
     }
   }
-  if (table != nullptr) {
-    for (int64_t i = 0; i < n; ++i) out[i] = table[out[i]];
-  }
+  if (table != nullptr) LookupCodes(table, out, out, n);
 }
 
 }  // namespace qzdl
