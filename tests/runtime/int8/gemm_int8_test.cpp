@@ -197,6 +197,96 @@ TEST(ConvCodesKernel, DepthwiseSaturatesAndRoundsAsTheReference) {
   ExpectPathsMatchReference(Geometry(1, 35, 9, 8, 35, 3, 3, 2, 1, 1, 35), 401, extreme);
 }
 
+// Sums beyond 2^24 that a float32 cannot hold (about 4 * 10^7):
+// every input code 255 (channel 0: 254) on zero point 0, every weight code
+// 255 on zero point 0, no padding. Output channel 0's bias puts bias + sum
+// exactly on a rounding tie of the multiplier 2^-20, channel 1's one below
+// it, so a sum off by any amount in either direction changes a code.
+ChannelQuantization TieChannels(int64_t sum, bool use_double) {
+  ChannelQuantization q;
+  q.output_zero = 0;
+  const int64_t tie = int64_t(2 * 100 + 1) << 19;  // 100.5 * 2^20
+  for (int o = 0; o < 2; ++o) {
+    q.weight_zero.push_back(0);
+    q.bias.push_back(static_cast<int32_t>(tie - o - sum));
+    q.requantizer.push_back(MakeRequantizer(1.0 / (1 << 20), use_double));
+  }
+  return q;
+}
+
+TEST(ConvCodesKernel, SumsBeyondFloatPrecisionStayExact) {
+  for (ConvGeometry g : {Geometry(1, 600, 3, 4, 2, 1, 1, 1, 0, 1, 1),
+                         Geometry(2, 66, 5, 6, 2, 3, 3, 1, 0, 1, 1),
+                         Geometry(1, 520, 5, 5, 2, 3, 3, 2, 0, 1, 1)}) {
+    g.pad_bottom = 0;  // no padding taps: every position has the same sum
+    g.out_h = g.ConvOutH();
+    std::vector<uint8_t> x(size_t(g.batch) * g.in_c * g.InPlane(), 255);
+    for (int n = 0; n < g.batch; ++n)
+      std::fill_n(x.begin() + int64_t(n) * g.in_c * g.InPlane(), g.InPlane(), 254);
+    const int64_t k = int64_t(g.in_c) * g.KernelArea();
+    const std::vector<uint8_t> w(size_t(g.out_c) * k, 255);
+    const int64_t sum = 255 * (254 * g.KernelArea() + 255 * (k - g.KernelArea()));
+    ASSERT_GT(sum, int64_t{1} << 25);
+    ASSERT_NE(static_cast<int64_t>(static_cast<float>(sum)), sum);
+    for (bool use_double : {false, true}) {
+      const ChannelQuantization q = TieChannels(sum, use_double);
+      std::vector<uint8_t> want(size_t(g.batch) * g.out_c * g.OutPlane());
+      ReferenceConvolutionU8(g, x.data(), 0, w.data(), q, want.data());
+      ASSERT_EQ(want.front(), 101);
+      ASSERT_EQ(want.back(), 100);
+      std::vector<float> centred(size_t(g.out_c) * k);
+      std::vector<int32_t> sums(g.out_c);
+      auto at = [k](int o, int64_t i) { return o * k + i; };
+      CentreWeights(g.out_c, k, w.data(), q.weight_zero, at, centred.data());
+      SumCodeRows(g.out_c, k, w.data(), at, sums.data());
+      CodeWeights weights;
+      weights.centred = centred.data();
+      weights.codes = w.data();
+      weights.code_sum = sums.data();
+      for (ConvPath path : kAllPaths) {
+        ConvCodesKernel kernel;
+        if (!kernel.ReshapeFor(g, path)) continue;
+        std::vector<uint8_t> got(want.size(), 0);
+        kernel.Run(x.data(), 0, weights, q, got.data());
+        EXPECT_EQ(got, want) << g.ToString() << ", " << ConvPathName(path);
+      }
+    }
+  }
+}
+
+TEST(InnerProductCodesKernel, SumsBeyondFloatPrecisionStayExact) {
+  const int batch = 3, k_dim = 600, out = 2;
+  std::vector<uint8_t> x(size_t(batch) * k_dim, 255);
+  for (int n = 0; n < batch; ++n) x[size_t(n) * k_dim] = 254;
+  const std::vector<uint8_t> w(size_t(out) * k_dim, 255);
+  const int64_t sum = 255 * (254 + 255 * (k_dim - 1));
+  for (bool use_double : {false, true}) {
+    const ChannelQuantization q = TieChannels(sum, use_double);
+    std::vector<uint8_t> want(size_t(batch) * out);
+    ReferenceInnerProductU8(batch, k_dim, out, false, x.data(), 0, w.data(), q, want.data());
+    ASSERT_EQ(want[0], 101);
+    ASSERT_EQ(want[1], 100);
+    std::vector<float> centred(size_t(out) * k_dim);
+    std::vector<int8_t> shifted(size_t(out) * k_dim);
+    std::vector<int32_t> sums(out);
+    auto at = [&](int o, int64_t k) { return int64_t(o) * k_dim + k; };
+    CentreWeights(out, k_dim, w.data(), q.weight_zero, at, centred.data());
+    ShiftWeights(out, k_dim, w.data(), at, shifted.data(), sums.data());
+    for (bool allow_shifted : {false, true}) {
+      InnerProductCodesKernel kernel;
+      kernel.Reshape(batch, k_dim, out, allow_shifted);
+      if (allow_shifted && !kernel.Shifted()) continue;
+      CodeWeights weights;
+      weights.centred = centred.data();
+      weights.shifted = shifted.data();
+      weights.shifted_sum = sums.data();
+      std::vector<uint8_t> got(want.size(), 0);
+      kernel.Run(x.data(), 0, weights, q, got.data());
+      EXPECT_EQ(got, want) << (kernel.Shifted() ? "u8 x s8 GEMM" : "float GEMM");
+    }
+  }
+}
+
 TEST(InnerProductCodesKernel, MatchesTheReference) {
   std::mt19937 rng(7);
   for (int batch : {1, 8}) {
