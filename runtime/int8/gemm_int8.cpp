@@ -47,6 +47,35 @@ void ExactProducts(int m, int n, int k, const float* a, int lda, const float* b,
   }
 }
 
+// On x86-64 these loops are compiled for AVX-512, AVX2 and the baseline,
+// picked at load time.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define QZDL_INT8_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
+#else
+#define QZDL_INT8_CLONES
+#endif
+
+// colsum[p] = sum over the k rows of b (row stride ldb) at column p.
+QZDL_INT8_CLONES
+void ColumnSums(const int8_t* b, int64_t ldb, int k, int np, int32_t* colsum) {
+  std::fill(colsum, colsum + np, 0);
+  for (int r = 0; r < k; ++r) {
+    const int8_t* row = b + r * ldb;
+    for (int p = 0; p < np; ++p) colsum[p] += row[p];
+  }
+}
+
+// row[p] = row[p] - zw * colsum[p] + add, modulo 2^32.
+QZDL_INT8_CLONES
+void CombineRow(int32_t* row, const int32_t* colsum, int np, uint32_t zw, uint32_t add) {
+  for (int p = 0; p < np; ++p)
+    row[p] = static_cast<int32_t>(static_cast<uint32_t>(row[p]) -
+                                  zw * static_cast<uint32_t>(colsum[p]) + add);
+}
+
+// The reduction length below which every exact sum of a window fits int32.
+constexpr int kMaxInt32ShiftedK = 33025;
+
 }  // namespace
 
 const char* ConvPathName(ConvPath path) {
@@ -218,13 +247,23 @@ void ConvCodesKernel::RunShifted(const uint8_t* x, int32_t x_zero, const CodeWei
       }
       // Sums of the shifted patches over the window, per position.
       int32_t* colsum = s.colsum.data();
-      std::fill(colsum, colsum + np, 0);
-      for (int r = 0; r < k; ++r) {
-        const int8_t* row = b + r * ldb;
-        for (int p = 0; p < np; ++p) colsum[p] += row[p];
-      }
+      ColumnSums(b, ldb, k, np, colsum);
       U8S8GemmTile(false, false, cout_g, np, k, w.codes + int64_t(grp) * cout_g * k, k, b,
                    static_cast<int>(ldb), s.c32.data(), np);
+      if (k <= kMaxInt32ShiftedK) {
+        // The sum of each position fits int32 (|sum| <= 65025 * k < 2^31):
+        // taken modulo 2^32 from the GEMM's terms, it is exact.
+        for (int m = 0; m < cout_g; ++m) {
+          const int o = grp * cout_g + m;
+          const int64_t zw = q.weight_zero[o];
+          const int64_t fixed = c * w.code_sum[o] - c * zw * k;
+          int32_t* row = s.c32.data() + int64_t(m) * np;
+          CombineRow(row, colsum, np, static_cast<uint32_t>(zw), static_cast<uint32_t>(fixed));
+          RequantizeRow32(row, np, q.bias[o], q.requantizer[o], q.output_zero,
+                          y + (int64_t(n) * g.out_c + o) * plane + p0);
+        }
+        return;
+      }
       for (int m = 0; m < cout_g; ++m) {
         const int o = grp * cout_g + m;
         const int64_t zw = q.weight_zero[o];
