@@ -55,13 +55,20 @@ void ExactProducts(int m, int n, int k, const float* a, int lda, const float* b,
 #define QZDL_INT8_CLONES
 #endif
 
-// colsum[p] = sum over the k rows of b (row stride ldb) at column p.
+// dst (k rows of np) = the codes of src (row stride ld) minus 128 as int8
+// (a flip of the top bit), and colsum[p] the sum of column p of dst. src
+// may be dst (ld == np).
 QZDL_INT8_CLONES
-void ColumnSums(const int8_t* b, int64_t ldb, int k, int np, int32_t* colsum) {
+void ShiftAndSum(const uint8_t* src, int64_t ld, int k, int np, int8_t* dst, int32_t* colsum) {
   std::fill(colsum, colsum + np, 0);
   for (int r = 0; r < k; ++r) {
-    const int8_t* row = b + r * ldb;
-    for (int p = 0; p < np; ++p) colsum[p] += row[p];
+    const uint8_t* from = src + r * ld;
+    int8_t* to = dst + int64_t(r) * np;
+    for (int p = 0; p < np; ++p) {
+      const int32_t v = int32_t(from[p]) - 128;
+      to[p] = static_cast<int8_t>(v);
+      colsum[p] += v;
+    }
   }
 }
 
@@ -135,7 +142,6 @@ void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
   const size_t inputs = static_cast<size_t>(int64_t(g.batch) * g.in_c * g.InPlane());
   const bool centres = path == ConvPath::kFloatGemm || depthwise;
   centred_x_.resize(centres ? inputs : 0);
-  shifted_x_.resize(shifted ? inputs : 0);
   const int threads = std::max(1, ParallelThreads());
   slots_.resize(static_cast<size_t>(gemm || depthwise ? threads : 0));
   depthwise_out_.resize(depthwise ? static_cast<size_t>(int64_t(g.batch) * g.out_c * plane) : 0);
@@ -144,7 +150,7 @@ void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
   for (Slot& s : slots_) {
     s = Slot();
     if (shifted) {
-      s.col8.resize(pointwise_ ? 0 : static_cast<size_t>(k * tile_));
+      s.col8.resize(static_cast<size_t>(k * tile_));
       s.c32.resize(static_cast<size_t>(int64_t(g.OutPerGroup()) * tile_));
       s.colsum.resize(static_cast<size_t>(tile_));
       s.acc.resize(static_cast<size_t>(tile_));
@@ -222,11 +228,6 @@ void ConvCodesKernel::RunShifted(const uint8_t* x, int32_t x_zero, const CodeWei
   const int64_t plane = g.OutPlane(), in_plane = g.InPlane();
   const int64_t tiles = (plane + tile_ - 1) / tile_;
   const int64_t items = int64_t(g.batch) * g.group * tiles;
-  int8_t* xs = shifted_x_.data();
-  ParallelFor(static_cast<int64_t>(shifted_x_.size()), [=](int64_t begin, int64_t end) {
-    for (int64_t i = begin; i < end; ++i) xs[i] = static_cast<int8_t>(int32_t(x[i]) - 128);
-  });
-  const int8_t pad = static_cast<int8_t>(x_zero - 128);
   const int64_t c = 128 - x_zero;
   ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
     Slot& s = slots_[slot];
@@ -234,20 +235,19 @@ void ConvCodesKernel::RunShifted(const uint8_t* x, int32_t x_zero, const CodeWei
       const Tile tile = TileOf(item);
       const int n = tile.n, grp = tile.group, np = tile.count;
       const int64_t p0 = tile.first;
-      const int8_t* xg = xs + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * in_plane;
-      const int8_t* b;
-      int64_t ldb;
-      if (pointwise_) {
-        b = xg + p0;
-        ldb = in_plane;
-      } else {
-        Im2colTileOf<int8_t>(g, xg, p0, np, pad, s.col8.data());
-        b = s.col8.data();
-        ldb = np;
-      }
-      // Sums of the shifted patches over the window, per position.
+      const uint8_t* xg = x + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * in_plane;
+      // The tile's patches (padding: the input zero point, real zero),
+      // shifted to x - 128 as int8, and their sums per position.
+      int8_t* b = s.col8.data();
+      const int ldb = np;
       int32_t* colsum = s.colsum.data();
-      ColumnSums(b, ldb, k, np, colsum);
+      if (pointwise_) {
+        ShiftAndSum(xg + p0, in_plane, k, np, b, colsum);
+      } else {
+        uint8_t* col = reinterpret_cast<uint8_t*>(b);
+        Im2colTileOf<uint8_t>(g, xg, p0, np, static_cast<uint8_t>(x_zero), col);
+        ShiftAndSum(col, np, k, np, b, colsum);
+      }
       U8S8GemmTile(false, false, cout_g, np, k, w.codes + int64_t(grp) * cout_g * k, k, b,
                    static_cast<int>(ldb), s.c32.data(), np);
       if (k <= kMaxInt32ShiftedK) {

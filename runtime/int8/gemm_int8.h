@@ -137,7 +137,6 @@ class ConvCodesKernel {
   bool pointwise_ = false;
   int tile_ = 1;
   std::vector<float> centred_x_;
-  std::vector<int8_t> shifted_x_;
   std::vector<float> depthwise_out_, depthwise_scratch_;
   std::vector<Slot> slots_;
   DepthwiseCodesKernel integer_depthwise_;
