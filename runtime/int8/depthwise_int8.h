@@ -1,10 +1,11 @@
-// Depthwise convolution on codes, in integers, one pass per output row.
+// Depthwise convolution on codes, in integers, one pass per plane.
 //
 // Each output channel o reads one input channel (o / multiplier). Per plane
 // the input codes are copied once into a padded plane whose pads hold the
-// input zero point (real zero), split into stride phases so that every tap
-// reads a contiguous run; the centred weights w - zw[o] (int32) are taken
-// from the codes per plane. A row of sums
+// input zero point (real zero), split by stride phases of rows and columns
+// so that every tap reads a contiguous run over several output rows; the
+// centred weights w - zw[o] (int32) are taken from the codes per plane.
+// A run of sums
 //
 //   s = -zx * sum_t w_t + sum_t x_t * w_t
 //
@@ -43,7 +44,8 @@ class DepthwiseCodesKernel {
     std::vector<int32_t> row, weights;
   };
   ConvGeometry g_;
-  int phase_w_ = 0, padded_h_ = 0, rows_per_block_ = 1;
+  int padded_h_ = 0, padded_w_ = 0, sub_h_ = 0, sub_w_ = 0, rows_per_block_ = 1;
+  std::vector<int64_t> taps_;  // each tap's offset in the padded plane
   std::vector<Slot> slots_;
 };
 

@@ -50,7 +50,7 @@ void ExactProducts(int m, int n, int k, const float* a, int lda, const float* b,
 // On x86-64 these loops are compiled for AVX-512, AVX2 and the baseline,
 // picked at load time.
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define QZDL_INT8_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
+#define QZDL_INT8_CLONES __attribute__((target_clones("arch=x86-64-v4", "avx2", "default")))
 #else
 #define QZDL_INT8_CLONES
 #endif
