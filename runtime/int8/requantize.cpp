@@ -121,6 +121,24 @@ void RequantizeRow32(const int32_t* acc, int64_t n, int64_t add, const Requantiz
   if (r.saturate || r.use_double) {
     for (int64_t i = 0; i < n; ++i)
       out[i] = Requantize(int32_t(SaturateToInt32(add + acc[i])), r, zero);
+  } else if (r.shift >= 33 && add >= INT32_MIN && add <= INT32_MAX) {
+    // In 32-bit lanes. v = acc + add saturated to int32 (an overflow of
+    // the wrapped sum shows in the signs); with v * m = h * 2^32 + l,
+    // 0 <= l < 2^32 and shift s >= 33, floor((v * m + 2^(s-1)) / 2^s) =
+    // floor((h + 2^(s-33)) / 2^(s-32)): l cannot carry past the
+    // 2^(s-32) step. |h| <= 2^30 and 2^(s-33) <= 2^29, so nothing wraps.
+    const int32_t b = static_cast<int32_t>(add), m = r.multiplier;
+    const int32_t half = int32_t{1} << (r.shift - 33);
+    const int down = r.shift - 32;
+    for (int64_t i = 0; i < n; ++i) {
+      const int32_t a = acc[i];
+      const int32_t sum = static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+      const bool wrapped = ((a ^ sum) & (b ^ sum)) < 0;
+      const int32_t v = wrapped ? (a < 0 ? INT32_MIN : INT32_MAX) : sum;
+      const int32_t h = static_cast<int32_t>((int64_t(v) * m) >> 32);
+      const int32_t q = zero + ((h + half) >> down);
+      out[i] = static_cast<uint8_t>(q < 0 ? 0 : q > 255 ? 255 : q);
+    }
   } else {
     const int64_t m = r.multiplier, round = int64_t{1} << (r.shift - 1);
     const int shift = r.shift;
