@@ -202,13 +202,16 @@ TEST(Requantize, RowsOfInt32SumsGiveTheScalarBits) {
         }
         for (int zero : {0, 77, 255}) {
           for (int64_t n : {int64_t(1), int64_t(15), int64_t(64), int64_t(200)}) {
-            std::vector<uint8_t> got(n);
+            std::vector<uint8_t> got(n), plain(n);
             RequantizeRow32(acc.data(), n, add, r, zero, got.data());
+            RequantizeRow32Plain(acc.data(), n, add, r, zero, plain.data());
             for (int64_t i = 0; i < n; ++i) {
               const int64_t v = std::clamp<int64_t>(add + acc[i], INT32_MIN, INT32_MAX);
-              ASSERT_EQ(got[i], Requantize(static_cast<int32_t>(v), r, zero))
-                  << "real " << real << " add " << add << " acc " << acc[i]
-                  << (use_double ? " double" : "");
+              const uint8_t want = Requantize(static_cast<int32_t>(v), r, zero);
+              ASSERT_EQ(got[i], want) << "real " << real << " add " << add << " acc " << acc[i]
+                                      << (use_double ? " double" : "");
+              ASSERT_EQ(plain[i], want) << "real " << real << " add " << add << " acc "
+                                        << acc[i] << (use_double ? " double" : "");
             }
           }
         }
