@@ -30,8 +30,10 @@ class DepthwiseCodesKernel {
   static constexpr int64_t kMaxTaps = 16384;
   // A convolution with one input channel per group, of at most kMaxTaps taps.
   static bool Fits(const ConvGeometry& g);
-  // Sizes the per-thread buffers for `threads` threads.
-  void Reshape(const ConvGeometry& g, int threads);
+  // Sizes the per-thread buffers for `threads` threads. `intrinsics` false
+  // keeps the portable loops where the CPU would take the AVX-512 ones
+  // (the same bits; for tests).
+  void Reshape(const ConvGeometry& g, int threads, bool intrinsics = true);
   // y = requantized bias + sum (x - x_zero) * (w - zw); w holds the weight
   // codes [out_c][kernel_h * kernel_w]. `table`, when not null, maps every
   // output code (256 entries, one table for all channels).
@@ -44,6 +46,7 @@ class DepthwiseCodesKernel {
     std::vector<int32_t> row, weights;
   };
   ConvGeometry g_;
+  bool intrinsics_ = true;
   int padded_h_ = 0, padded_w_ = 0, sub_h_ = 0, sub_w_ = 0, rows_per_block_ = 1;
   std::vector<int64_t> taps_;  // each tap's offset in the padded plane
   std::vector<Slot> slots_;

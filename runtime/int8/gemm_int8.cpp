@@ -91,6 +91,7 @@ const char* ConvPathName(ConvPath path) {
     case ConvPath::kShiftedGemm: return "u8 x s8 GEMM";
     case ConvPath::kFloatDepthwise: return "float depthwise";
     case ConvPath::kIntegerDepthwise: return "integer depthwise";
+    case ConvPath::kIntegerDepthwisePortable: return "integer depthwise, portable loops";
   }
   return "?";
 }
@@ -102,7 +103,8 @@ bool ConvCodesKernel::CanRun(const ConvGeometry& g, ConvPath path) {
     case ConvPath::kFloatGemm: return true;
     case ConvPath::kShiftedGemm: return !depthwise && k <= kMaxShiftedK && HaveExactU8S8Gemm();
     case ConvPath::kFloatDepthwise: return depthwise && g.KernelArea() <= kExactChunk;
-    case ConvPath::kIntegerDepthwise: return DepthwiseCodesKernel::Fits(g);
+    case ConvPath::kIntegerDepthwise:
+    case ConvPath::kIntegerDepthwisePortable: return DepthwiseCodesKernel::Fits(g);
   }
   return false;
 }
@@ -146,7 +148,8 @@ void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
   slots_.resize(static_cast<size_t>(gemm || depthwise ? threads : 0));
   depthwise_out_.resize(depthwise ? static_cast<size_t>(int64_t(g.batch) * g.out_c * plane) : 0);
   depthwise_scratch_.resize(depthwise ? DepthwiseScratchFloats(g) * slots_.size() : 0);
-  if (path == ConvPath::kIntegerDepthwise) integer_depthwise_.Reshape(g, threads);
+  if (path == ConvPath::kIntegerDepthwise || path == ConvPath::kIntegerDepthwisePortable)
+    integer_depthwise_.Reshape(g, threads, path == ConvPath::kIntegerDepthwise);
   for (Slot& s : slots_) {
     s = Slot();
     if (shifted) {
@@ -180,7 +183,8 @@ ConvCodesKernel::Tile ConvCodesKernel::TileOf(int64_t item) const {
 void ConvCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
                           const ChannelQuantization& q, uint8_t* y) {
   const ConvGeometry& g = g_;
-  if (path_ == ConvPath::kIntegerDepthwise) return integer_depthwise_.Run(x, x_zero, w.codes, q, y);
+  if (path_ == ConvPath::kIntegerDepthwise || path_ == ConvPath::kIntegerDepthwisePortable)
+    return integer_depthwise_.Run(x, x_zero, w.codes, q, y);
   if (path_ == ConvPath::kShiftedGemm) return RunShifted(x, x_zero, w, q, y);
   const float* centred = w.centred;
   CentreCodes(x, static_cast<int64_t>(centred_x_.size()), x_zero, centred_x_.data());

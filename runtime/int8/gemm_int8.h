@@ -88,6 +88,7 @@ enum class ConvPath {
   kShiftedGemm,       // im2col tiles on the u8 x s8 GEMM (HaveExactU8S8Gemm)
   kFloatDepthwise,    // the float depthwise kernel on centred codes (<= 256 taps)
   kIntegerDepthwise,  // DepthwiseCodesKernel (depthwise_int8.h), on every CPU
+  kIntegerDepthwisePortable,  // the same without its AVX-512 loop (for tests)
 };
 const char* ConvPathName(ConvPath path);
 
@@ -107,7 +108,9 @@ class ConvCodesKernel {
   bool Shifted() const { return path_ == ConvPath::kShiftedGemm; }
   // Whether Run reads the weight codes (CodeWeights::codes and code_sum)
   // rather than the centred float weights.
-  bool ReadsCodes() const { return path_ != ConvPath::kFloatGemm && path_ != ConvPath::kFloatDepthwise; }
+  bool ReadsCodes() const {
+    return path_ != ConvPath::kFloatGemm && path_ != ConvPath::kFloatDepthwise;
+  }
   // y = requantized bias + sum (x - x_zero) * (w - zw); the weights are
   // [out_c][in_c / group * kernel_h * kernel_w].
   void Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w, const ChannelQuantization& q,

@@ -53,7 +53,8 @@ ConvGeometry Geometry(int n, int c, int h, int w, int m, int kh, int kw, int s, 
 }
 
 constexpr ConvPath kAllPaths[] = {ConvPath::kFloatGemm, ConvPath::kShiftedGemm,
-                                   ConvPath::kFloatDepthwise, ConvPath::kIntegerDepthwise};
+                                   ConvPath::kFloatDepthwise, ConvPath::kIntegerDepthwise,
+                                   ConvPath::kIntegerDepthwisePortable};
 
 // Every path that can run the shape here against the reference, with the
 // channels of `make_q` (both multiplier modes).
