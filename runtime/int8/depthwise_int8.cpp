@@ -18,14 +18,23 @@
 #define QZDL_DW_CLONES
 #endif
 
+// The sums below write a buffer that no tap reads.
+#if defined(__GNUC__) && !defined(__clang__)
+#define QZDL_IVDEP _Pragma("GCC ivdep")
+#else
+#define QZDL_IVDEP
+#endif
+
 namespace qzdl {
 
 namespace {
 
 #if defined(__x86_64__) && defined(__GNUC__)
 // GCC 12 warns about the undefined vectors its own intrinsics start from.
+#if !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 // acc[i] = start + sum_t w[t] * src[t][i] for 9 taps, 16 positions per
 // step: codes widened to int32, products and sums in int32 (exact: see the
 // header).
@@ -49,7 +58,9 @@ __attribute__((target("avx512f"))) void Sums9Avx512(const uint8_t* const* src, c
     acc[i] = a;
   }
 }
+#if !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
 
 bool HaveAvx512F() {
   static const bool have = __builtin_cpu_supports("avx512f");
@@ -145,7 +156,7 @@ void DepthwisePlane(const PlaneJob& j) {
       const uint8_t* c2 = base + j.taps[8];
       const int32_t w0 = j.w[0], w1 = j.w[1], w2 = j.w[2], w3 = j.w[3], w4 = j.w[4],
                     w5 = j.w[5], w6 = j.w[6], w7 = j.w[7], w8 = j.w[8], s = j.start;
-#pragma GCC ivdep
+QZDL_IVDEP
       for (int64_t i = 0; i < count; ++i) {
         acc[i] = s + w0 * int32_t(a0[i]) + w1 * int32_t(a1[i]) + w2 * int32_t(a2[i]) +
                  w3 * int32_t(b0[i]) + w4 * int32_t(b1[i]) + w5 * int32_t(b2[i]) +
@@ -154,12 +165,12 @@ void DepthwisePlane(const PlaneJob& j) {
       return;
     }
     const int32_t s = j.start;
-#pragma GCC ivdep
+QZDL_IVDEP
     for (int64_t i = 0; i < count; ++i) acc[i] = s;
     for (int t = 0; t < kh * kw; ++t) {
       const uint8_t* from = base + j.taps[t];
       const int32_t wt = j.w[t];
-#pragma GCC ivdep
+QZDL_IVDEP
       for (int64_t i = 0; i < count; ++i) acc[i] += wt * int32_t(from[i]);
     }
   };

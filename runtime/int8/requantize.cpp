@@ -159,8 +159,10 @@ namespace {
 
 #if defined(QZDL_HAVE_AVX512_ROW)
 // GCC 12 warns about the undefined vectors its own intrinsics start from.
+#if !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 // The 32-bit lane loop of RequantizeRow32Plain (shift >= 33, add in the
 // int32 range) on 16 codes per step: the high halves of the products of
 // the even and the odd lanes, merged.
@@ -189,7 +191,9 @@ __attribute__((target("avx512f,avx512bw,avx512dq"))) void Row32Avx512(
     _mm512_mask_cvtepi32_storeu_epi8(out + i, k, q);
   }
 }
+#if !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
 
 bool HaveAvx512Row() {
   static const bool have = __builtin_cpu_supports("avx512f") &&
