@@ -13,13 +13,26 @@ namespace qzdl {
 
 namespace {
 
+// On x86-64 these loops are compiled for AVX-512, AVX2 and the baseline,
+// picked at load time.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define QZDL_INT8_CLONES __attribute__((target_clones("arch=x86-64-v4", "avx2", "default")))
+#else
+#define QZDL_INT8_CLONES
+#endif
+
 int32_t SaturateToInt32(int64_t v) {
   return static_cast<int32_t>(v < INT32_MIN ? INT32_MIN : v > INT32_MAX ? INT32_MAX : v);
 }
 
+QZDL_INT8_CLONES
+void CentreRun(const uint8_t* x, int64_t n, int32_t zero, float* out) {
+  for (int64_t i = 0; i < n; ++i) out[i] = static_cast<float>(int32_t(x[i]) - zero);
+}
+
 void CentreCodes(const uint8_t* x, int64_t n, int32_t zero, float* out) {
   ParallelFor(n, [=](int64_t begin, int64_t end) {
-    for (int64_t i = begin; i < end; ++i) out[i] = static_cast<float>(int32_t(x[i]) - zero);
+    CentreRun(x + begin, end - begin, zero, out + begin);
   });
 }
 
@@ -47,13 +60,6 @@ void ExactProducts(int m, int n, int k, const float* a, int lda, const float* b,
   }
 }
 
-// On x86-64 these loops are compiled for AVX-512, AVX2 and the baseline,
-// picked at load time.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define QZDL_INT8_CLONES __attribute__((target_clones("arch=x86-64-v4", "avx2", "default")))
-#else
-#define QZDL_INT8_CLONES
-#endif
 
 // dst (k rows of np) = the codes of src (row stride ld) minus 128 as int8
 // (a flip of the top bit), and colsum[p] the sum of column p of dst. src
@@ -81,7 +87,33 @@ void CombineRow(int32_t* row, const int32_t* colsum, int np, uint32_t zw, uint32
 }
 
 // The reduction length below which every exact sum of a window fits int32.
-constexpr int kMaxInt32ShiftedK = 33025;
+constexpr int kMaxInt32K = 33025;
+
+// s[j] (+)= the integer p[j] for a row of exact float chunk sums.
+QZDL_INT8_CLONES
+void AddChunkRow(const float* p, int n, bool first, int32_t* s) {
+  if (first) {
+    for (int j = 0; j < n; ++j) s[j] = static_cast<int32_t>(p[j]);
+  } else {
+    for (int j = 0; j < n; ++j) s[j] += static_cast<int32_t>(p[j]);
+  }
+}
+
+// ExactProducts into int32 sums, for k <= kMaxInt32K: every chunk
+// sum and every partial sum of chunks lies within 65025 * k < 2^31.
+void ExactProducts32(int m, int n, int k, const float* a, int lda, const float* b, int ldb,
+                     float* product, int32_t* acc, int ldc) {
+  for (int k0 = 0; k0 < k; k0 += kExactChunk) {
+    const int kc = std::min(kExactChunk, k - k0);
+    SgemmTile(false, false, m, n, kc, 1.0f, a + k0, lda, b + int64_t(k0) * ldb, ldb, 0.0f,
+              product, ldc);
+    for (int r = 0; r < m; ++r)
+      AddChunkRow(product + int64_t(r) * ldc, n, k0 == 0, acc + int64_t(r) * ldc);
+  }
+  if (k == 0) {
+    for (int r = 0; r < m; ++r) std::fill(acc + int64_t(r) * ldc, acc + int64_t(r) * ldc + n, 0);
+  }
+}
 
 }  // namespace
 
@@ -165,7 +197,12 @@ void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
     }
     s.col.resize(pointwise_ ? 0 : static_cast<size_t>(k * tile_));
     s.product.resize(static_cast<size_t>(int64_t(g.OutPerGroup()) * tile_));
-    s.acc.resize(static_cast<size_t>(int64_t(g.OutPerGroup()) * tile_));
+    const size_t sums = static_cast<size_t>(int64_t(g.OutPerGroup()) * tile_);
+    if (k <= kMaxInt32K) {
+      s.c32.resize(sums);
+    } else {
+      s.acc.resize(sums);
+    }
   }
 }
 
@@ -211,6 +248,16 @@ void ConvCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w
         b = s.col.data();
         ldb = np;
       }
+      if (k <= kMaxInt32K) {
+        ExactProducts32(cout_g, np, k, centred + int64_t(grp) * cout_g * k, k, b, ldb,
+                        s.product.data(), s.c32.data(), np);
+        for (int m = 0; m < cout_g; ++m) {
+          const int o = grp * cout_g + m;
+          RequantizeRow32(s.c32.data() + int64_t(m) * np, np, q.bias[o], q.requantizer[o],
+                          q.output_zero, y + (int64_t(n) * g.out_c + o) * plane + p0);
+        }
+        return;
+      }
       ExactProducts(cout_g, np, k, centred + int64_t(grp) * cout_g * k, k, b, ldb, false,
                     s.product.data(), s.acc.data(), np);
       for (int m = 0; m < cout_g; ++m) {
@@ -254,7 +301,7 @@ void ConvCodesKernel::RunShifted(const uint8_t* x, int32_t x_zero, const CodeWei
       }
       U8S8GemmTile(false, false, cout_g, np, k, w.codes + int64_t(grp) * cout_g * k, k, b,
                    static_cast<int>(ldb), s.c32.data(), np);
-      if (k <= kMaxInt32ShiftedK) {
+      if (k <= kMaxInt32K) {
         // The sum of each position fits int32 (|sum| <= 65025 * k < 2^31):
         // taken modulo 2^32 from the GEMM's terms, it is exact.
         for (int m = 0; m < cout_g; ++m) {
