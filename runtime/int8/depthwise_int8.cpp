@@ -79,7 +79,7 @@ bool HaveAvx512F() {
 // at the sub_w - out_w positions between rows are computed and dropped).
 struct PlaneJob {
   const ConvGeometry* g;
-  int sub_h, sub_w, padded_h, padded_w;
+  int sub_h, sub_w;
   int rows_per_block;  // output rows per block of sums
   bool intrinsics;     // whether the AVX-512 loop may run
   const int64_t* taps;  // each tap's offset in the padded plane
@@ -243,8 +243,6 @@ void DepthwiseCodesKernel::Run(const uint8_t* x, int32_t x_zero, const uint8_t* 
     j.g = &g;
     j.sub_h = sub_h_;
     j.sub_w = sub_w_;
-    j.padded_h = padded_h_;
-    j.padded_w = padded_w_;
     j.rows_per_block = rows_per_block_;
     j.intrinsics = intrinsics_;
     j.taps = taps_.data();

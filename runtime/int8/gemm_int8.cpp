@@ -60,7 +60,6 @@ void ExactProducts(int m, int n, int k, const float* a, int lda, const float* b,
   }
 }
 
-
 // dst (k rows of np) = the codes of src (row stride ld) minus 128 as int8
 // (a flip of the top bit), and colsum[p] the sum of column p of dst. src
 // may be dst (ld == np).
