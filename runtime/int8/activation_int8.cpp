@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "runtime/int8/grid.h"
+#include "runtime/int8/lookup_table.h"
 #include "runtime/kernels/parallel.h"
 #include "runtime/layer_registry.h"
 #include "runtime/layers/activation.h"
@@ -70,7 +71,7 @@ void TableInt8Layer::RunCodes() {
       [=](int64_t begin, int64_t end) {
         for (int64_t p = begin; p < end; ++p) {
           const uint8_t* tp = table + (p % rows) * 256;
-          for (int64_t i = 0; i < inner; ++i) y[p * inner + i] = tp[x[p * inner + i]];
+          LookupCodes(tp, x + p * inner, y + p * inner, inner);
         }
       },
       std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(inner, 1)));

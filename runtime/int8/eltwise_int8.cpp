@@ -1,5 +1,6 @@
 #include "runtime/int8/eltwise_int8.h"
 
+#include "runtime/kernels/parallel.h"
 #include "runtime/layers/eltwise.h"
 
 namespace qzdl {
@@ -9,7 +10,35 @@ namespace {
 using EltwiseOp = EltwiseLayer<float>::Op;
 using BroadcastOp = BroadcastOpLayer<float>::Op;
 
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+__attribute__((target_clones("arch=x86-64-v4", "avx2", "default")))
+#endif
+void Sum2(const uint8_t* a, const uint8_t* b, int32_t za, int32_t zb, int64_t ma, int64_t mb,
+          int shift, int32_t zero, int64_t n, uint8_t* y) {
+  const int64_t half = int64_t{1} << (shift - 1);
+  for (int64_t i = 0; i < n; ++i) {
+    const int64_t acc = int64_t(int32_t(a[i]) - za) * ma + int64_t(int32_t(b[i]) - zb) * mb;
+    const int64_t v = zero + ((acc + half) >> shift);
+    y[i] = static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v);
+  }
+}
+
 }  // namespace
+
+void EltwiseSumU8(const std::vector<const uint8_t*>& x, const std::vector<CodeGrid>& inputs,
+                  const SumQuantization& q, int64_t count, uint8_t* y) {
+  if (q.use_double || x.size() != 2) {
+    ReferenceEltwiseSumU8(x, inputs, q, count, y);
+    return;
+  }
+  const uint8_t* a = x[0];
+  const uint8_t* b = x[1];
+  const int32_t za = inputs[0].zero, zb = inputs[1].zero;
+  const int64_t ma = q.multiplier[0], mb = q.multiplier[1];
+  ParallelFor(count, [&](int64_t begin, int64_t end) {
+    Sum2(a + begin, b + begin, za, zb, ma, mb, q.shift, q.output_zero, end - begin, y + begin);
+  });
+}
 
 // ---- Eltwise --------------------------------------------------------------
 
@@ -56,7 +85,7 @@ void EltwiseInt8Layer::RunCodes() {
   const int64_t count = GetOutputs()[0]->Count(0);
   switch (twin->Operation()) {
     case EltwiseOp::kSum:
-      ReferenceEltwiseSumU8(sources_, grids_, sum_, count, y);
+      EltwiseSumU8(sources_, grids_, sum_, count, y);
       break;
     case EltwiseOp::kProd:
       ReferenceEltwiseProdU8(sources_, grids_, product_, output_zero_, count, y);

@@ -13,6 +13,12 @@
 namespace qzdl {
 
 // "Eltwise": sum (with coefficients), prod or max of N inputs of one shape.
+// The same bits as ReferenceEltwiseSumU8, split over threads: two inputs in
+// the fixed-point mode run a vectorized loop (the same int64 sums and
+// rounding), everything else the reference loop.
+void EltwiseSumU8(const std::vector<const uint8_t*>& x, const std::vector<CodeGrid>& inputs,
+                  const SumQuantization& q, int64_t count, uint8_t* y);
+
 class EltwiseInt8Layer : public Int8Layer {
  public:
   void Reshape() override;

@@ -13,13 +13,26 @@ namespace qzdl {
 
 namespace {
 
+// On x86-64 these loops are compiled for AVX-512, AVX2 and the baseline,
+// picked at load time.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define QZDL_INT8_CLONES __attribute__((target_clones("arch=x86-64-v4", "avx2", "default")))
+#else
+#define QZDL_INT8_CLONES
+#endif
+
 int32_t SaturateToInt32(int64_t v) {
   return static_cast<int32_t>(v < INT32_MIN ? INT32_MIN : v > INT32_MAX ? INT32_MAX : v);
 }
 
+QZDL_INT8_CLONES
+void CentreRun(const uint8_t* x, int64_t n, int32_t zero, float* out) {
+  for (int64_t i = 0; i < n; ++i) out[i] = static_cast<float>(int32_t(x[i]) - zero);
+}
+
 void CentreCodes(const uint8_t* x, int64_t n, int32_t zero, float* out) {
   ParallelFor(n, [=](int64_t begin, int64_t end) {
-    for (int64_t i = begin; i < end; ++i) out[i] = static_cast<float>(int32_t(x[i]) - zero);
+    CentreRun(x + begin, end - begin, zero, out + begin);
   });
 }
 
@@ -47,43 +60,148 @@ void ExactProducts(int m, int n, int k, const float* a, int lda, const float* b,
   }
 }
 
+// dst (k rows of np) = the codes of src (row stride ld) minus 128 as int8
+// (a flip of the top bit), and colsum[p] the sum of column p of dst. src
+// may be dst (ld == np).
+QZDL_INT8_CLONES
+void ShiftAndSum(const uint8_t* src, int64_t ld, int k, int np, int8_t* dst, int32_t* colsum) {
+  std::fill(colsum, colsum + np, 0);
+  for (int r = 0; r < k; ++r) {
+    const uint8_t* from = src + r * ld;
+    int8_t* to = dst + int64_t(r) * np;
+    for (int p = 0; p < np; ++p) {
+      const int32_t v = int32_t(from[p]) - 128;
+      to[p] = static_cast<int8_t>(v);
+      colsum[p] += v;
+    }
+  }
+}
+
+// row[p] = row[p] - zw * colsum[p] + add, modulo 2^32.
+QZDL_INT8_CLONES
+void CombineRow(int32_t* row, const int32_t* colsum, int np, uint32_t zw, uint32_t add) {
+  for (int p = 0; p < np; ++p)
+    row[p] = static_cast<int32_t>(static_cast<uint32_t>(row[p]) -
+                                  zw * static_cast<uint32_t>(colsum[p]) + add);
+}
+
+// The reduction length below which every exact sum of a window fits int32.
+constexpr int kMaxInt32K = 33025;
+
+// s[j] (+)= the integer p[j] for a row of exact float chunk sums.
+QZDL_INT8_CLONES
+void AddChunkRow(const float* p, int n, bool first, int32_t* s) {
+  if (first) {
+    for (int j = 0; j < n; ++j) s[j] = static_cast<int32_t>(p[j]);
+  } else {
+    for (int j = 0; j < n; ++j) s[j] += static_cast<int32_t>(p[j]);
+  }
+}
+
+// ExactProducts into int32 sums, for k <= kMaxInt32K: every chunk
+// sum and every partial sum of chunks lies within 65025 * k < 2^31.
+void ExactProducts32(int m, int n, int k, const float* a, int lda, const float* b, int ldb,
+                     float* product, int32_t* acc, int ldc) {
+  for (int k0 = 0; k0 < k; k0 += kExactChunk) {
+    const int kc = std::min(kExactChunk, k - k0);
+    SgemmTile(false, false, m, n, kc, 1.0f, a + k0, lda, b + int64_t(k0) * ldb, ldb, 0.0f,
+              product, ldc);
+    for (int r = 0; r < m; ++r)
+      AddChunkRow(product + int64_t(r) * ldc, n, k0 == 0, acc + int64_t(r) * ldc);
+  }
+  if (k == 0) {
+    for (int r = 0; r < m; ++r) std::fill(acc + int64_t(r) * ldc, acc + int64_t(r) * ldc + n, 0);
+  }
+}
+
 }  // namespace
 
-void ConvCodesKernel::Reshape(const ConvGeometry& g, bool allow_shifted) {
-  g_ = g;
+const char* ConvPathName(ConvPath path) {
+  switch (path) {
+    case ConvPath::kFloatGemm: return "float GEMM";
+    case ConvPath::kShiftedGemm: return "u8 x s8 GEMM";
+    case ConvPath::kFloatDepthwise: return "float depthwise";
+    case ConvPath::kIntegerDepthwise: return "integer depthwise";
+    case ConvPath::kIntegerDepthwisePortable: return "integer depthwise, portable loops";
+  }
+  return "?";
+}
+
+bool ConvCodesKernel::CanRun(const ConvGeometry& g, ConvPath path) {
   const int64_t k = int64_t(g.InPerGroup()) * g.KernelArea();
-  depthwise_ = g.InPerGroup() == 1 && g.OutPerGroup() == 1 && g.KernelArea() <= kExactChunk;
+  const bool depthwise = g.InPerGroup() == 1 && g.OutPerGroup() == 1;
+  switch (path) {
+    case ConvPath::kFloatGemm: return true;
+    case ConvPath::kShiftedGemm: return !depthwise && k <= kMaxShiftedK && HaveExactU8S8Gemm();
+    case ConvPath::kFloatDepthwise: return depthwise && g.KernelArea() <= kExactChunk;
+    case ConvPath::kIntegerDepthwise:
+    case ConvPath::kIntegerDepthwisePortable: return DepthwiseCodesKernel::Fits(g);
+  }
+  return false;
+}
+
+void ConvCodesKernel::Reshape(const ConvGeometry& g, bool allow_shifted) {
+  ConvPath path = ConvPath::kFloatGemm;
+  if (CanRun(g, ConvPath::kIntegerDepthwise)) {
+    path = ConvPath::kIntegerDepthwise;
+  } else if (CanRun(g, ConvPath::kFloatDepthwise)) {
+    path = ConvPath::kFloatDepthwise;
+  } else if (allow_shifted && CanRun(g, ConvPath::kShiftedGemm)) {
+    path = ConvPath::kShiftedGemm;
+  }
+  Setup(g, path);
+}
+
+bool ConvCodesKernel::ReshapeFor(const ConvGeometry& g, ConvPath path) {
+  if (!CanRun(g, path)) return false;
+  Setup(g, path);
+  return true;
+}
+
+void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
+  g_ = g;
+  path_ = path;
+  const int64_t k = int64_t(g.InPerGroup()) * g.KernelArea();
+  const bool depthwise = path == ConvPath::kFloatDepthwise;
+  const bool shifted = path == ConvPath::kShiftedGemm;
+  const bool gemm = path == ConvPath::kFloatGemm || shifted;
   pointwise_ = g.kernel_h == 1 && g.kernel_w == 1 && g.stride_h == 1 && g.stride_w == 1 &&
                g.pad_top == 0 && g.pad_bottom == 0 && g.pad_left == 0 && g.pad_right == 0;
-  shifted_ = allow_shifted && !depthwise_ && k <= kMaxShiftedK && HaveExactU8S8Gemm();
   const int64_t plane = g.OutPlane();
   // A tile of output positions whose patches take about 1 MB.
   int64_t tile =
       std::max<int64_t>(32, std::min<int64_t>(1024, (int64_t(1) << 18) / std::max<int64_t>(k, 1)));
   tile_ = static_cast<int>(std::max<int64_t>(1, std::min(tile, plane)));
   const size_t inputs = static_cast<size_t>(int64_t(g.batch) * g.in_c * g.InPlane());
-  centred_x_.resize(shifted_ ? 0 : inputs);
-  shifted_x_.resize(shifted_ ? inputs : 0);
-  slots_.resize(static_cast<size_t>(std::max(1, ParallelThreads())));
-  depthwise_out_.resize(depthwise_ ? static_cast<size_t>(int64_t(g.batch) * g.out_c * plane) : 0);
-  depthwise_scratch_.resize(depthwise_ ? DepthwiseScratchFloats(g) * slots_.size() : 0);
+  const bool centres = path == ConvPath::kFloatGemm || depthwise;
+  centred_x_.resize(centres ? inputs : 0);
+  const int threads = std::max(1, ParallelThreads());
+  slots_.resize(static_cast<size_t>(gemm || depthwise ? threads : 0));
+  depthwise_out_.resize(depthwise ? static_cast<size_t>(int64_t(g.batch) * g.out_c * plane) : 0);
+  depthwise_scratch_.resize(depthwise ? DepthwiseScratchFloats(g) * slots_.size() : 0);
+  if (path == ConvPath::kIntegerDepthwise || path == ConvPath::kIntegerDepthwisePortable)
+    integer_depthwise_.Reshape(g, threads, path == ConvPath::kIntegerDepthwise);
   for (Slot& s : slots_) {
-    if (shifted_) {
-      s.col8.resize(pointwise_ ? 0 : static_cast<size_t>(k * tile_));
+    s = Slot();
+    if (shifted) {
+      s.col8.resize(static_cast<size_t>(k * tile_));
       s.c32.resize(static_cast<size_t>(int64_t(g.OutPerGroup()) * tile_));
       s.colsum.resize(static_cast<size_t>(tile_));
       s.acc.resize(static_cast<size_t>(tile_));
-      s.col.clear(), s.product.clear();
       continue;
     }
-    if (depthwise_) {
+    if (depthwise) {
       s.acc.resize(static_cast<size_t>(plane));
-      s.col.clear(), s.product.clear();
       continue;
     }
     s.col.resize(pointwise_ ? 0 : static_cast<size_t>(k * tile_));
     s.product.resize(static_cast<size_t>(int64_t(g.OutPerGroup()) * tile_));
-    s.acc.resize(static_cast<size_t>(int64_t(g.OutPerGroup()) * tile_));
+    const size_t sums = static_cast<size_t>(int64_t(g.OutPerGroup()) * tile_);
+    if (k <= kMaxInt32K) {
+      s.c32.resize(sums);
+    } else {
+      s.acc.resize(sums);
+    }
   }
 }
 
@@ -101,10 +219,12 @@ ConvCodesKernel::Tile ConvCodesKernel::TileOf(int64_t item) const {
 void ConvCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
                           const ChannelQuantization& q, uint8_t* y) {
   const ConvGeometry& g = g_;
-  if (shifted_) return RunShifted(x, x_zero, w, q, y);
+  if (path_ == ConvPath::kIntegerDepthwise || path_ == ConvPath::kIntegerDepthwisePortable)
+    return integer_depthwise_.Run(x, x_zero, w.codes, q, y);
+  if (path_ == ConvPath::kShiftedGemm) return RunShifted(x, x_zero, w, q, y);
   const float* centred = w.centred;
   CentreCodes(x, static_cast<int64_t>(centred_x_.size()), x_zero, centred_x_.data());
-  if (depthwise_) return RunDepthwise(centred, q, y);
+  if (path_ == ConvPath::kFloatDepthwise) return RunDepthwise(centred, q, y);
   const int cin_g = g.InPerGroup(), cout_g = g.OutPerGroup();
   const int k = static_cast<int>(int64_t(cin_g) * g.KernelArea());
   const int64_t plane = g.OutPlane(), in_plane = g.InPlane();
@@ -127,6 +247,16 @@ void ConvCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w
         b = s.col.data();
         ldb = np;
       }
+      if (k <= kMaxInt32K) {
+        ExactProducts32(cout_g, np, k, centred + int64_t(grp) * cout_g * k, k, b, ldb,
+                        s.product.data(), s.c32.data(), np);
+        for (int m = 0; m < cout_g; ++m) {
+          const int o = grp * cout_g + m;
+          RequantizeRow32(s.c32.data() + int64_t(m) * np, np, q.bias[o], q.requantizer[o],
+                          q.output_zero, y + (int64_t(n) * g.out_c + o) * plane + p0);
+        }
+        return;
+      }
       ExactProducts(cout_g, np, k, centred + int64_t(grp) * cout_g * k, k, b, ldb, false,
                     s.product.data(), s.acc.data(), np);
       for (int m = 0; m < cout_g; ++m) {
@@ -148,11 +278,6 @@ void ConvCodesKernel::RunShifted(const uint8_t* x, int32_t x_zero, const CodeWei
   const int64_t plane = g.OutPlane(), in_plane = g.InPlane();
   const int64_t tiles = (plane + tile_ - 1) / tile_;
   const int64_t items = int64_t(g.batch) * g.group * tiles;
-  int8_t* xs = shifted_x_.data();
-  ParallelFor(static_cast<int64_t>(shifted_x_.size()), [=](int64_t begin, int64_t end) {
-    for (int64_t i = begin; i < end; ++i) xs[i] = static_cast<int8_t>(int32_t(x[i]) - 128);
-  });
-  const int8_t pad = static_cast<int8_t>(x_zero - 128);
   const int64_t c = 128 - x_zero;
   ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
     Slot& s = slots_[slot];
@@ -160,26 +285,35 @@ void ConvCodesKernel::RunShifted(const uint8_t* x, int32_t x_zero, const CodeWei
       const Tile tile = TileOf(item);
       const int n = tile.n, grp = tile.group, np = tile.count;
       const int64_t p0 = tile.first;
-      const int8_t* xg = xs + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * in_plane;
-      const int8_t* b;
-      int64_t ldb;
-      if (pointwise_) {
-        b = xg + p0;
-        ldb = in_plane;
-      } else {
-        Im2colTileOf<int8_t>(g, xg, p0, np, pad, s.col8.data());
-        b = s.col8.data();
-        ldb = np;
-      }
-      // Sums of the shifted patches over the window, per position.
+      const uint8_t* xg = x + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * in_plane;
+      // The tile's patches (padding: the input zero point, real zero),
+      // shifted to x - 128 as int8, and their sums per position.
+      int8_t* b = s.col8.data();
+      const int ldb = np;
       int32_t* colsum = s.colsum.data();
-      std::fill(colsum, colsum + np, 0);
-      for (int r = 0; r < k; ++r) {
-        const int8_t* row = b + r * ldb;
-        for (int p = 0; p < np; ++p) colsum[p] += row[p];
+      if (pointwise_) {
+        ShiftAndSum(xg + p0, in_plane, k, np, b, colsum);
+      } else {
+        uint8_t* col = reinterpret_cast<uint8_t*>(b);
+        Im2colTileOf<uint8_t>(g, xg, p0, np, static_cast<uint8_t>(x_zero), col);
+        ShiftAndSum(col, np, k, np, b, colsum);
       }
       U8S8GemmTile(false, false, cout_g, np, k, w.codes + int64_t(grp) * cout_g * k, k, b,
                    static_cast<int>(ldb), s.c32.data(), np);
+      if (k <= kMaxInt32K) {
+        // The sum of each position fits int32 (|sum| <= 65025 * k < 2^31):
+        // taken modulo 2^32 from the GEMM's terms, it is exact.
+        for (int m = 0; m < cout_g; ++m) {
+          const int o = grp * cout_g + m;
+          const int64_t zw = q.weight_zero[o];
+          const int64_t fixed = c * w.code_sum[o] - c * zw * k;
+          int32_t* row = s.c32.data() + int64_t(m) * np;
+          CombineRow(row, colsum, np, static_cast<uint32_t>(zw), static_cast<uint32_t>(fixed));
+          RequantizeRow32(row, np, q.bias[o], q.requantizer[o], q.output_zero,
+                          y + (int64_t(n) * g.out_c + o) * plane + p0);
+        }
+        return;
+      }
       for (int m = 0; m < cout_g; ++m) {
         const int o = grp * cout_g + m;
         const int64_t zw = q.weight_zero[o];

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "runtime/int8/depthwise_int8.h"
 #include "runtime/int8/reference.h"
 #include "runtime/kernels/conv_geometry.h"
 
@@ -80,16 +81,36 @@ struct CodeWeights {
 // GEMM cannot overflow while K <= kMaxShiftedK.
 constexpr int64_t kMaxShiftedK = 65536;
 
+// How a convolution on codes runs (every path gives the reference kernel's
+// bits; Reshape picks the fastest one that is exact on this CPU):
+enum class ConvPath {
+  kFloatGemm,         // im2col tiles times centred float weights, exact chunks
+  kShiftedGemm,       // im2col tiles on the u8 x s8 GEMM (HaveExactU8S8Gemm)
+  kFloatDepthwise,    // the float depthwise kernel on centred codes (<= 256 taps)
+  kIntegerDepthwise,  // DepthwiseCodesKernel (depthwise_int8.h), on every CPU
+  kIntegerDepthwisePortable,  // the same without its AVX-512 loop (for tests)
+};
+const char* ConvPathName(ConvPath path);
+
 // Convolution on codes. Reshape sizes every buffer, so Run allocates nothing.
 class ConvCodesKernel {
  public:
   // `allow_shifted` false keeps the float GEMM path even where the u8 x s8
   // one would run (both give the same bits; tests compare them).
   void Reshape(const ConvGeometry& g, bool allow_shifted = true);
+  // Sets up `path` alone; false (and nothing set up) where it cannot run
+  // exactly for this shape on this CPU. For tests and measurements.
+  bool ReshapeFor(const ConvGeometry& g, ConvPath path);
+  ConvPath Path() const { return path_; }
   // Whether Run takes the u8 x s8 GEMM (reading the weight codes and their
   // row sums) or the float one (reading centred weights); settled by Reshape
   // from the shape and the CPU.
-  bool Shifted() const { return shifted_; }
+  bool Shifted() const { return path_ == ConvPath::kShiftedGemm; }
+  // Whether Run reads the weight codes (CodeWeights::codes and code_sum)
+  // rather than the centred float weights.
+  bool ReadsCodes() const {
+    return path_ != ConvPath::kFloatGemm && path_ != ConvPath::kFloatDepthwise;
+  }
   // y = requantized bias + sum (x - x_zero) * (w - zw); the weights are
   // [out_c][in_c / group * kernel_h * kernel_w].
   void Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w, const ChannelQuantization& q,
@@ -107,18 +128,21 @@ class ConvCodesKernel {
     int n = 0, group = 0, count = 0;
     int64_t first = 0;
   };
+  static bool CanRun(const ConvGeometry& g, ConvPath path);
+  void Setup(const ConvGeometry& g, ConvPath path);
   Tile TileOf(int64_t item) const;
   void RunDepthwise(const float* centred, const ChannelQuantization& q, uint8_t* y);
   void RunShifted(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
                   const ChannelQuantization& q, uint8_t* y);
 
   ConvGeometry g_;
-  bool depthwise_ = false, pointwise_ = false, shifted_ = false;
+  ConvPath path_ = ConvPath::kFloatGemm;
+  bool pointwise_ = false;
   int tile_ = 1;
   std::vector<float> centred_x_;
-  std::vector<int8_t> shifted_x_;
   std::vector<float> depthwise_out_, depthwise_scratch_;
   std::vector<Slot> slots_;
+  DepthwiseCodesKernel integer_depthwise_;
 };
 
 // Inner product on codes: y[n][o] from x [batch][k_dim] and weights

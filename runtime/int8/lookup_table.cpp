@@ -1,5 +1,10 @@
 #include "runtime/int8/lookup_table.h"
 
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#define QZDL_HAVE_VBMI_LOOKUP 1
+#endif
+
 #include "runtime/int8/grid.h"
 #include "runtime/kernels/parallel.h"
 
@@ -19,9 +24,52 @@ void ApplyCodeTable(const CodeTable& table, const uint8_t* x, uint8_t* y, int64_
   ApplyCodeTable(table.data(), x, y, count);
 }
 
+namespace {
+
+#if defined(QZDL_HAVE_VBMI_LOOKUP)
+// Four 64-entry quarters of the table; two-source byte permutes take 128
+// entries by the low 7 bits of each code, and the top bit picks the half.
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) void LookupVbmi(const uint8_t* table,
+                                                                     const uint8_t* x, uint8_t* y,
+                                                                     int64_t count) {
+  const __m512i t0 = _mm512_loadu_si512(table), t1 = _mm512_loadu_si512(table + 64);
+  const __m512i t2 = _mm512_loadu_si512(table + 128), t3 = _mm512_loadu_si512(table + 192);
+  int64_t i = 0;
+  for (; i + 64 <= count; i += 64) {
+    const __m512i c = _mm512_loadu_si512(x + i);
+    const __m512i lo = _mm512_permutex2var_epi8(t0, c, t1);
+    const __m512i hi = _mm512_permutex2var_epi8(t2, c, t3);
+    _mm512_storeu_si512(y + i, _mm512_mask_blend_epi8(_mm512_movepi8_mask(c), lo, hi));
+  }
+  if (i < count) {
+    const __mmask64 m = ~uint64_t{0} >> (64 - (count - i));
+    const __m512i c = _mm512_maskz_loadu_epi8(m, x + i);
+    const __m512i lo = _mm512_permutex2var_epi8(t0, c, t1);
+    const __m512i hi = _mm512_permutex2var_epi8(t2, c, t3);
+    _mm512_mask_storeu_epi8(y + i, m, _mm512_mask_blend_epi8(_mm512_movepi8_mask(c), lo, hi));
+  }
+}
+
+bool HaveVbmi() {
+  static const bool have = __builtin_cpu_supports("avx512vbmi") &&
+                           __builtin_cpu_supports("avx512bw") &&
+                           __builtin_cpu_supports("avx512f");
+  return have;
+}
+#endif
+
+}  // namespace
+
+void LookupCodes(const uint8_t* table, const uint8_t* x, uint8_t* y, int64_t count) {
+#if defined(QZDL_HAVE_VBMI_LOOKUP)
+  if (HaveVbmi()) return LookupVbmi(table, x, y, count);
+#endif
+  for (int64_t i = 0; i < count; ++i) y[i] = table[x[i]];
+}
+
 void ApplyCodeTable(const uint8_t* table, const uint8_t* x, uint8_t* y, int64_t count) {
   ParallelFor(count, [&](int64_t begin, int64_t end) {
-    for (int64_t i = begin; i < end; ++i) y[i] = table[x[i]];
+    LookupCodes(table, x + begin, y + begin, end - begin);
   });
 }
 

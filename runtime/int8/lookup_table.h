@@ -22,4 +22,10 @@ void ApplyCodeTable(const CodeTable& table, const uint8_t* x, uint8_t* y, int64_
 // The same with the 256 entries at `table`.
 void ApplyCodeTable(const uint8_t* table, const uint8_t* x, uint8_t* y, int64_t count);
 
+// y[i] = table[x[i]] on the calling thread (x and y may be the same
+// buffer): 64 codes per step with byte permutes where the CPU has them
+// (AVX-512 VBMI, checked at run time), one load per code elsewhere. The
+// same bits either way.
+void LookupCodes(const uint8_t* table, const uint8_t* x, uint8_t* y, int64_t count);
+
 }  // namespace qzdl

@@ -4,6 +4,13 @@
 #include <cmath>
 #include <cstdint>
 
+#include "runtime/int8/lookup_table.h"
+
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#define QZDL_HAVE_AVX512_ROW 1
+#endif
+
 namespace qzdl {
 
 Requantizer MakeRequantizer(double real, bool use_double) {
@@ -109,6 +116,106 @@ void RequantizeRow(const int64_t* acc, int64_t n, const Requantizer& r, int32_t 
     const int64_t v = SaturateToInt32(acc[i]);
     out[i] = ClampCode(zero + ((v * m + round) >> shift));
   }
+}
+
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+__attribute__((target_clones("arch=x86-64-v4", "avx2", "default")))
+#endif
+void RequantizeRow32Plain(const int32_t* acc, int64_t n, int64_t add, const Requantizer& r,
+                          int32_t zero, uint8_t* out, const uint8_t* table) {
+  if (r.saturate || r.use_double) {
+    for (int64_t i = 0; i < n; ++i)
+      out[i] = Requantize(int32_t(SaturateToInt32(add + acc[i])), r, zero);
+  } else if (r.shift >= 33 && add >= INT32_MIN && add <= INT32_MAX) {
+    // In 32-bit lanes. v = acc + add saturated to int32 (an overflow of
+    // the wrapped sum shows in the signs); with v * m = h * 2^32 + l,
+    // 0 <= l < 2^32 and shift s >= 33, floor((v * m + 2^(s-1)) / 2^s) =
+    // floor((h + 2^(s-33)) / 2^(s-32)): l cannot carry past the
+    // 2^(s-32) step. |h| <= 2^30 and 2^(s-33) <= 2^29, so nothing wraps.
+    const int32_t b = static_cast<int32_t>(add), m = r.multiplier;
+    const int32_t half = int32_t{1} << (r.shift - 33);
+    const int down = r.shift - 32;
+    for (int64_t i = 0; i < n; ++i) {
+      const int32_t a = acc[i];
+      const int32_t sum = static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+      const bool wrapped = ((a ^ sum) & (b ^ sum)) < 0;
+      const int32_t v = wrapped ? (a < 0 ? INT32_MIN : INT32_MAX) : sum;
+      const int32_t h = static_cast<int32_t>((int64_t(v) * m) >> 32);
+      const int32_t q = zero + ((h + half) >> down);
+      out[i] = static_cast<uint8_t>(q < 0 ? 0 : q > 255 ? 255 : q);
+    }
+  } else {
+    const int64_t m = r.multiplier, round = int64_t{1} << (r.shift - 1);
+    const int shift = r.shift;
+    for (int64_t i = 0; i < n; ++i) {
+      const int32_t v = static_cast<int32_t>(SaturateToInt32(add + acc[i]));
+      out[i] = ClampCode(zero + ((int64_t(v) * m + round) >> shift));
+    }
+  }
+  if (table != nullptr) LookupCodes(table, out, out, n);
+}
+
+namespace {
+
+#if defined(QZDL_HAVE_AVX512_ROW)
+// GCC 12 warns about the undefined vectors its own intrinsics start from.
+#if !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+// The 32-bit lane loop of RequantizeRow32Plain (shift >= 33, add in the
+// int32 range) on 16 codes per step: the high halves of the products of
+// the even and the odd lanes, merged.
+__attribute__((target("avx512f,avx512bw,avx512dq"))) void Row32Avx512(
+    const int32_t* acc, int64_t n, int32_t add, int32_t m, int shift, int32_t zero, uint8_t* out) {
+  const __m512i b = _mm512_set1_epi32(add), vm = _mm512_set1_epi32(m);
+  const __m512i half = _mm512_set1_epi32(int32_t{1} << (shift - 33));
+  const __m128i down = _mm_cvtsi32_si128(shift - 32);
+  const __m512i vzero = _mm512_set1_epi32(zero), lo = _mm512_setzero_si512(),
+                hi = _mm512_set1_epi32(255);
+  const __m512i int_max = _mm512_set1_epi32(INT32_MAX), int_min = _mm512_set1_epi32(INT32_MIN);
+  for (int64_t i = 0; i < n; i += 16) {
+    const __mmask16 k = n - i >= 16 ? __mmask16(0xffff) : __mmask16((1u << (n - i)) - 1);
+    const __m512i a = _mm512_maskz_loadu_epi32(k, acc + i);
+    const __m512i sum = _mm512_add_epi32(a, b);
+    // Wrapped where a and b have one sign and the sum the other.
+    const __mmask16 wrapped = _mm512_movepi32_mask(
+        _mm512_and_si512(_mm512_xor_si512(a, sum), _mm512_xor_si512(b, sum)));
+    const __m512i sat = _mm512_mask_blend_epi32(_mm512_movepi32_mask(a), int_max, int_min);
+    const __m512i v = _mm512_mask_blend_epi32(wrapped, sum, sat);
+    const __m512i even = _mm512_mul_epi32(v, vm);
+    const __m512i odd = _mm512_mul_epi32(_mm512_srli_epi64(v, 32), vm);
+    const __m512i h = _mm512_mask_blend_epi32(__mmask16(0xaaaa), _mm512_srli_epi64(even, 32), odd);
+    __m512i q = _mm512_add_epi32(vzero, _mm512_sra_epi32(_mm512_add_epi32(h, half), down));
+    q = _mm512_min_epi32(_mm512_max_epi32(q, lo), hi);
+    _mm512_mask_cvtepi32_storeu_epi8(out + i, k, q);
+  }
+}
+#if !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
+bool HaveAvx512Row() {
+  static const bool have = __builtin_cpu_supports("avx512f") &&
+                           __builtin_cpu_supports("avx512bw") &&
+                           __builtin_cpu_supports("avx512dq");
+  return have;
+}
+#endif
+
+}  // namespace
+
+void RequantizeRow32(const int32_t* acc, int64_t n, int64_t add, const Requantizer& r,
+                     int32_t zero, uint8_t* out, const uint8_t* table) {
+#if defined(QZDL_HAVE_AVX512_ROW)
+  if (!r.saturate && !r.use_double && r.shift >= 33 && add >= INT32_MIN && add <= INT32_MAX &&
+      HaveAvx512Row()) {
+    Row32Avx512(acc, n, static_cast<int32_t>(add), r.multiplier, r.shift, zero, out);
+    if (table != nullptr) LookupCodes(table, out, out, n);
+    return;
+  }
+#endif
+  RequantizeRow32Plain(acc, n, add, r, zero, out, table);
 }
 
 }  // namespace qzdl

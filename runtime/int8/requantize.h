@@ -73,6 +73,16 @@ inline uint8_t Requantize(int32_t acc, const Requantizer& r, int32_t zero) {
 void RequantizeRow(const int64_t* acc, int64_t n, const Requantizer& r, int32_t zero,
                    uint8_t* out);
 
+// out[i] = Requantize(add + acc[i] saturated to int32, r, zero) for a row of
+// 32-bit sums and one 64-bit addend (the bias), then, when `table` is not
+// null, out[i] = table[out[i]]: the same bits as RequantizeRow on the sums.
+void RequantizeRow32(const int32_t* acc, int64_t n, int64_t add, const Requantizer& r,
+                     int32_t zero, uint8_t* out, const uint8_t* table = nullptr);
+// The same bits without the AVX-512 loop that RequantizeRow32 takes where
+// the CPU has it (for tests).
+void RequantizeRow32Plain(const int32_t* acc, int64_t n, int64_t add, const Requantizer& r,
+                          int32_t zero, uint8_t* out, const uint8_t* table = nullptr);
+
 // round(acc * M) of a 64-bit accumulator (products of several codes, sums
 // over windows of more than 2^23 elements), clamped to +-2^30 like
 // RequantizeRaw. The fixed-point mode is exact for every int64 without

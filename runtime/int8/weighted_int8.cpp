@@ -186,7 +186,7 @@ void ConvolutionInt8Layer::Reshape() {
 }
 
 void ConvolutionInt8Layer::RunCodes(const uint8_t* x, const uint8_t*, uint8_t* y) {
-  kernel_.Run(x, input_zero_, KernelWeights(kernel_.Shifted()), q_, y);
+  kernel_.Run(x, input_zero_, KernelWeights(kernel_.ReadsCodes()), q_, y);
 }
 
 int64_t ConvolutionInt8Layer::ChannelWeightAt(int o, int64_t k) const {

@@ -85,7 +85,7 @@ class ConvolutionInt8Layer : public WeightedInt8Layer {
  protected:
   void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) override;
   int64_t ChannelWeightAt(int o, int64_t k) const override;
-  void PrepareKernel() override { BuildKernelWeights(kernel_.Shifted()); }
+  void PrepareKernel() override { BuildKernelWeights(kernel_.ReadsCodes()); }
   bool ShiftsWeights() const override { return false; }
 
  private:

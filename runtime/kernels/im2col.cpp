@@ -32,10 +32,17 @@ void Im2colTileOf(const ConvGeometry& g, const T* x, int64_t p0, int np, T pad, 
               if (hi > lo) std::memcpy(dst + lo, xr + ix0 + lo, sizeof(T) * (hi - lo));
               if (seg > hi) std::fill_n(dst + hi, seg - hi, pad);
             } else {
-              for (int t = 0; t < seg; ++t) {
-                const int ix = ix0 + t * g.stride_w;
-                dst[t] = (ix >= 0 && ix < g.in_w) ? xr[ix] : pad;
+              // Columns t in [lo, hi) read inside the input row.
+              const int s = g.stride_w;
+              const int lo = std::clamp(ix0 >= 0 ? 0 : (-ix0 + s - 1) / s, 0, seg);
+              const int hi = std::clamp(ix0 >= g.in_w ? 0 : (g.in_w - ix0 + s - 1) / s, lo, seg);
+              if (lo > 0) std::fill_n(dst, lo, pad);
+              if (s == 2) {
+                for (int t = lo; t < hi; ++t) dst[t] = xr[ix0 + 2 * t];
+              } else {
+                for (int t = lo; t < hi; ++t) dst[t] = xr[ix0 + t * s];
               }
+              if (seg > hi) std::fill_n(dst + hi, seg - hi, pad);
             }
           }
           j += seg;

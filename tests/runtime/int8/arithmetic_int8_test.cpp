@@ -4,10 +4,13 @@
 // multiplier modes; and a few hand-computed cases exactly.
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <vector>
 
 #include "int8_layer_support.h"
+#include "runtime/int8/eltwise_int8.h"
+#include "runtime/int8/reference.h"
 
 namespace qzdl {
 namespace {
@@ -75,6 +78,42 @@ TEST(EltwiseInt8, WithinOneCodeOfFloat) {
       config.addDataConfig("c", 0.0f, 3.0f);
       config.addDataConfig("y", c.out_lo, c.out_hi);
       ExpectNearIsland(nb, config, false, c.op == "max" ? "table" : "multiplier");
+    }
+  }
+}
+
+TEST(EltwiseInt8, FastSumGivesTheReferenceBitsOnEveryPairOfCodes) {
+  // All 65536 pairs, large enough to be split over threads, on random grids
+  // and coefficients, both multiplier modes, and three inputs.
+  std::mt19937 rng(11);
+  std::uniform_int_distribution<int> zero(0, 255);
+  std::uniform_real_distribution<float> scale(0.001f, 0.5f), coeff(-3.0f, 3.0f);
+  std::vector<uint8_t> a(65536 * 2), b(a.size()), c(a.size());
+  for (size_t i = 0; i < a.size(); ++i) {
+    a[i] = static_cast<uint8_t>(i % 256);
+    b[i] = static_cast<uint8_t>(i / 256 % 256);
+    c[i] = static_cast<uint8_t>(i * 7 % 251);
+  }
+  for (int round = 0; round < 8; ++round) {
+    const std::vector<CodeGrid> grids = {{scale(rng), zero(rng)}, {scale(rng), zero(rng)},
+                                         {scale(rng), zero(rng)}};
+    const CodeGrid out{scale(rng), zero(rng)};
+    for (bool use_double : {false, true}) {
+      for (size_t n : {size_t(2), size_t(3)}) {
+        const std::vector<CodeGrid> in(grids.begin(), grids.begin() + n);
+        std::vector<float> coeffs;
+        if (round % 2 == 1) {
+          for (size_t k = 0; k < n; ++k) coeffs.push_back(coeff(rng));
+        }
+        const SumQuantization q = MakeSumQuantization(in, coeffs, out, use_double);
+        std::vector<const uint8_t*> x = {a.data(), b.data(), c.data()};
+        x.resize(n);
+        std::vector<uint8_t> want(a.size()), got(a.size(), 0);
+        ReferenceEltwiseSumU8(x, in, q, static_cast<int64_t>(a.size()), want.data());
+        EltwiseSumU8(x, in, q, static_cast<int64_t>(a.size()), got.data());
+        ASSERT_EQ(got, want) << "round " << round << ", " << n << " inputs"
+                             << (use_double ? ", double" : "");
+      }
     }
   }
 }

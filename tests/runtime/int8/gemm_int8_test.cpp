@@ -8,6 +8,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <random>
 #include <string>
@@ -51,14 +52,21 @@ ConvGeometry Geometry(int n, int c, int h, int w, int m, int kh, int kw, int s, 
   return g;
 }
 
-void ExpectConvMatchesReference(const ConvGeometry& g, uint32_t seed) {
+constexpr ConvPath kAllPaths[] = {ConvPath::kFloatGemm, ConvPath::kShiftedGemm,
+                                   ConvPath::kFloatDepthwise, ConvPath::kIntegerDepthwise,
+                                   ConvPath::kIntegerDepthwisePortable};
+
+// Every path that can run the shape here against the reference, with the
+// channels of `make_q` (both multiplier modes).
+template <typename MakeQ>
+void ExpectPathsMatchReference(const ConvGeometry& g, uint32_t seed, MakeQ make_q) {
   std::mt19937 rng(seed);
   const int64_t k = int64_t(g.InPerGroup()) * g.KernelArea();
   const std::vector<uint8_t> x = Codes(size_t(g.batch) * g.in_c * g.InPlane(), rng);
   const std::vector<uint8_t> w = Codes(size_t(g.out_c) * k, rng);
   const int32_t x_zero = std::uniform_int_distribution<int>(0, 255)(rng);
   for (bool use_double : {false, true}) {
-    const ChannelQuantization q = Channels(g.out_c, rng, use_double);
+    const ChannelQuantization q = make_q(g.out_c, rng, use_double);
     std::vector<uint8_t> want(size_t(g.batch) * g.out_c * g.OutPlane());
     ReferenceConvolutionU8(g, x.data(), x_zero, w.data(), q, want.data());
     std::vector<float> centred(size_t(g.out_c) * k);
@@ -70,23 +78,25 @@ void ExpectConvMatchesReference(const ConvGeometry& g, uint32_t seed) {
     weights.centred = centred.data();
     weights.codes = w.data();
     weights.code_sum = sums.data();
-    for (bool allow_shifted : {false, true}) {
+    for (ConvPath path : kAllPaths) {
       for (int threads : {1, 2}) {
         omp_set_num_threads(threads);
         ConvCodesKernel kernel;
-        kernel.Reshape(g, allow_shifted);
-        if (allow_shifted && !kernel.Shifted()) continue;  // not on this CPU or shape
+        if (!kernel.ReshapeFor(g, path)) continue;  // not on this CPU or shape
         std::vector<uint8_t> got(want.size(), 0);
         kernel.Run(x.data(), x_zero, weights, q, got.data());
         int differ = 0;
         for (size_t i = 0; i < got.size(); ++i) differ += got[i] != want[i];
         EXPECT_EQ(differ, 0) << g.ToString() << (use_double ? " double" : " fixed point") << ", "
-                             << threads << " threads"
-                             << (kernel.Shifted() ? ", u8 x s8 GEMM" : ", float GEMM");
+                             << threads << " threads, " << ConvPathName(path);
       }
     }
   }
   omp_set_num_threads(2);
+}
+
+void ExpectConvMatchesReference(const ConvGeometry& g, uint32_t seed) {
+  ExpectPathsMatchReference(g, seed, Channels);
 }
 
 TEST(ConvCodesKernel, SaysWhichGemmRuns) {
@@ -96,9 +106,10 @@ TEST(ConvCodesKernel, SaysWhichGemmRuns) {
   EXPECT_EQ(kernel.Shifted(), HaveExactU8S8Gemm());
   kernel.Reshape(Geometry(1, 8, 6, 6, 4, 3, 3, 1, 1, 1, 1), false);
   EXPECT_FALSE(kernel.Shifted());
-  // Depthwise windows add their taps directly.
+  // Depthwise windows add their taps in integers on every CPU.
   kernel.Reshape(Geometry(1, 8, 6, 6, 8, 3, 3, 1, 1, 1, 8));
   EXPECT_FALSE(kernel.Shifted());
+  EXPECT_EQ(kernel.Path(), ConvPath::kIntegerDepthwise);
   std::printf("8-bit GEMM here: %s\n", HaveExactU8S8Gemm() ? "u8 x s8 (VNNI)" : "float");
 }
 
@@ -130,6 +141,151 @@ TEST(ConvCodesKernel, MatchesTheReferenceOnOddShapes) {
   ExpectConvMatchesReference(Geometry(2, 600, 3, 5, 7, 1, 1, 1, 0, 1, 1), seed++);
   ExpectConvMatchesReference(Geometry(1, 4, 20, 20, 4, 17, 17, 1, 8, 1, 4), seed++);
   ExpectConvMatchesReference(Geometry(1, 6, 8, 8, 6, 3, 3, 2, 2, 3, 6), seed++);
+}
+
+TEST(ConvCodesKernel, DepthwiseMatchesTheReferenceOnMobileNetShapes) {
+  uint32_t seed = 200;
+  for (int batch : {1, 8}) {
+    // MobileNetV2's depthwise 3x3 convolutions: stride 1 and 2 at each
+    // resolution (the 112 x 112 ones at batch 1 only, for time).
+    if (batch == 1) {
+      ExpectConvMatchesReference(Geometry(batch, 32, 112, 112, 32, 3, 3, 1, 1, 1, 32), seed++);
+      ExpectConvMatchesReference(Geometry(batch, 96, 112, 112, 96, 3, 3, 2, 1, 1, 96), seed++);
+    }
+    ExpectConvMatchesReference(Geometry(batch, 144, 56, 56, 144, 3, 3, 1, 1, 1, 144), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 144, 56, 56, 144, 3, 3, 2, 1, 1, 144), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 192, 28, 28, 192, 3, 3, 2, 1, 1, 192), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 384, 14, 14, 384, 3, 3, 1, 1, 1, 384), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 960, 7, 7, 960, 3, 3, 1, 1, 1, 960), seed++);
+  }
+}
+
+TEST(ConvCodesKernel, DepthwiseMatchesTheReferenceOnOddShapes) {
+  uint32_t seed = 300;
+  for (int batch : {1, 3}) {
+    // Odd sizes, 5x5 and 7x7, 1xN, stride 3, dilation, no pads, large pads,
+    // a depthwise multiplier of 3, a 1x1 input, a window of 33 x 33 taps.
+    ExpectConvMatchesReference(Geometry(batch, 7, 13, 11, 7, 3, 3, 1, 1, 1, 7), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 5, 17, 9, 5, 3, 3, 2, 1, 1, 5), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 6, 15, 15, 6, 5, 5, 2, 2, 1, 6), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 3, 9, 10, 3, 7, 7, 1, 3, 1, 3), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 4, 11, 12, 4, 1, 5, 1, 2, 1, 4), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 4, 14, 13, 4, 3, 3, 3, 0, 1, 4), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 4, 10, 10, 4, 3, 3, 1, 2, 2, 4), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 4, 6, 7, 4, 3, 3, 2, 4, 1, 4), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 4, 8, 8, 12, 3, 3, 1, 1, 1, 4), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 5, 1, 1, 5, 3, 3, 1, 1, 1, 5), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 2, 40, 36, 2, 33, 33, 1, 16, 1, 2), seed++);
+  }
+}
+
+TEST(ConvCodesKernel, DepthwiseSaturatesAndRoundsAsTheReference) {
+  // Biases at the ends of the int32 range (the accumulator saturates) and
+  // multipliers that round everything to 0, saturate, or round many ties.
+  auto extreme = [](int out, std::mt19937& rng, bool use_double) {
+    ChannelQuantization q;
+    q.output_zero = std::uniform_int_distribution<int>(0, 255)(rng);
+    const int32_t biases[] = {INT32_MAX - 1000, INT32_MIN + 1000, 0, -7, 123456};
+    const double reals[] = {0.0, 1e-12, 0.5, 1.0 / 1024, 3e9, 0.25, 1e-5};
+    for (int o = 0; o < out; ++o) {
+      q.weight_zero.push_back(std::uniform_int_distribution<int>(0, 255)(rng));
+      q.bias.push_back(biases[o % 5]);
+      q.requantizer.push_back(MakeRequantizer(reals[o % 7], use_double));
+    }
+    return q;
+  };
+  ExpectPathsMatchReference(Geometry(2, 35, 9, 9, 35, 3, 3, 1, 1, 1, 35), 400, extreme);
+  ExpectPathsMatchReference(Geometry(1, 35, 9, 8, 35, 3, 3, 2, 1, 1, 35), 401, extreme);
+}
+
+// Sums beyond 2^24 that a float32 cannot hold (about 4 * 10^7):
+// every input code 255 (channel 0: 254) on zero point 0, every weight code
+// 255 on zero point 0, no padding. Output channel 0's bias puts bias + sum
+// exactly on a rounding tie of the multiplier 2^-20, channel 1's one below
+// it, so a sum off by any amount in either direction changes a code.
+ChannelQuantization TieChannels(int64_t sum, bool use_double) {
+  ChannelQuantization q;
+  q.output_zero = 0;
+  const int64_t tie = int64_t(2 * 100 + 1) << 19;  // 100.5 * 2^20
+  for (int o = 0; o < 2; ++o) {
+    q.weight_zero.push_back(0);
+    q.bias.push_back(static_cast<int32_t>(tie - o - sum));
+    q.requantizer.push_back(MakeRequantizer(1.0 / (1 << 20), use_double));
+  }
+  return q;
+}
+
+TEST(ConvCodesKernel, SumsBeyondFloatPrecisionStayExact) {
+  for (ConvGeometry g : {Geometry(1, 600, 3, 4, 2, 1, 1, 1, 0, 1, 1),
+                         Geometry(2, 66, 5, 6, 2, 3, 3, 1, 0, 1, 1),
+                         Geometry(1, 520, 5, 5, 2, 3, 3, 2, 0, 1, 1)}) {
+    g.pad_bottom = 0;  // no padding taps: every position has the same sum
+    g.out_h = g.ConvOutH();
+    std::vector<uint8_t> x(size_t(g.batch) * g.in_c * g.InPlane(), 255);
+    for (int n = 0; n < g.batch; ++n)
+      std::fill_n(x.begin() + int64_t(n) * g.in_c * g.InPlane(), g.InPlane(), 254);
+    const int64_t k = int64_t(g.in_c) * g.KernelArea();
+    const std::vector<uint8_t> w(size_t(g.out_c) * k, 255);
+    const int64_t sum = 255 * (254 * g.KernelArea() + 255 * (k - g.KernelArea()));
+    ASSERT_GT(sum, int64_t{1} << 25);
+    ASSERT_NE(static_cast<int64_t>(static_cast<float>(sum)), sum);
+    for (bool use_double : {false, true}) {
+      const ChannelQuantization q = TieChannels(sum, use_double);
+      std::vector<uint8_t> want(size_t(g.batch) * g.out_c * g.OutPlane());
+      ReferenceConvolutionU8(g, x.data(), 0, w.data(), q, want.data());
+      ASSERT_EQ(want.front(), 101);
+      ASSERT_EQ(want.back(), 100);
+      std::vector<float> centred(size_t(g.out_c) * k);
+      std::vector<int32_t> sums(g.out_c);
+      auto at = [k](int o, int64_t i) { return o * k + i; };
+      CentreWeights(g.out_c, k, w.data(), q.weight_zero, at, centred.data());
+      SumCodeRows(g.out_c, k, w.data(), at, sums.data());
+      CodeWeights weights;
+      weights.centred = centred.data();
+      weights.codes = w.data();
+      weights.code_sum = sums.data();
+      for (ConvPath path : kAllPaths) {
+        ConvCodesKernel kernel;
+        if (!kernel.ReshapeFor(g, path)) continue;
+        std::vector<uint8_t> got(want.size(), 0);
+        kernel.Run(x.data(), 0, weights, q, got.data());
+        EXPECT_EQ(got, want) << g.ToString() << ", " << ConvPathName(path);
+      }
+    }
+  }
+}
+
+TEST(InnerProductCodesKernel, SumsBeyondFloatPrecisionStayExact) {
+  const int batch = 3, k_dim = 600, out = 2;
+  std::vector<uint8_t> x(size_t(batch) * k_dim, 255);
+  for (int n = 0; n < batch; ++n) x[size_t(n) * k_dim] = 254;
+  const std::vector<uint8_t> w(size_t(out) * k_dim, 255);
+  const int64_t sum = 255 * (254 + 255 * (k_dim - 1));
+  for (bool use_double : {false, true}) {
+    const ChannelQuantization q = TieChannels(sum, use_double);
+    std::vector<uint8_t> want(size_t(batch) * out);
+    ReferenceInnerProductU8(batch, k_dim, out, false, x.data(), 0, w.data(), q, want.data());
+    ASSERT_EQ(want[0], 101);
+    ASSERT_EQ(want[1], 100);
+    std::vector<float> centred(size_t(out) * k_dim);
+    std::vector<int8_t> shifted(size_t(out) * k_dim);
+    std::vector<int32_t> sums(out);
+    auto at = [&](int o, int64_t k) { return int64_t(o) * k_dim + k; };
+    CentreWeights(out, k_dim, w.data(), q.weight_zero, at, centred.data());
+    ShiftWeights(out, k_dim, w.data(), at, shifted.data(), sums.data());
+    for (bool allow_shifted : {false, true}) {
+      InnerProductCodesKernel kernel;
+      kernel.Reshape(batch, k_dim, out, allow_shifted);
+      if (allow_shifted && !kernel.Shifted()) continue;
+      CodeWeights weights;
+      weights.centred = centred.data();
+      weights.shifted = shifted.data();
+      weights.shifted_sum = sums.data();
+      std::vector<uint8_t> got(want.size(), 0);
+      kernel.Run(x.data(), 0, weights, q, got.data());
+      EXPECT_EQ(got, want) << (kernel.Shifted() ? "u8 x s8 GEMM" : "float GEMM");
+    }
+  }
 }
 
 TEST(InnerProductCodesKernel, MatchesTheReference) {

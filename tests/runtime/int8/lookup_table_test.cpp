@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <random>
 #include <vector>
 
 #include "runtime/int8/grid.h"
@@ -44,6 +45,32 @@ TEST(CodeTable, SigmoidAndApply) {
   for (size_t i = 0; i < x.size(); ++i) ASSERT_EQ(y[i], t[x[i]]) << i;
   ApplyCodeTable(t, x.data(), x.data(), static_cast<int64_t>(x.size()));
   EXPECT_EQ(x, y);
+}
+
+TEST(CodeTable, LookupCodesGivesTheTableEntryAtEveryLength) {
+  // Random tables, every code, lengths around the 64-code steps, unaligned
+  // starts, in place and not.
+  std::mt19937 rng(5);
+  std::uniform_int_distribution<int> code(0, 255);
+  for (int round = 0; round < 4; ++round) {
+    CodeTable t;
+    for (uint8_t& e : t) e = static_cast<uint8_t>(code(rng));
+    std::vector<uint8_t> x(300);
+    for (size_t i = 0; i < x.size(); ++i) x[i] = static_cast<uint8_t>(round == 0 ? i : code(rng));
+    for (int start : {0, 1, 13}) {
+      for (int n = 0; n + start <= 300; n += (n < 140 ? 1 : 37)) {
+        std::vector<uint8_t> y(x.size(), 0x5a);
+        LookupCodes(t.data(), x.data() + start, y.data() + start, n);
+        for (int i = 0; i < 300; ++i) {
+          const bool inside = i >= start && i < start + n;
+          ASSERT_EQ(y[i], inside ? t[x[i]] : 0x5a) << n << " from " << start << " at " << i;
+        }
+        std::vector<uint8_t> z = x;
+        LookupCodes(t.data(), z.data() + start, z.data() + start, n);
+        for (int i = start; i < start + n; ++i) ASSERT_EQ(z[i], t[x[i]]);
+      }
+    }
+  }
 }
 
 }  // namespace

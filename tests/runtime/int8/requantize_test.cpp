@@ -5,9 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdint>
 #include <random>
+#include <vector>
 
 namespace qzdl {
 namespace {
@@ -166,6 +169,54 @@ TEST(Requantize, LargeAndTinyMultipliers) {
     EXPECT_EQ(Requantize(5, inf, 3), 255);
     EXPECT_EQ(Requantize(-5, inf, 3), 0);
     EXPECT_EQ(Requantize(0, inf, 3), 3);
+  }
+}
+
+TEST(Requantize, RowsOfInt32SumsGiveTheScalarBits) {
+  // RequantizeRow32 against Requantize on the saturated sum, for multipliers
+  // of every exponent (shifts 1 .. 62 and the tiny and saturating ones),
+  // addends at the ends of the int32 range, sums at the ends, ties, and
+  // rows of every length around the vector widths.
+  std::mt19937_64 rng(3);
+  std::vector<double> reals = {0.0, 1e-12, 3e9};
+  for (int e = -34; e <= 31; ++e) {
+    reals.push_back(std::ldexp(1.0, e));
+    reals.push_back(std::ldexp(1.0, e) * (1.0 + std::uniform_real_distribution<double>(0, 1)(rng)));
+  }
+  const int64_t adds[] = {0, 1, -1, 123456, -987654, INT32_MAX, INT32_MIN, INT32_MAX - 5,
+                          INT32_MIN + 5};
+  std::uniform_int_distribution<int32_t> any(INT32_MIN, INT32_MAX);
+  std::uniform_int_distribution<int32_t> small(-70000, 70000);
+  std::vector<int32_t> acc(200);
+  for (double real : reals) {
+    for (bool use_double : {false, true}) {
+      const Requantizer r = MakeRequantizer(real, use_double);
+      for (int64_t add : adds) {
+        for (size_t i = 0; i < acc.size(); ++i) {
+          const int kind = static_cast<int>(i % 5);
+          acc[i] = kind == 0   ? any(rng)
+                   : kind == 1 ? small(rng)
+                   : kind == 2 ? (i % 2 ? INT32_MAX : INT32_MIN)
+                   : kind == 3 ? static_cast<int32_t>(int64_t(i) << 20)
+                               : -static_cast<int32_t>(int64_t(i) << 21);
+        }
+        for (int zero : {0, 77, 255}) {
+          for (int64_t n : {int64_t(1), int64_t(15), int64_t(64), int64_t(200)}) {
+            std::vector<uint8_t> got(n), plain(n);
+            RequantizeRow32(acc.data(), n, add, r, zero, got.data());
+            RequantizeRow32Plain(acc.data(), n, add, r, zero, plain.data());
+            for (int64_t i = 0; i < n; ++i) {
+              const int64_t v = std::clamp<int64_t>(add + acc[i], INT32_MIN, INT32_MAX);
+              const uint8_t want = Requantize(static_cast<int32_t>(v), r, zero);
+              ASSERT_EQ(got[i], want) << "real " << real << " add " << add << " acc " << acc[i]
+                                      << (use_double ? " double" : "");
+              ASSERT_EQ(plain[i], want) << "real " << real << " add " << add << " acc "
+                                        << acc[i] << (use_double ? " double" : "");
+            }
+          }
+        }
+      }
+    }
   }
 }
 

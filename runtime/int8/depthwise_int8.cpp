@@ -1,0 +1,265 @@
+#include "runtime/int8/depthwise_int8.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "runtime/int8/requantize.h"
+#include "runtime/kernels/parallel.h"
+
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#endif
+
+// On x86-64 the plane loop is compiled for AVX-512, AVX2 and the baseline,
+// picked at load time; elsewhere the compiler's default target is used.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define QZDL_DW_CLONES __attribute__((target_clones("arch=x86-64-v4", "avx2", "default")))
+#else
+#define QZDL_DW_CLONES
+#endif
+
+// The sums below write a buffer that no tap reads.
+#if defined(__GNUC__) && !defined(__clang__)
+#define QZDL_IVDEP _Pragma("GCC ivdep")
+#else
+#define QZDL_IVDEP
+#endif
+
+namespace qzdl {
+
+namespace {
+
+#if defined(__x86_64__) && defined(__GNUC__)
+// GCC 12 warns about the undefined vectors its own intrinsics start from.
+#if !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+// acc[i] = start + sum_t w[t] * src[t][i] for 9 taps, 16 positions per
+// step: codes widened to int32, products and sums in int32 (exact: see the
+// header).
+__attribute__((target("avx512f"))) void Sums9Avx512(const uint8_t* const* src, const int32_t* w,
+                                                    int32_t start, int64_t count, int32_t* acc) {
+  __m512i wv[9];
+  for (int t = 0; t < 9; ++t) wv[t] = _mm512_set1_epi32(w[t]);
+  const __m512i s = _mm512_set1_epi32(start);
+  int64_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    __m512i a = s;
+    for (int t = 0; t < 9; ++t) {
+      const __m512i x = _mm512_cvtepu8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src[t] + i)));
+      a = _mm512_add_epi32(a, _mm512_mullo_epi32(x, wv[t]));
+    }
+    _mm512_storeu_si512(acc + i, a);
+  }
+  for (; i < count; ++i) {
+    int32_t a = start;
+    for (int t = 0; t < 9; ++t) a += w[t] * int32_t(src[t][i]);
+    acc[i] = a;
+  }
+}
+#if !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
+bool HaveAvx512F() {
+  static const bool have = __builtin_cpu_supports("avx512f");
+  return have;
+}
+#define QZDL_HAVE_SUMS9_AVX512 1
+#endif
+
+// What one plane needs. The padded plane (pads hold the input zero point)
+// is kept as stride_h * stride_w sub-planes of sub_h rows of sub_w codes:
+// sub-plane (a, b) holds the padded rows a, a + stride_h, ... and columns
+// b, b + stride_w, ... Output (oy, ox) reads tap (ky, kx) at row
+// oy + ky * dilation_h / stride_h, column ox + kx * dilation_w / stride_w of
+// sub-plane (ky * dilation_h % stride_h, kx * dilation_w % stride_w), so
+// every tap reads a contiguous run over a whole block of output rows (sums
+// at the sub_w - out_w positions between rows are computed and dropped).
+struct PlaneJob {
+  const ConvGeometry* g;
+  int sub_h, sub_w;
+  int rows_per_block;  // output rows per block of sums
+  bool intrinsics;     // whether the AVX-512 loop may run
+  const int64_t* taps;  // each tap's offset in the padded plane
+  const uint8_t* x;     // the input plane
+  int32_t x_zero;
+  const int32_t* w;  // centred weights of the channel
+  int32_t start;     // -x_zero * sum of w
+  int64_t bias;
+  const Requantizer* r;
+  int32_t y_zero;
+  const uint8_t* table;
+  uint8_t* plane;
+  int32_t* row;     // rows_per_block * sub_w sums
+  uint8_t* codes;   // rows_per_block * sub_w codes
+  uint8_t* y;       // the output plane
+};
+
+QZDL_DW_CLONES
+void DepthwisePlane(const PlaneJob& j) {
+  const ConvGeometry& g = *j.g;
+  const int sh = g.stride_h, sw = g.stride_w, pw = j.sub_w;
+  const uint8_t zx = static_cast<uint8_t>(j.x_zero);
+  // The sub-planes.
+  for (int a = 0; a < sh; ++a) {
+    for (int b = 0; b < sw; ++b) {
+      uint8_t* sub = j.plane + (int64_t(a) * sw + b) * j.sub_h * pw;
+      // Sub-plane columns [lo, hi) read input columns c * sw + off.
+      const int off = b - g.pad_left;
+      const int lo = std::min(pw, std::max(0, (-off + sw - 1) / sw));
+      const int hi = std::max(lo, std::min(pw, (g.in_w - off + sw - 1) / sw));
+      for (int r = 0; r < j.sub_h; ++r) {
+        uint8_t* d = sub + int64_t(r) * pw;
+        const int iy = r * sh + a - g.pad_top;
+        if (iy < 0 || iy >= g.in_h) {
+          std::memset(d, zx, size_t(pw));
+          continue;
+        }
+        const uint8_t* src = j.x + int64_t(iy) * g.in_w;
+        std::memset(d, zx, size_t(lo));
+        if (sw == 1) {
+          std::memcpy(d + lo, src + lo + off, size_t(hi - lo));
+        } else if (sw == 2) {
+          for (int c = lo; c < hi; ++c) d[c] = src[2 * c + off];
+        } else {
+          for (int c = lo; c < hi; ++c) d[c] = src[c * sw + off];
+        }
+        std::memset(d + hi, zx, size_t(pw - hi));
+      }
+    }
+  }
+  const int ow = g.out_w, kh = g.kernel_h, kw = g.kernel_w;
+  int32_t* acc = j.row;
+  // Sums for `count` consecutive positions from the first output position
+  // `first` (a multiple of sub_w).
+  auto sums = [&](int64_t first, int64_t count) {
+    const uint8_t* base = j.plane + first;
+#if defined(QZDL_HAVE_SUMS9_AVX512)
+    if (kh == 3 && kw == 3 && j.intrinsics && HaveAvx512F()) {
+      const uint8_t* src[9];
+      for (int t = 0; t < 9; ++t) src[t] = base + j.taps[t];
+      Sums9Avx512(src, j.w, j.start, count, acc);
+      return;
+    }
+#endif
+    if (kh == 3 && kw == 3) {
+      const uint8_t* a0 = base + j.taps[0];
+      const uint8_t* a1 = base + j.taps[1];
+      const uint8_t* a2 = base + j.taps[2];
+      const uint8_t* b0 = base + j.taps[3];
+      const uint8_t* b1 = base + j.taps[4];
+      const uint8_t* b2 = base + j.taps[5];
+      const uint8_t* c0 = base + j.taps[6];
+      const uint8_t* c1 = base + j.taps[7];
+      const uint8_t* c2 = base + j.taps[8];
+      const int32_t w0 = j.w[0], w1 = j.w[1], w2 = j.w[2], w3 = j.w[3], w4 = j.w[4],
+                    w5 = j.w[5], w6 = j.w[6], w7 = j.w[7], w8 = j.w[8], s = j.start;
+QZDL_IVDEP
+      for (int64_t i = 0; i < count; ++i) {
+        acc[i] = s + w0 * int32_t(a0[i]) + w1 * int32_t(a1[i]) + w2 * int32_t(a2[i]) +
+                 w3 * int32_t(b0[i]) + w4 * int32_t(b1[i]) + w5 * int32_t(b2[i]) +
+                 w6 * int32_t(c0[i]) + w7 * int32_t(c1[i]) + w8 * int32_t(c2[i]);
+      }
+      return;
+    }
+    const int32_t s = j.start;
+QZDL_IVDEP
+    for (int64_t i = 0; i < count; ++i) acc[i] = s;
+    for (int t = 0; t < kh * kw; ++t) {
+      const uint8_t* from = base + j.taps[t];
+      const int32_t wt = j.w[t];
+QZDL_IVDEP
+      for (int64_t i = 0; i < count; ++i) acc[i] += wt * int32_t(from[i]);
+    }
+  };
+  // Requantizing runs of many codes at once keeps the vector loops busy
+  // on small planes.
+  for (int oy = 0; oy < g.out_h; oy += j.rows_per_block) {
+    const int rows = std::min(j.rows_per_block, g.out_h - oy);
+    const int64_t count = int64_t(rows - 1) * pw + ow;
+    sums(int64_t(oy) * pw, count);
+    if (pw == ow) {
+      RequantizeRow32(acc, count, j.bias, *j.r, j.y_zero, j.y + int64_t(oy) * ow, j.table);
+      continue;
+    }
+    RequantizeRow32(acc, count, j.bias, *j.r, j.y_zero, j.codes, j.table);
+    for (int r = 0; r < rows; ++r)
+      std::memcpy(j.y + int64_t(oy + r) * ow, j.codes + int64_t(r) * pw, size_t(ow));
+  }
+}
+
+}  // namespace
+
+bool DepthwiseCodesKernel::Fits(const ConvGeometry& g) {
+  return g.group > 0 && g.InPerGroup() == 1 && g.in_c == g.group && g.out_c % g.group == 0 &&
+         g.KernelArea() <= kMaxTaps && g.ConvFits() && g.out_h > 0 && g.out_w > 0;
+}
+
+void DepthwiseCodesKernel::Reshape(const ConvGeometry& g, int threads, bool intrinsics) {
+  g_ = g;
+  intrinsics_ = intrinsics;
+  padded_h_ = (g.out_h - 1) * g.stride_h + g.ExtentH();
+  padded_w_ = (g.out_w - 1) * g.stride_w + g.ExtentW();
+  sub_h_ = (padded_h_ + g.stride_h - 1) / g.stride_h;
+  sub_w_ = (padded_w_ + g.stride_w - 1) / g.stride_w;
+  // Blocks of rows whose sums take about 16 KB.
+  rows_per_block_ = std::max(1, std::min(g.out_h, 4096 / std::max(1, sub_w_)));
+  taps_.clear();
+  for (int ky = 0; ky < g.kernel_h; ++ky) {
+    for (int kx = 0; kx < g.kernel_w; ++kx) {
+      const int ry = ky * g.dilation_h, rx = kx * g.dilation_w;
+      const int64_t sub = int64_t(ry % g.stride_h) * g.stride_w + rx % g.stride_w;
+      taps_.push_back((sub * sub_h_ + ry / g.stride_h) * sub_w_ + rx / g.stride_w);
+    }
+  }
+  slots_.resize(static_cast<size_t>(std::max(1, threads)));
+  for (Slot& s : slots_) {
+    s.plane.resize(static_cast<size_t>(int64_t(g.stride_h) * g.stride_w * sub_h_ * sub_w_));
+    s.row.resize(static_cast<size_t>(int64_t(rows_per_block_) * sub_w_));
+    s.codes.resize(s.row.size());
+    s.weights.resize(static_cast<size_t>(g.KernelArea()));
+  }
+}
+
+void DepthwiseCodesKernel::Run(const uint8_t* x, int32_t x_zero, const uint8_t* w,
+                               const ChannelQuantization& q, uint8_t* y, const uint8_t* table) {
+  const ConvGeometry& g = g_;
+  const int64_t taps = g.KernelArea(), in_plane = g.InPlane(), out_plane = g.OutPlane();
+  const int per_group = g.OutPerGroup();
+  const int64_t items = int64_t(g.batch) * g.out_c;
+  ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
+    Slot& s = slots_[slot];
+    const int o = static_cast<int>(item % g.out_c);
+    const int64_t n = item / g.out_c;
+    const int32_t zw = q.weight_zero[o];
+    int32_t sum = 0;
+    for (int64_t t = 0; t < taps; ++t) {
+      s.weights[t] = int32_t(w[o * taps + t]) - zw;
+      sum += s.weights[t];
+    }
+    PlaneJob j;
+    j.g = &g;
+    j.sub_h = sub_h_;
+    j.sub_w = sub_w_;
+    j.rows_per_block = rows_per_block_;
+    j.intrinsics = intrinsics_;
+    j.taps = taps_.data();
+    j.x = x + (n * g.in_c + o / per_group) * in_plane;
+    j.x_zero = x_zero;
+    j.w = s.weights.data();
+    j.start = -x_zero * sum;
+    j.bias = q.bias[o];
+    j.r = &q.requantizer[o];
+    j.y_zero = q.output_zero;
+    j.table = table;
+    j.plane = s.plane.data();
+    j.row = s.row.data();
+    j.codes = s.codes.data();
+    j.y = y + item * out_plane;
+    DepthwisePlane(j);
+  });
+}
+
+}  // namespace qzdl
