@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "runtime/int8/requantize.h"
+#include "runtime/kernels/cpu_features.h"
 #include "runtime/kernels/parallel.h"
 
 #if defined(__x86_64__) && defined(__GNUC__)
@@ -47,7 +48,8 @@ __attribute__((target("avx512f"))) void Sums9Avx512(const uint8_t* const* src, c
   for (; i + 16 <= count; i += 16) {
     __m512i a = s;
     for (int t = 0; t < 9; ++t) {
-      const __m512i x = _mm512_cvtepu8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src[t] + i)));
+      const __m512i x =
+          _mm512_cvtepu8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src[t] + i)));
       a = _mm512_add_epi32(a, _mm512_mullo_epi32(x, wv[t]));
     }
     _mm512_storeu_si512(acc + i, a);
@@ -63,7 +65,7 @@ __attribute__((target("avx512f"))) void Sums9Avx512(const uint8_t* const* src, c
 #endif
 
 bool HaveAvx512F() {
-  static const bool have = __builtin_cpu_supports("avx512f");
+  static const bool have = __builtin_cpu_supports("avx512f") && CpuPathAllowed("avx512");
   return have;
 }
 #define QZDL_HAVE_SUMS9_AVX512 1
@@ -80,8 +82,8 @@ bool HaveAvx512F() {
 struct PlaneJob {
   const ConvGeometry* g;
   int sub_h, sub_w;
-  int rows_per_block;  // output rows per block of sums
-  bool intrinsics;     // whether the AVX-512 loop may run
+  int rows_per_block;   // output rows per block of sums
+  bool intrinsics;      // whether the AVX-512 loop may run
   const int64_t* taps;  // each tap's offset in the padded plane
   const uint8_t* x;     // the input plane
   int32_t x_zero;
@@ -92,9 +94,9 @@ struct PlaneJob {
   int32_t y_zero;
   const uint8_t* table;
   uint8_t* plane;
-  int32_t* row;     // rows_per_block * sub_w sums
-  uint8_t* codes;   // rows_per_block * sub_w codes
-  uint8_t* y;       // the output plane
+  int32_t* row;    // rows_per_block * sub_w sums
+  uint8_t* codes;  // rows_per_block * sub_w codes
+  uint8_t* y;      // the output plane
 };
 
 QZDL_DW_CLONES
@@ -154,9 +156,9 @@ void DepthwisePlane(const PlaneJob& j) {
       const uint8_t* c0 = base + j.taps[6];
       const uint8_t* c1 = base + j.taps[7];
       const uint8_t* c2 = base + j.taps[8];
-      const int32_t w0 = j.w[0], w1 = j.w[1], w2 = j.w[2], w3 = j.w[3], w4 = j.w[4],
-                    w5 = j.w[5], w6 = j.w[6], w7 = j.w[7], w8 = j.w[8], s = j.start;
-QZDL_IVDEP
+      const int32_t w0 = j.w[0], w1 = j.w[1], w2 = j.w[2], w3 = j.w[3], w4 = j.w[4], w5 = j.w[5],
+                    w6 = j.w[6], w7 = j.w[7], w8 = j.w[8], s = j.start;
+      QZDL_IVDEP
       for (int64_t i = 0; i < count; ++i) {
         acc[i] = s + w0 * int32_t(a0[i]) + w1 * int32_t(a1[i]) + w2 * int32_t(a2[i]) +
                  w3 * int32_t(b0[i]) + w4 * int32_t(b1[i]) + w5 * int32_t(b2[i]) +
@@ -165,12 +167,12 @@ QZDL_IVDEP
       return;
     }
     const int32_t s = j.start;
-QZDL_IVDEP
+    QZDL_IVDEP
     for (int64_t i = 0; i < count; ++i) acc[i] = s;
     for (int t = 0; t < kh * kw; ++t) {
       const uint8_t* from = base + j.taps[t];
       const int32_t wt = j.w[t];
-QZDL_IVDEP
+      QZDL_IVDEP
       for (int64_t i = 0; i < count; ++i) acc[i] += wt * int32_t(from[i]);
     }
   };

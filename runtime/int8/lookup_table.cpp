@@ -1,5 +1,7 @@
 #include "runtime/int8/lookup_table.h"
 
+#include "runtime/kernels/cpu_features.h"
+
 #if defined(__x86_64__) && defined(__GNUC__)
 #include <immintrin.h>
 #define QZDL_HAVE_VBMI_LOOKUP 1
@@ -30,8 +32,8 @@ namespace {
 // Four 64-entry quarters of the table; two-source byte permutes take 128
 // entries by the low 7 bits of each code, and the top bit picks the half.
 __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void LookupVbmi(const uint8_t* table,
-                                                                     const uint8_t* x, uint8_t* y,
-                                                                     int64_t count) {
+                                                                       const uint8_t* x, uint8_t* y,
+                                                                       int64_t count) {
   const __m512i t0 = _mm512_loadu_si512(table), t1 = _mm512_loadu_si512(table + 64);
   const __m512i t2 = _mm512_loadu_si512(table + 128), t3 = _mm512_loadu_si512(table + 192);
   int64_t i = 0;
@@ -53,7 +55,7 @@ __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void LookupVbmi(const uin
 bool HaveVbmi() {
   static const bool have = __builtin_cpu_supports("avx512vbmi") &&
                            __builtin_cpu_supports("avx512bw") &&
-                           __builtin_cpu_supports("avx512f");
+                           __builtin_cpu_supports("avx512f") && CpuPathAllowed("vbmi");
   return have;
 }
 #endif

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "runtime/int8/lookup_table.h"
+#include "runtime/kernels/cpu_features.h"
 
 #if defined(__x86_64__) && defined(__GNUC__)
 #include <immintrin.h>
@@ -24,7 +25,7 @@ Requantizer MakeRequantizer(double real, bool use_double) {
   }
   int exponent = 0;
   const double fraction = std::frexp(real, &exponent);  // real = fraction * 2^exponent
-  int64_t m = std::llround(fraction * 2147483648.0);     // in [2^30, 2^31]
+  int64_t m = std::llround(fraction * 2147483648.0);    // in [2^30, 2^31]
   if (m == (int64_t{1} << 31)) {
     m >>= 1;
     ++exponent;
@@ -166,8 +167,10 @@ namespace {
 // The 32-bit lane loop of RequantizeRow32Plain (shift >= 33, add in the
 // int32 range) on 16 codes per step: the high halves of the products of
 // the even and the odd lanes, merged.
-__attribute__((target("avx512f,avx512bw,avx512dq"))) void Row32Avx512(
-    const int32_t* acc, int64_t n, int32_t add, int32_t m, int shift, int32_t zero, uint8_t* out) {
+__attribute__((target("avx512f,avx512bw,avx512dq"))) void Row32Avx512(const int32_t* acc, int64_t n,
+                                                                      int32_t add, int32_t m,
+                                                                      int shift, int32_t zero,
+                                                                      uint8_t* out) {
   const __m512i b = _mm512_set1_epi32(add), vm = _mm512_set1_epi32(m);
   const __m512i half = _mm512_set1_epi32(int32_t{1} << (shift - 33));
   const __m128i down = _mm_cvtsi32_si128(shift - 32);
@@ -179,8 +182,8 @@ __attribute__((target("avx512f,avx512bw,avx512dq"))) void Row32Avx512(
     const __m512i a = _mm512_maskz_loadu_epi32(k, acc + i);
     const __m512i sum = _mm512_add_epi32(a, b);
     // Wrapped where a and b have one sign and the sum the other.
-    const __mmask16 wrapped = _mm512_movepi32_mask(
-        _mm512_and_si512(_mm512_xor_si512(a, sum), _mm512_xor_si512(b, sum)));
+    const __mmask16 wrapped =
+        _mm512_movepi32_mask(_mm512_and_si512(_mm512_xor_si512(a, sum), _mm512_xor_si512(b, sum)));
     const __m512i sat = _mm512_mask_blend_epi32(_mm512_movepi32_mask(a), int_max, int_min);
     const __m512i v = _mm512_mask_blend_epi32(wrapped, sum, sat);
     const __m512i even = _mm512_mul_epi32(v, vm);
@@ -198,15 +201,15 @@ __attribute__((target("avx512f,avx512bw,avx512dq"))) void Row32Avx512(
 bool HaveAvx512Row() {
   static const bool have = __builtin_cpu_supports("avx512f") &&
                            __builtin_cpu_supports("avx512bw") &&
-                           __builtin_cpu_supports("avx512dq");
+                           __builtin_cpu_supports("avx512dq") && CpuPathAllowed("avx512");
   return have;
 }
 #endif
 
 }  // namespace
 
-void RequantizeRow32(const int32_t* acc, int64_t n, int64_t add, const Requantizer& r,
-                     int32_t zero, uint8_t* out, const uint8_t* table) {
+void RequantizeRow32(const int32_t* acc, int64_t n, int64_t add, const Requantizer& r, int32_t zero,
+                     uint8_t* out, const uint8_t* table) {
 #if defined(QZDL_HAVE_AVX512_ROW)
   if (!r.saturate && !r.use_double && r.shift >= 33 && add >= INT32_MIN && add <= INT32_MAX &&
       HaveAvx512Row()) {

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "runtime/kernels/cpu_features.h"
+
 #if defined(QZDL_HAVE_DNNL)
 #include <dnnl.h>
 #else
@@ -31,7 +33,7 @@ bool HaveExactU8S8Gemm() {
     const char* choice = std::getenv("QZDL_INT8_GEMM");
     if (choice != nullptr && std::string(choice) == "float") return false;
 #if defined(QZDL_HAVE_DNNL) && defined(__x86_64__) && defined(__GNUC__)
-    return __builtin_cpu_supports("avx512vnni") != 0;
+    return __builtin_cpu_supports("avx512vnni") != 0 && CpuPathAllowed("vnni");
 #else
     return false;
 #endif
@@ -44,8 +46,8 @@ void U8S8GemmTile(bool trans_a, bool trans_b, int m, int n, int k, const uint8_t
   if (m <= 0 || n <= 0) return;
 #if defined(QZDL_HAVE_DNNL)
   const int32_t zero = 0;
-  dnnl_gemm_u8s8s32(trans_a ? 'T' : 'N', trans_b ? 'T' : 'N', 'F', m, n, k, 1.0f, a, lda, 0, b,
-                    ldb, 0, 0.0f, c, ldc, &zero);
+  dnnl_gemm_u8s8s32(trans_a ? 'T' : 'N', trans_b ? 'T' : 'N', 'F', m, n, k, 1.0f, a, lda, 0, b, ldb,
+                    0, 0.0f, c, ldc, &zero);
 #else
   (void)trans_a, (void)trans_b, (void)k, (void)a, (void)lda, (void)b, (void)ldb, (void)c, (void)ldc;
   std::abort();  // never called: HaveExactU8S8Gemm() is false
