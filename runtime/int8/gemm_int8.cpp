@@ -123,6 +123,7 @@ const char* ConvPathName(ConvPath path) {
     case ConvPath::kFloatDepthwise: return "float depthwise";
     case ConvPath::kIntegerDepthwise: return "integer depthwise";
     case ConvPath::kIntegerDepthwisePortable: return "integer depthwise, portable loops";
+    case ConvPath::kPairGemm: return "pair GEMM";
   }
   return "?";
 }
@@ -136,6 +137,7 @@ bool ConvCodesKernel::CanRun(const ConvGeometry& g, ConvPath path) {
     case ConvPath::kFloatDepthwise: return depthwise && g.KernelArea() <= kExactChunk;
     case ConvPath::kIntegerDepthwise:
     case ConvPath::kIntegerDepthwisePortable: return DepthwiseCodesKernel::Fits(g);
+    case ConvPath::kPairGemm: return !depthwise && k <= kMaxPairK;
   }
   return false;
 }
@@ -148,6 +150,10 @@ void ConvCodesKernel::Reshape(const ConvGeometry& g, bool allow_shifted) {
     path = ConvPath::kFloatDepthwise;
   } else if (allow_shifted && CanRun(g, ConvPath::kShiftedGemm)) {
     path = ConvPath::kShiftedGemm;
+  } else if (allow_shifted && HaveFastPairGemm() && CanRun(g, ConvPath::kPairGemm)) {
+    // Without VNNI, the 16-bit pairs do twice the products of a float
+    // multiply-add per instruction, on half the bytes.
+    path = ConvPath::kPairGemm;
   }
   Setup(g, path);
 }
@@ -164,7 +170,8 @@ void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
   const int64_t k = int64_t(g.InPerGroup()) * g.KernelArea();
   const bool depthwise = path == ConvPath::kFloatDepthwise;
   const bool shifted = path == ConvPath::kShiftedGemm;
-  const bool gemm = path == ConvPath::kFloatGemm || shifted;
+  const bool pairs = path == ConvPath::kPairGemm;
+  const bool gemm = path == ConvPath::kFloatGemm || shifted || pairs;
   pointwise_ = g.kernel_h == 1 && g.kernel_w == 1 && g.stride_h == 1 && g.stride_w == 1 &&
                g.pad_top == 0 && g.pad_bottom == 0 && g.pad_left == 0 && g.pad_right == 0;
   const int64_t plane = g.OutPlane();
@@ -181,8 +188,23 @@ void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
   depthwise_scratch_.resize(depthwise ? DepthwiseScratchFloats(g) * slots_.size() : 0);
   if (path == ConvPath::kIntegerDepthwise || path == ConvPath::kIntegerDepthwisePortable)
     integer_depthwise_.Reshape(g, threads, path == ConvPath::kIntegerDepthwise);
+  const int64_t tiles_total = int64_t(g.batch) * g.group * ((plane + tile_ - 1) / tile_);
+  const int64_t panels = PairPanels(g.OutPerGroup());
+  pair_blocks_ = 1;
+  if (pairs && tiles_total < 2 * threads)
+    pair_blocks_ = std::min<int64_t>(panels, (2 * threads + tiles_total - 1) / tiles_total);
+  pair_blocks_ = std::max<int64_t>(pair_blocks_, 1);
+  pair_panel_block_ = (panels + pair_blocks_ - 1) / pair_blocks_;
+  pair_blocks_ = std::max<int64_t>(1, (panels + pair_panel_block_ - 1) / pair_panel_block_);
   for (Slot& s : slots_) {
     s = Slot();
+    if (pairs) {
+      const int64_t ldb = PairColumnsPadded(tile_);
+      s.col8.resize(pointwise_ ? 0 : static_cast<size_t>(k * tile_));
+      s.pairs.resize(static_cast<size_t>(PairCount(k) * ldb));
+      s.c32.resize(static_cast<size_t>(pair_panel_block_ * kPairRows * ldb));
+      continue;
+    }
     if (shifted) {
       s.col8.resize(static_cast<size_t>(k * tile_));
       s.c32.resize(static_cast<size_t>(int64_t(g.OutPerGroup()) * tile_));
@@ -222,6 +244,7 @@ void ConvCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w
   if (path_ == ConvPath::kIntegerDepthwise || path_ == ConvPath::kIntegerDepthwisePortable)
     return integer_depthwise_.Run(x, x_zero, w.codes, q, y);
   if (path_ == ConvPath::kShiftedGemm) return RunShifted(x, x_zero, w, q, y);
+  if (path_ == ConvPath::kPairGemm) return RunPairs(x, x_zero, w, q, y);
   const float* centred = w.centred;
   CentreCodes(x, static_cast<int64_t>(centred_x_.size()), x_zero, centred_x_.data());
   if (path_ == ConvPath::kFloatDepthwise) return RunDepthwise(centred, q, y);
@@ -323,6 +346,48 @@ void ConvCodesKernel::RunShifted(const uint8_t* x, int32_t x_zero, const CodeWei
         for (int p = 0; p < np; ++p) acc[p] = fixed + row[p] - zw * colsum[p];
         RequantizeRow(acc, np, q.requantizer[o], q.output_zero,
                       y + (int64_t(n) * g.out_c + o) * plane + p0);
+      }
+    }
+  });
+}
+
+void ConvCodesKernel::RunPairs(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
+                               const ChannelQuantization& q, uint8_t* y) {
+  const ConvGeometry& g = g_;
+  const int cin_g = g.InPerGroup(), cout_g = g.OutPerGroup();
+  const int k = static_cast<int>(int64_t(cin_g) * g.KernelArea());
+  const int64_t kpairs = PairCount(k), panels = PairPanels(cout_g);
+  const int64_t plane = g.OutPlane(), in_plane = g.InPlane();
+  const int64_t tiles = (plane + tile_ - 1) / tile_;
+  const int64_t items = int64_t(g.batch) * g.group * tiles * pair_blocks_;
+  ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
+    Slot& s = slots_[slot];
+    {
+      const int64_t block = item % pair_blocks_;
+      const Tile tile = TileOf(item / pair_blocks_);
+      const int n = tile.n, grp = tile.group, np = tile.count;
+      const int64_t p0 = tile.first;
+      const int ldb = static_cast<int>(PairColumnsPadded(np));
+      const uint8_t* xg = x + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * in_plane;
+      // The tile's patches (padding: the input zero point, real zero),
+      // centred and packed in pairs.
+      if (pointwise_) {
+        PackPairColumns(xg + p0, in_plane, k, np, ldb, x_zero, s.pairs.data());
+      } else {
+        uint8_t* col = reinterpret_cast<uint8_t*>(s.col8.data());
+        Im2colTileOf<uint8_t>(g, xg, p0, np, static_cast<uint8_t>(x_zero), col);
+        PackPairColumns(col, np, k, np, ldb, x_zero, s.pairs.data());
+      }
+      const int64_t first = block * pair_panel_block_;
+      const int64_t count = std::min(pair_panel_block_, panels - first);
+      PairGemm(count, kpairs, w.pairs + (grp * panels + first) * kpairs * kPairRows,
+               s.pairs.data(), ldb, s.c32.data(), ldb, false);
+      const int64_t row_end = std::min<int64_t>(cout_g, (first + count) * kPairRows);
+      for (int64_t m = first * kPairRows; m < row_end; ++m) {
+        const int o = static_cast<int>(grp * cout_g + m);
+        RequantizeRow32(s.c32.data() + (m - first * kPairRows) * ldb, np, q.bias[o],
+                        q.requantizer[o], q.output_zero,
+                        y + (int64_t(n) * g.out_c + o) * plane + p0);
       }
     }
   });

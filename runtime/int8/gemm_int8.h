@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "runtime/int8/depthwise_int8.h"
+#include "runtime/int8/pair_gemm.h"
 #include "runtime/int8/reference.h"
 #include "runtime/kernels/conv_geometry.h"
 
@@ -60,13 +61,22 @@ void SumCodeRows(int out, int64_t k_dim, const uint8_t* w, At at, int32_t* sums)
 // The weights as the fast kernels read them ([out][K] each): centred floats
 // for the float GEMM; for the u8 x s8 GEMM, the codes themselves and their
 // row sums (convolution) or the shifted codes and their row sums (inner
-// product).
+// product); for the pair GEMM, the centred codes packed in pairs
+// (pair_gemm.h), panels per group.
 struct CodeWeights {
   const float* centred = nullptr;
   const uint8_t* codes = nullptr;
   const int32_t* code_sum = nullptr;
   const int8_t* shifted = nullptr;
   const int32_t* shifted_sum = nullptr;
+  const int32_t* pairs = nullptr;
+};
+
+// Which of those forms a kernel reads.
+enum class WeightForm {
+  kCentred,  // centred floats
+  kU8S8,     // the u8 x s8 forms (codes and sums, or shifted codes and sums)
+  kPairs,    // packed pairs
 };
 
 // Where the CPU sums u8 x s8 products exactly (HaveExactU8S8Gemm), the
@@ -89,27 +99,31 @@ enum class ConvPath {
   kFloatDepthwise,    // the float depthwise kernel on centred codes (<= 256 taps)
   kIntegerDepthwise,  // DepthwiseCodesKernel (depthwise_int8.h), on every CPU
   kIntegerDepthwisePortable,  // the same without its AVX-512 loop (for tests)
+  kPairGemm,  // im2col tiles of centred codes on the 16-bit pair GEMM (pair_gemm.h)
 };
 const char* ConvPathName(ConvPath path);
 
 // Convolution on codes. Reshape sizes every buffer, so Run allocates nothing.
 class ConvCodesKernel {
  public:
-  // `allow_shifted` false keeps the float GEMM path even where the u8 x s8
-  // one would run (both give the same bits; tests compare them).
+  // `allow_shifted` false keeps the float GEMM path even where one of the
+  // integer GEMMs would run (all give the same bits; tests compare them).
   void Reshape(const ConvGeometry& g, bool allow_shifted = true);
   // Sets up `path` alone; false (and nothing set up) where it cannot run
   // exactly for this shape on this CPU. For tests and measurements.
   bool ReshapeFor(const ConvGeometry& g, ConvPath path);
   ConvPath Path() const { return path_; }
+  const ConvGeometry& Geometry() const { return g_; }
   // Whether Run takes the u8 x s8 GEMM (reading the weight codes and their
   // row sums) or the float one (reading centred weights); settled by Reshape
   // from the shape and the CPU.
   bool Shifted() const { return path_ == ConvPath::kShiftedGemm; }
-  // Whether Run reads the weight codes (CodeWeights::codes and code_sum)
-  // rather than the centred float weights.
-  bool ReadsCodes() const {
-    return path_ != ConvPath::kFloatGemm && path_ != ConvPath::kFloatDepthwise;
+  // The weights Run reads: the centred floats, the weight codes and their
+  // row sums (CodeWeights::codes and code_sum), or the packed pairs.
+  WeightForm Form() const {
+    if (path_ == ConvPath::kFloatGemm || path_ == ConvPath::kFloatDepthwise)
+      return WeightForm::kCentred;
+    return path_ == ConvPath::kPairGemm ? WeightForm::kPairs : WeightForm::kU8S8;
   }
   // y = requantized bias + sum (x - x_zero) * (w - zw); the weights are
   // [out_c][in_c / group * kernel_h * kernel_w].
@@ -121,7 +135,7 @@ class ConvCodesKernel {
     std::vector<float> col, product;
     std::vector<int64_t> acc;
     std::vector<int8_t> col8;
-    std::vector<int32_t> c32, colsum;
+    std::vector<int32_t> c32, colsum, pairs;
   };
   // A work item: positions [first, first + count) of one group of one image.
   struct Tile {
@@ -134,11 +148,16 @@ class ConvCodesKernel {
   void RunDepthwise(const float* centred, const ChannelQuantization& q, uint8_t* y);
   void RunShifted(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
                   const ChannelQuantization& q, uint8_t* y);
+  void RunPairs(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
+                const ChannelQuantization& q, uint8_t* y);
 
   ConvGeometry g_;
   ConvPath path_ = ConvPath::kFloatGemm;
   bool pointwise_ = false;
   int tile_ = 1;
+  // The pair GEMM splits a group's output channels into blocks of panels
+  // where the tiles alone would leave threads idle.
+  int64_t pair_blocks_ = 1, pair_panel_block_ = 1;
   std::vector<float> centred_x_;
   std::vector<float> depthwise_out_, depthwise_scratch_;
   std::vector<Slot> slots_;

@@ -78,8 +78,8 @@ void RequantizeRow(const int64_t* acc, int64_t n, const Requantizer& r, int32_t 
 // null, out[i] = table[out[i]]: the same bits as RequantizeRow on the sums.
 void RequantizeRow32(const int32_t* acc, int64_t n, int64_t add, const Requantizer& r,
                      int32_t zero, uint8_t* out, const uint8_t* table = nullptr);
-// The same bits without the AVX-512 loop that RequantizeRow32 takes where
-// the CPU has it (for tests).
+// The same bits without the AVX-512 and AVX2 loops that RequantizeRow32
+// takes where the CPU has them (for tests).
 void RequantizeRow32Plain(const int32_t* acc, int64_t n, int64_t add, const Requantizer& r,
                           int32_t zero, uint8_t* out, const uint8_t* table = nullptr);
 

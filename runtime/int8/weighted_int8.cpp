@@ -84,17 +84,24 @@ void WeightedInt8Layer::Prepare() {
   PrepareKernel();
 }
 
-CodeWeights WeightedInt8Layer::KernelWeights(bool shifted) {
+CodeWeights WeightedInt8Layer::KernelWeights(WeightForm form) {
   const bool shifts = ShiftsWeights();
-  const bool present =
-      !shifted ? GetFloatAttrDatas().count("weight_centered") != 0
-      : shifts ? GetUint8AttrDatas().count("weight_shifted") &&
-                     GetInt32AttrDatas().count("weight_shifted_sum")
-               : GetInt32AttrDatas().count("weight_sum") != 0;
-  if (!present) BuildKernelWeights(shifted);
+  bool present = false;
+  switch (form) {
+    case WeightForm::kCentred: present = GetFloatAttrDatas().count("weight_centered") != 0; break;
+    case WeightForm::kPairs: present = GetInt32AttrDatas().count("weight_pairs") != 0; break;
+    case WeightForm::kU8S8:
+      present = shifts ? GetUint8AttrDatas().count("weight_shifted") &&
+                             GetInt32AttrDatas().count("weight_shifted_sum")
+                       : GetInt32AttrDatas().count("weight_sum") != 0;
+      break;
+  }
+  if (!present) BuildKernelWeights(form);
   CodeWeights w;
-  if (!shifted) {
+  if (form == WeightForm::kCentred) {
     w.centred = GetFloatAttrDatas().at("weight_centered")->GetCpuData();
+  } else if (form == WeightForm::kPairs) {
+    w.pairs = GetInt32AttrDatas().at("weight_pairs")->GetCpuData();
   } else if (shifts) {
     w.shifted =
         reinterpret_cast<const int8_t*>(GetUint8AttrDatas().at("weight_shifted")->GetCpuData());
@@ -106,7 +113,7 @@ CodeWeights WeightedInt8Layer::KernelWeights(bool shifted) {
   return w;
 }
 
-void WeightedInt8Layer::BuildKernelWeights(bool shifted) {
+void WeightedInt8Layer::BuildKernelWeights(WeightForm form) {
   const int out = OutputChannels();
   const Data<unsigned char>* codes = GetUint8AttrDatas().at("weight");
   const int64_t k_dim = out > 0 ? codes->Count(0) / out : 0;
@@ -114,13 +121,27 @@ void WeightedInt8Layer::BuildKernelWeights(bool shifted) {
   auto at = [this, contiguous, k_dim](int o, int64_t k) {
     return contiguous ? int64_t(o) * k_dim + k : ChannelWeightAt(o, k);
   };
-  if (shifted && ShiftsWeights()) {
+  if (form == WeightForm::kPairs) {
+    const int groups = std::max(1, WeightGroups());
+    const int per_group = out / groups;
+    const int64_t lanes = PairWeightLanes(per_group, k_dim);
+    Data<int>* pairs = Attr(GetInt32AttrDatas(), "weight_pairs",
+                            {groups, static_cast<int>(lanes)});
+    const uint8_t* w = codes->GetCpuData();
+    for (int grp = 0; grp < groups; ++grp) {
+      const int first = grp * per_group;
+      PackPairWeights(
+          per_group, k_dim, q_.weight_zero.data() + first,
+          [&](int r, int64_t k) { return w[at(first + r, k)]; },
+          pairs->GetCpuData() + grp * lanes);
+    }
+  } else if (form == WeightForm::kU8S8 && ShiftsWeights()) {
     Data<unsigned char>* w =
         Attr(GetUint8AttrDatas(), "weight_shifted", {out, static_cast<int>(k_dim)});
     Data<int>* sums = Attr(GetInt32AttrDatas(), "weight_shifted_sum", {out});
     ShiftWeights(out, k_dim, codes->GetCpuData(), at, reinterpret_cast<int8_t*>(w->GetCpuData()),
                  sums->GetCpuData());
-  } else if (shifted) {
+  } else if (form == WeightForm::kU8S8) {
     Data<int>* sums = Attr(GetInt32AttrDatas(), "weight_sum", {out});
     SumCodeRows(out, k_dim, codes->GetCpuData(), at, sums->GetCpuData());
   } else {
@@ -186,7 +207,7 @@ void ConvolutionInt8Layer::Reshape() {
 }
 
 void ConvolutionInt8Layer::RunCodes(const uint8_t* x, const uint8_t*, uint8_t* y) {
-  kernel_.Run(x, input_zero_, KernelWeights(kernel_.ReadsCodes()), q_, y);
+  kernel_.Run(x, input_zero_, KernelWeights(kernel_.Form()), q_, y);
 }
 
 int64_t ConvolutionInt8Layer::ChannelWeightAt(int o, int64_t k) const {
@@ -194,6 +215,8 @@ int64_t ConvolutionInt8Layer::ChannelWeightAt(int o, int64_t k) const {
 }
 
 int ConvolutionInt8Layer::OutputChannels() const { return weight(0)->GetDim(0); }
+
+int ConvolutionInt8Layer::WeightGroups() const { return kernel_.Geometry().group; }
 
 void DeconvolutionInt8Layer::RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) {
   const ConvGeometry& g = static_cast<DeconvolutionLayer<float>*>(Twin())->geometry();
@@ -221,7 +244,8 @@ void InnerProductInt8Layer::Reshape() {
 }
 
 void InnerProductInt8Layer::RunCodes(const uint8_t* x, const uint8_t*, uint8_t* y) {
-  kernel_.Run(x, input_zero_, KernelWeights(kernel_.Shifted()), q_, y);
+  kernel_.Run(x, input_zero_,
+              KernelWeights(kernel_.Shifted() ? WeightForm::kU8S8 : WeightForm::kCentred), q_, y);
 }
 
 int64_t InnerProductInt8Layer::ChannelWeightAt(int o, int64_t k) const {

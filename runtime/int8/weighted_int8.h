@@ -57,13 +57,17 @@ class WeightedInt8Layer : public FloatIslandLayer {
   // u8 x s8 GEMM, the codes' row sums (the int32 attribute "weight_sum") of
   // a convolution, whose codes are read as they are, or the shifted codes
   // (code - 128 as int8; "weight_shifted") and their row sums
-  // ("weight_shifted_sum") of an inner product.
-  void BuildKernelWeights(bool shifted);
+  // ("weight_shifted_sum") of an inner product; or, for the pair GEMM, the
+  // centred codes packed in pairs, panels per group (the int32 attribute
+  // "weight_pairs", pair_gemm.h).
+  void BuildKernelWeights(WeightForm form);
+  // Groups of output channels whose weights the pair GEMM packs apart.
+  virtual int WeightGroups() const { return 1; }
   // Whether the u8 x s8 GEMM takes the weights as shifted codes (inner
   // product) rather than as the codes themselves (convolution).
   virtual bool ShiftsWeights() const { return true; }
   // Those weights, built first if a caller removed them alone.
-  CodeWeights KernelWeights(bool shifted);
+  CodeWeights KernelWeights(WeightForm form);
 
   ChannelQuantization q_;
   int32_t input_zero_ = 0;
@@ -85,8 +89,9 @@ class ConvolutionInt8Layer : public WeightedInt8Layer {
  protected:
   void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) override;
   int64_t ChannelWeightAt(int o, int64_t k) const override;
-  void PrepareKernel() override { BuildKernelWeights(kernel_.ReadsCodes()); }
+  void PrepareKernel() override { BuildKernelWeights(kernel_.Form()); }
   bool ShiftsWeights() const override { return false; }
+  int WeightGroups() const override;
 
  private:
   ConvCodesKernel kernel_;
@@ -116,7 +121,9 @@ class InnerProductInt8Layer : public WeightedInt8Layer {
   void RunCodes(const uint8_t* x, const uint8_t* weight, uint8_t* y) override;
   int64_t ChannelWeightAt(int o, int64_t k) const override;
   bool ContiguousChannels() const override;
-  void PrepareKernel() override { BuildKernelWeights(kernel_.Shifted()); }
+  void PrepareKernel() override {
+    BuildKernelWeights(kernel_.Shifted() ? WeightForm::kU8S8 : WeightForm::kCentred);
+  }
 
  private:
   InnerProductCodesKernel kernel_;

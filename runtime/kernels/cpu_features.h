@@ -9,7 +9,8 @@ namespace qzdl {
 
 // False when `path` is named in the comma-separated list QZDL_CPU_DISABLE
 // (read once). Names: "avx512" (every AVX-512 loop), "vbmi" (AVX-512 VBMI
-// byte permutes), "vnni" (the u8 x s8 GEMM on VNNI).
+// byte permutes), "vnni" (the u8 x s8 GEMM on VNNI), "avx2" (the AVX2 loop of
+// the 16-bit pair GEMM).
 bool CpuPathAllowed(const char* path);
 
 }  // namespace qzdl

@@ -45,6 +45,10 @@ inline int64_t PoolWindowCount(const PoolSpan& h, const PoolSpan& w, bool includ
 // order is that of their real values).
 template <typename E>
 void MaxPoolKernel(const PoolShape& s, const E* x, E* y);
+template <>
+void MaxPoolKernel<float>(const PoolShape& s, const float* x, float* y);
+template <>
+void MaxPoolKernel<uint8_t>(const PoolShape& s, const uint8_t* x, uint8_t* y);
 
 template <typename T>
 class PoolingLayer : public Layer<T> {

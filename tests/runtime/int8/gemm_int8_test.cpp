@@ -54,7 +54,24 @@ ConvGeometry Geometry(int n, int c, int h, int w, int m, int kh, int kw, int s, 
 
 constexpr ConvPath kAllPaths[] = {ConvPath::kFloatGemm, ConvPath::kShiftedGemm,
                                    ConvPath::kFloatDepthwise, ConvPath::kIntegerDepthwise,
-                                   ConvPath::kIntegerDepthwisePortable};
+                                   ConvPath::kIntegerDepthwisePortable, ConvPath::kPairGemm};
+
+// The weights [out_c][k] packed in pairs, panels per group, as the 8-bit
+// convolution layer packs them.
+std::vector<int32_t> PairsOf(const ConvGeometry& g, const std::vector<uint8_t>& w,
+                             const ChannelQuantization& q) {
+  const int64_t k = int64_t(g.InPerGroup()) * g.KernelArea();
+  const int per = g.OutPerGroup();
+  const int64_t lanes = PairWeightLanes(per, k);
+  std::vector<int32_t> pairs(size_t(g.group * lanes));
+  for (int grp = 0; grp < g.group; ++grp) {
+    const uint8_t* wg = w.data() + int64_t(grp) * per * k;
+    PackPairWeights(
+        per, k, q.weight_zero.data() + grp * per, [&](int r, int64_t i) { return wg[r * k + i]; },
+        pairs.data() + grp * lanes);
+  }
+  return pairs;
+}
 
 // Every path that can run the shape here against the reference, with the
 // channels of `make_q` (both multiplier modes).
@@ -74,10 +91,12 @@ void ExpectPathsMatchReference(const ConvGeometry& g, uint32_t seed, MakeQ make_
     auto at = [k](int o, int64_t i) { return o * k + i; };
     CentreWeights(g.out_c, k, w.data(), q.weight_zero, at, centred.data());
     SumCodeRows(g.out_c, k, w.data(), at, sums.data());
+    const std::vector<int32_t> pairs = PairsOf(g, w, q);
     CodeWeights weights;
     weights.centred = centred.data();
     weights.codes = w.data();
     weights.code_sum = sums.data();
+    weights.pairs = pairs.data();
     for (ConvPath path : kAllPaths) {
       for (int threads : {1, 2}) {
         omp_set_num_threads(threads);
@@ -100,17 +119,33 @@ void ExpectConvMatchesReference(const ConvGeometry& g, uint32_t seed) {
 }
 
 TEST(ConvCodesKernel, SaysWhichGemmRuns) {
-  // The u8 x s8 path runs only where the CPU sums those products exactly.
+  // The u8 x s8 path runs only where the CPU sums those products exactly;
+  // else the pair GEMM where it has a vector loop, else the float GEMM.
   ConvCodesKernel kernel;
   kernel.Reshape(Geometry(1, 8, 6, 6, 4, 3, 3, 1, 1, 1, 1));
   EXPECT_EQ(kernel.Shifted(), HaveExactU8S8Gemm());
+  EXPECT_EQ(kernel.Path(), HaveExactU8S8Gemm()  ? ConvPath::kShiftedGemm
+                           : HaveFastPairGemm() ? ConvPath::kPairGemm
+                                                : ConvPath::kFloatGemm);
+  EXPECT_EQ(kernel.Form(), HaveExactU8S8Gemm()  ? WeightForm::kU8S8
+                           : HaveFastPairGemm() ? WeightForm::kPairs
+                                                : WeightForm::kCentred);
+  // Reductions whose int32 sums could overflow (K > 33025) stay off the
+  // pair GEMM: 3669 * 9 = 33021 runs on it, 3670 * 9 = 33030 does not.
+  EXPECT_TRUE(kernel.ReshapeFor(Geometry(1, 3669, 3, 3, 2, 3, 3, 1, 0, 1, 1), ConvPath::kPairGemm));
+  EXPECT_FALSE(kernel.ReshapeFor(Geometry(1, 3670, 3, 3, 2, 3, 3, 1, 0, 1, 1), ConvPath::kPairGemm));
+  kernel.Reshape(Geometry(1, 3670, 3, 3, 2, 3, 3, 1, 0, 1, 1));
+  EXPECT_NE(kernel.Path(), ConvPath::kPairGemm);
   kernel.Reshape(Geometry(1, 8, 6, 6, 4, 3, 3, 1, 1, 1, 1), false);
   EXPECT_FALSE(kernel.Shifted());
+  EXPECT_EQ(kernel.Path(), ConvPath::kFloatGemm);
   // Depthwise windows add their taps in integers on every CPU.
   kernel.Reshape(Geometry(1, 8, 6, 6, 8, 3, 3, 1, 1, 1, 8));
   EXPECT_FALSE(kernel.Shifted());
   EXPECT_EQ(kernel.Path(), ConvPath::kIntegerDepthwise);
-  std::printf("8-bit GEMM here: %s\n", HaveExactU8S8Gemm() ? "u8 x s8 (VNNI)" : "float");
+  std::printf("8-bit GEMM here: %s\n", HaveExactU8S8Gemm()  ? "u8 x s8 (VNNI)"
+                                       : HaveFastPairGemm() ? "16-bit pairs"
+                                                            : "float");
 }
 
 TEST(ConvCodesKernel, MatchesTheReferenceOnRealShapes) {
@@ -240,10 +275,12 @@ TEST(ConvCodesKernel, SumsBeyondFloatPrecisionStayExact) {
       auto at = [k](int o, int64_t i) { return o * k + i; };
       CentreWeights(g.out_c, k, w.data(), q.weight_zero, at, centred.data());
       SumCodeRows(g.out_c, k, w.data(), at, sums.data());
+      const std::vector<int32_t> pairs = PairsOf(g, w, q);
       CodeWeights weights;
       weights.centred = centred.data();
       weights.codes = w.data();
       weights.code_sum = sums.data();
+      weights.pairs = pairs.data();
       for (ConvPath path : kAllPaths) {
         ConvCodesKernel kernel;
         if (!kernel.ReshapeFor(g, path)) continue;

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <limits>
 #include <random>
+#include <vector>
 
 #include "elementwise_test_support.h"
 
@@ -308,6 +309,48 @@ TEST(PoolingLayer, SurvivesBadParamValues) {
                                {{1, 2, 7, 6}});
   test::ExpectBadParamsHandled("Pooling", {{"pool", "max"}, {"global_pooling", true}},
                                {{1, 2, 7, 6}});
+}
+
+TEST(MaxPoolKernel, CodesMatchEveryWindowTakenAlone) {
+  // The two-pass loop of 8-bit codes against each window's own maximum:
+  // pads on every side, strides, kernels wider than the stride, a row of
+  // one element, and rows wider than the two-pass buffer.
+  std::mt19937 rng(11);
+  std::uniform_int_distribution<int> code(0, 255);
+  struct Case {
+    int in_h, in_w, kernel, stride, pad;
+  };
+  for (const Case& c : {Case{112, 112, 3, 2, 1}, Case{7, 9, 3, 2, 1}, Case{5, 5, 2, 2, 0},
+                        Case{6, 1, 3, 1, 1}, Case{9, 8, 4, 3, 2}, Case{3, 4100, 3, 2, 1}}) {
+    PoolShape s;
+    s.planes = 3;
+    s.in_h = c.in_h, s.in_w = c.in_w;
+    s.kernel_h = s.kernel_w = c.kernel;
+    s.stride_h = s.stride_w = c.stride;
+    s.pad_top = s.pad_left = c.pad;
+    s.pad_bottom = s.pad_right = c.pad;
+    s.out_h = (c.in_h + 2 * c.pad - c.kernel) / c.stride + 1;
+    s.out_w = (c.in_w + 2 * c.pad - c.kernel) / c.stride + 1;
+    std::vector<uint8_t> x(size_t(s.planes * s.in_h * s.in_w));
+    for (uint8_t& v : x) v = static_cast<uint8_t>(code(rng));
+    std::vector<uint8_t> y(size_t(s.planes * s.out_h * s.out_w), 7);
+    MaxPoolKernel(s, x.data(), y.data());
+    int differ = 0;
+    for (int64_t p = 0; p < s.planes; ++p) {
+      for (int64_t oy = 0; oy < s.out_h; ++oy) {
+        for (int64_t ox = 0; ox < s.out_w; ++ox) {
+          int m = -1;
+          for (int64_t i = oy * c.stride - c.pad; i < oy * c.stride - c.pad + c.kernel; ++i)
+            for (int64_t j = ox * c.stride - c.pad; j < ox * c.stride - c.pad + c.kernel; ++j)
+              if (i >= 0 && i < c.in_h && j >= 0 && j < c.in_w)
+                m = std::max<int>(m, x[size_t((p * s.in_h + i) * s.in_w + j)]);
+          differ += y[size_t((p * s.out_h + oy) * s.out_w + ox)] != m;
+        }
+      }
+    }
+    EXPECT_EQ(differ, 0) << c.in_h << "x" << c.in_w << " kernel " << c.kernel << " stride "
+                         << c.stride << " pad " << c.pad;
+  }
 }
 
 TEST(PoolingLayer, SameBitsWithOneOrTwoThreads) {
