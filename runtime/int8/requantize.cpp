@@ -3,6 +3,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 #include "runtime/int8/lookup_table.h"
 #include "runtime/kernels/cpu_features.h"
@@ -178,7 +179,8 @@ __attribute__((target("avx512f,avx512bw,avx512dq"))) void Row32Avx512(const int3
                 hi = _mm512_set1_epi32(255);
   const __m512i int_max = _mm512_set1_epi32(INT32_MAX), int_min = _mm512_set1_epi32(INT32_MIN);
   for (int64_t i = 0; i < n; i += 16) {
-    const __mmask16 k = n - i >= 16 ? __mmask16(0xffff) : __mmask16((1u << (n - i)) - 1);
+    const bool full = n - i >= 16;
+    const __mmask16 k = full ? __mmask16(0xffff) : __mmask16((1u << (n - i)) - 1);
     const __m512i a = _mm512_maskz_loadu_epi32(k, acc + i);
     const __m512i sum = _mm512_add_epi32(a, b);
     // Wrapped where a and b have one sign and the sum the other.
@@ -191,7 +193,16 @@ __attribute__((target("avx512f,avx512bw,avx512dq"))) void Row32Avx512(const int3
     const __m512i h = _mm512_mask_blend_epi32(__mmask16(0xaaaa), _mm512_srli_epi64(even, 32), odd);
     __m512i q = _mm512_add_epi32(vzero, _mm512_sra_epi32(_mm512_add_epi32(h, half), down));
     q = _mm512_min_epi32(_mm512_max_epi32(q, lo), hi);
-    _mm512_mask_cvtepi32_storeu_epi8(out + i, k, q);
+    // Narrowed in a register and stored whole: a masked narrowing store
+    // to memory is slow on some CPUs (microcoded on AMD's).
+    const __m128i bytes = _mm512_cvtepi32_epi8(q);
+    if (full) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), bytes);
+    } else {
+      alignas(16) uint8_t tail[16];
+      _mm_store_si128(reinterpret_cast<__m128i*>(tail), bytes);
+      std::memcpy(out + i, tail, static_cast<size_t>(n - i));
+    }
   }
 }
 #if !defined(__clang__)
