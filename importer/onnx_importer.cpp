@@ -16,6 +16,7 @@
 #include "runtime/serial_weights.h"
 #include "importer/mapping_context.h"
 #include "importer/graph_checks.h"
+#include "importer/graph_order.h"
 #include "importer/graph_passes.h"
 
 namespace qzdl {
@@ -207,6 +208,7 @@ OnnxImportResult Import(onnx::ModelProto& model, const std::string& source,
   MappingContext c(opset, base_dir);
   onnx_import::CheckNames(*graph);
   onnx_import::NameNodes(graph);
+  onnx_import::SortNodes(graph);
   const std::vector<NetInput> inputs = PrepareInputs(graph, options, base_dir, c);
   CheckReferences(*graph, c, inputs);
   for (const auto& node : graph->node()) {
