@@ -104,16 +104,22 @@ void MapVariadic(MappingContext& c) {
     ins.push_back(c.In(k));
   }
   if (!same) {
-    if (op != "Sum") {
-      c.Fail("inputs of different shapes; only Sum broadcasts here");
+    // Broadcast pairwise, left to right: add for Sum and Mean (then the
+    // mean's 1/n), max or min for those.
+    if (op != "Sum" && op != "Mean" && op != "Max" && op != "Min") {
+      c.Fail("inputs of different shapes; only Sum, Mean, Max and Min broadcast here");
     }
+    const std::string operation = op == "Max" ? "max" : op == "Min" ? "min" : "add";
+    const bool mean = op == "Mean";
     std::string acc = ins[0];
     for (int k = 1; k < n; ++k) {
-      const std::string next = k + 1 == n ? c.Out(0) : c.NewTensor("sum");
-      c.Emit("BroadcastOp", {acc, ins[k]}, {next}, {{"operation", "add"}},
-             k + 1 == n ? "" : c.NewLayerName("part"));
+      const bool last = k + 1 == n && !mean;
+      const std::string next = last ? c.Out(0) : c.NewTensor(operation);
+      c.Emit("BroadcastOp", {acc, ins[k]}, {next}, {{"operation", operation}},
+             last ? "" : c.NewLayerName("part"));
       acc = next;
     }
+    if (mean) c.Emit("Power", {acc}, {c.Out(0)}, {{"power", 1.0}, {"scale", 1.0 / n}});
     return;
   }
   if (op == "Sum") {
@@ -138,9 +144,14 @@ void MapVariadic(MappingContext& c) {
 }
 
 void MapPow(MappingContext& c) {
-  if (c.IsConst(0)) c.Fail("a constant base is not supported");
+  if (c.IsConst(0) || !c.IsConst(1) || c.Const(1, "exponent").Count() != 1 ||
+      BroadcastShapes(c.InShape(0), c.InShape(1)) != c.InShape(0)) {
+    // A computed exponent, one per element, or a constant base: element by
+    // element with broadcasting.
+    c.Emit("BroadcastOp", {c.In(0), c.In(1)}, {c.Out(0)}, {{"operation", "pow"}});
+    return;
+  }
   const ConstTensor& e = c.Const(1, "exponent");
-  if (e.Count() != 1) c.Fail("only a single constant exponent is supported");
   const double p = e.Get(0);
   if (p == 1.0) {
     c.Alias(0, c.In(0));

@@ -1,6 +1,8 @@
 #include "runtime/layers/eltwise.h"
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 
 #include "runtime/kernels/broadcast.h"
 #include "runtime/kernels/parallel.h"
@@ -93,9 +95,13 @@ template <>
 void BroadcastOpLayer<float>::LoadParam(const ParamReader& param) {
   this->ExpectCounts(2, 2, 1, 1);
   if (!param.Has("operation")) param.Fail("missing param \"operation\"");
-  op_name_ = param.Choice("operation", "add", {"add", "sub", "mul", "div", "equal"});
-  const std::vector<std::string> names = {"add", "sub", "mul", "div", "equal"};
-  const Op ops[] = {Op::kAdd, Op::kSub, Op::kMul, Op::kDiv, Op::kEqual};
+  const std::vector<std::string> names = {"add", "sub",  "mul",     "div",  "equal",
+                                          "max", "min",  "pow",     "greater", "less",
+                                          "greater_equal", "less_equal"};
+  op_name_ = param.Choice("operation", "add", names);
+  const Op ops[] = {Op::kAdd,     Op::kSub,     Op::kMul,  Op::kDiv,
+                    Op::kEqual,   Op::kMax,     Op::kMin,  Op::kPow,
+                    Op::kGreater, Op::kLess,    Op::kGreaterEqual, Op::kLessEqual};
   for (size_t i = 0; i < names.size(); ++i)
     if (names[i] == op_name_) op_ = ops[i];
 }
@@ -214,6 +220,32 @@ void BroadcastOpLayer<float>::Run() {
       break;
     case Op::kEqual:
       BroadcastKernel(a, b, y, count, g, [](float p, float q) { return p == q ? 1.0f : 0.0f; });
+      break;
+    // A NaN on either side gives NaN, as PyTorch's maximum and minimum do.
+    case Op::kMax:
+      BroadcastKernel(a, b, y, count, g, [](float p, float q) {
+        return p != p || q != q ? std::numeric_limits<float>::quiet_NaN() : (p < q ? q : p);
+      });
+      break;
+    case Op::kMin:
+      BroadcastKernel(a, b, y, count, g, [](float p, float q) {
+        return p != p || q != q ? std::numeric_limits<float>::quiet_NaN() : (q < p ? q : p);
+      });
+      break;
+    case Op::kPow:
+      BroadcastKernel(a, b, y, count, g, [](float p, float q) { return std::pow(p, q); });
+      break;
+    case Op::kGreater:
+      BroadcastKernel(a, b, y, count, g, [](float p, float q) { return p > q ? 1.0f : 0.0f; });
+      break;
+    case Op::kLess:
+      BroadcastKernel(a, b, y, count, g, [](float p, float q) { return p < q ? 1.0f : 0.0f; });
+      break;
+    case Op::kGreaterEqual:
+      BroadcastKernel(a, b, y, count, g, [](float p, float q) { return p >= q ? 1.0f : 0.0f; });
+      break;
+    case Op::kLessEqual:
+      BroadcastKernel(a, b, y, count, g, [](float p, float q) { return p <= q ? 1.0f : 0.0f; });
       break;
   }
 }

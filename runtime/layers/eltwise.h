@@ -38,12 +38,25 @@ class EltwiseLayer : public Layer<T> {
 template <typename T>
 class BroadcastOpLayer : public Layer<T> {
  public:
-  enum class Op { kAdd, kSub, kMul, kDiv, kEqual };
+  enum class Op {
+    kAdd,
+    kSub,
+    kMul,
+    kDiv,
+    kEqual,
+    kMax,
+    kMin,
+    kPow,
+    kGreater,
+    kLess,
+    kGreaterEqual,
+    kLessEqual
+  };
 
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   bool InPlaceSafe() const override { return true; }
-  // "BroadcastOp(add)", "BroadcastOp(sub)", ... "BroadcastOp(equal)".
+  // "BroadcastOp(add)", "BroadcastOp(sub)", ... "BroadcastOp(less_equal)".
   std::string GetTypeDetail() override;
   Op Operation() const { return op_; }
   // The broadcast of the last Reshape (see below), for kernels on other

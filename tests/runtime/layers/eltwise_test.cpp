@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+#include <limits>
 #include <random>
 
 #include "elementwise_test_support.h"
@@ -145,6 +148,14 @@ TEST(BroadcastOpLayer, MatchesOnnxCases) {
       {"node", "test_mul_bcast", "mul"},
       {"node", "test_div_bcast", "div"},
       {"node", "test_equal_bcast", "equal"},
+      {"node", "test_max_two_inputs", "max"},
+      {"node", "test_min_two_inputs", "min"},
+      {"node", "test_pow", "pow"},
+      {"node", "test_pow_bcast_array", "pow"},
+      {"node", "test_greater_bcast", "greater"},
+      {"node", "test_less_bcast", "less"},
+      {"node", "test_greater_equal_bcast", "greater_equal"},
+      {"node", "test_less_equal_bcast", "less_equal"},
       {"pytorch-operator", "test_operator_add_broadcast", "add"},
       {"pytorch-operator", "test_operator_add_size1_broadcast", "add"},
       {"pytorch-operator", "test_operator_add_size1_right_broadcast", "add"},
@@ -156,7 +167,8 @@ TEST(BroadcastOpLayer, MatchesOnnxCases) {
     const Tensor got =
         test::RunLayer("BroadcastOp", {{"operation", c.op}}, OnnxInputs(c.group, c.name, 2));
     EXPECT_EQ(got.dims, want.IntDims());
-    if (c.op == "equal") {
+    if (c.op == "equal" || c.op == "max" || c.op == "min" || c.op.find("greater") == 0 ||
+        c.op.find("less") == 0) {
       EXPECT_EQ(got.values, want.values);
     } else {
       EXPECT_LE(test::ToleranceRatio(got.values, want.values, kAtol, kRtol), 1.0);
@@ -183,11 +195,18 @@ Tensor ReferenceBroadcast(const Tensor& a, const Tensor& b, const std::string& o
       sb *= db[k];
     }
     const float p = a.values[ia], q = b.values[ib];
-    y.values[i] = op == "add"   ? p + q
-                  : op == "sub" ? p - q
-                  : op == "mul" ? p * q
-                  : op == "div" ? p / q
-                                : (p == q ? 1.0f : 0.0f);
+    y.values[i] = op == "add"             ? p + q
+                  : op == "sub"           ? p - q
+                  : op == "mul"           ? p * q
+                  : op == "div"           ? p / q
+                  : op == "max"           ? std::max(p, q)
+                  : op == "min"           ? std::min(p, q)
+                  : op == "pow"           ? std::pow(p, q)
+                  : op == "greater"       ? float(p > q)
+                  : op == "less"          ? float(p < q)
+                  : op == "greater_equal" ? float(p >= q)
+                  : op == "less_equal"    ? float(p <= q)
+                                          : (p == q ? 1.0f : 0.0f);
   }
   return y;
 }
@@ -195,8 +214,10 @@ Tensor ReferenceBroadcast(const Tensor& a, const Tensor& b, const std::string& o
 TEST(BroadcastOpLayer, MatchesReferenceOnRandomShapes) {
   std::mt19937 gen(17);
   auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(gen); };
-  const std::vector<std::string> ops = {"add", "sub", "mul", "div", "equal"};
-  for (int trial = 0; trial < 60; ++trial) {
+  const std::vector<std::string> ops = {"add", "sub", "mul", "div", "equal", "max",
+                                        "min", "pow", "greater", "less", "greater_equal",
+                                        "less_equal"};
+  for (int trial = 0; trial < 120; ++trial) {
     const int rank = pick(1, 5);
     std::vector<int> full, da, db;
     for (int k = 0; k < rank; ++k) full.push_back(pick(1, 6));
@@ -215,7 +236,8 @@ TEST(BroadcastOpLayer, MatchesReferenceOnRandomShapes) {
     SCOPED_TRACE(op + " " + DimsToString(da) + " " + DimsToString(db));
     Tensor a = test::RandomTensor(da, 200 + trial, 0.5f, 2.0f);
     Tensor b = test::RandomTensor(db, 300 + trial, 0.5f, 2.0f);
-    if (op == "equal")  // make some elements equal
+    if (op != "add" && op != "sub" && op != "mul" && op != "div" && op != "pow")
+      // make some elements equal
       for (size_t i = 0; i < b.values.size(); i += 2) b.values[i] = a.values[i % a.values.size()];
     const Tensor got = test::RunLayer("BroadcastOp", {{"operation", op}}, {a, b});
     const Tensor want = ReferenceBroadcast(a, b, op);
@@ -224,8 +246,23 @@ TEST(BroadcastOpLayer, MatchesReferenceOnRandomShapes) {
   }
 }
 
+TEST(BroadcastOpLayer, MaxAndMinPropagateNaN) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const Tensor a{{4}, {nan, 1.0f, nan, -2.0f}};
+  const Tensor b{{4}, {3.0f, nan, nan, -5.0f}};
+  for (const std::string op : {"max", "min"}) {
+    const Tensor got = test::RunLayer("BroadcastOp", {{"operation", op}}, {a, b});
+    ASSERT_EQ(got.values.size(), 4u);
+    EXPECT_TRUE(std::isnan(got.values[0])) << op;
+    EXPECT_TRUE(std::isnan(got.values[1])) << op;
+    EXPECT_TRUE(std::isnan(got.values[2])) << op;
+    EXPECT_EQ(got.values[3], op == "max" ? -2.0f : -5.0f);
+  }
+}
+
 TEST(BroadcastOpLayer, TypeDetail) {
-  for (const std::string op : {"add", "sub", "mul", "div", "equal"}) {
+  for (const std::string op : {"add", "sub", "mul", "div", "equal", "max", "min", "pow",
+                               "greater", "less", "greater_equal", "less_equal"}) {
     auto net = test::OneLayerNet("BroadcastOp", {{"operation", op}}, {{2, 3}, {3}}).Build();
     EXPECT_EQ(net->GetLayer("l")->GetTypeDetail(), "BroadcastOp(" + op + ")");
     EXPECT_EQ(net->GetLayer("l")->GetType(), "BroadcastOp");
@@ -246,10 +283,11 @@ TEST(BroadcastOpLayer, RejectsIncompatibleShapes) {
                 "broadcast together");
   EXPECT_EQ(test::BuildError(test::OneLayerNet("BroadcastOp", {}, {{3}, {3}})),
             prefix + "missing param \"operation\"");
-  EXPECT_EQ(test::BuildError(test::OneLayerNet("BroadcastOp", {{"operation", "pow"}}, {{3}, {3}})),
+  EXPECT_EQ(test::BuildError(test::OneLayerNet("BroadcastOp", {{"operation", "xor"}}, {{3}, {3}})),
             prefix +
-                "param \"operation\" is \"pow\", expected one of \"add\", \"sub\", \"mul\", "
-                "\"div\", \"equal\"");
+                "param \"operation\" is \"xor\", expected one of \"add\", \"sub\", \"mul\", "
+                "\"div\", \"equal\", \"max\", \"min\", \"pow\", \"greater\", \"less\", "
+                "\"greater_equal\", \"less_equal\"");
   EXPECT_EQ(
       test::BuildError(test::OneLayerNet("BroadcastOp", {{"operation", "add"}}, {{3}, {3}, {3}})),
       prefix + "expects 2 input(s), has 3");
