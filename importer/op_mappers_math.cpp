@@ -222,6 +222,12 @@ void MapReduce(MappingContext& c) {
     c.Emit("ReduceMean", {c.In(0)}, {c.Out(0)}, reduce);
     return;
   }
+  if (op == "ReduceMax" || op == "ReduceMin" || op == "ReduceProd") {
+    Json::object p = reduce;
+    p["operation"] = op == "ReduceMax" ? "max" : op == "ReduceMin" ? "min" : "prod";
+    c.Emit("Reduce", {c.In(0)}, {c.Out(0)}, p);
+    return;
+  }
   std::string x = c.In(0);
   if (!before.empty()) {
     const std::string t = c.NewTensor(before);
@@ -237,6 +243,26 @@ void MapReduce(MappingContext& c) {
   c.Emit("Power", {mean}, {sum}, {{"scale", static_cast<double>(count)}},
          after.empty() ? "" : c.NewLayerName("sum"));
   if (!after.empty()) c.Emit("UnaryOp", {sum}, {c.Out(0)}, {{"operation", after}});
+}
+
+// ArgMax, ArgMin: the index along one axis, as a float.
+void MapArgs(MappingContext& c) {
+  const int64_t rank = c.InRank(0);
+  const int64_t axis = NormalizeAxis(c, c.Int("axis", 0), rank, "axis");
+  const int64_t keepdims = c.Int("keepdims", 1);
+  if (keepdims != 0 && keepdims != 1) {
+    c.BadAttr("keepdims", std::to_string(keepdims), "it must be 0 or 1");
+  }
+  if (keepdims == 0 && rank == 1) {
+    c.Fail("the output would be a scalar, which the runtime does not hold (keepdims is 0 and "
+           "the only axis is reduced)");
+  }
+  const int64_t last = c.Int("select_last_index", 0);
+  c.Emit("ReduceArgs", {c.In(0)}, {c.Out(0)},
+         {{"operation", c.Op() == "ArgMax" ? "argmax" : "argmin"},
+          {"axis", static_cast<int>(axis)},
+          {"keepdims", keepdims == 1},
+          {"select_last_index", last != 0}});
 }
 
 // (x - mean) / sqrt(var + eps) over `axes` of tensor `x` into `out` (with
@@ -333,9 +359,12 @@ void AddMathMappers(MapperTable& t) {
   t["RMSNormalization"] = MapNormalization;
   t["GroupNormalization"] = MapGroupNormalization;
   for (const char* op : {"ReduceMean", "ReduceSum", "ReduceSumSquare", "ReduceL1", "ReduceL2",
-                         "ReduceLogSum", "ReduceLogSumExp"}) {
+                         "ReduceLogSum", "ReduceLogSumExp", "ReduceMax", "ReduceMin",
+                         "ReduceProd"}) {
     t[op] = MapReduce;
   }
+  t["ArgMax"] = MapArgs;
+  t["ArgMin"] = MapArgs;
 }
 
 }  // namespace qzdl::onnx_import

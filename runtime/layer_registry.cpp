@@ -74,6 +74,8 @@ std::map<std::string, LayerFactory<float>>& FloatTable() {
       {"InstanceNormalization", &Make<InstanceNormalizationLayer<float>>},
       // reduce
       {"ReduceMean", &Make<ReduceMeanLayer<float>>},
+      {"Reduce", &Make<ReduceLayer<float>>},
+      {"ReduceArgs", &Make<ReduceArgsLayer<float>>},
       // space_depth
       {"DepthToSpace", &Make<DepthToSpaceLayer<float>>},
       {"SpaceToDepth", &Make<SpaceToDepthLayer<float>>},

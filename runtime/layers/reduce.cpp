@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <limits>
 #include <string>
 
 #include "runtime/kernels/parallel.h"
@@ -36,17 +38,62 @@ int64_t Step(Index& idx, const int64_t* dims, const int64_t* strides, int n) {
   return delta;
 }
 
+// What one output gathers. Sums and products in double, in the order of
+// the reduced positions; a NaN among the values of a maximum or minimum
+// makes it NaN.
+struct SumAcc {
+  double s = 0.0;
+  void Add(float v) { s += v; }
+  float Get(double scale) const { return static_cast<float>(s * scale); }
+};
+struct ProdAcc {
+  double p = 1.0;
+  void Add(float v) { p *= v; }
+  float Get(double) const { return static_cast<float>(p); }
+};
+struct MaxAcc {
+  float m = -std::numeric_limits<float>::infinity();
+  bool nan = false;
+  void Add(float v) {
+    nan |= v != v;
+    m = v > m ? v : m;
+  }
+  float Get(double) const { return nan ? std::numeric_limits<float>::quiet_NaN() : m; }
+};
+struct MinAcc {
+  float m = std::numeric_limits<float>::infinity();
+  bool nan = false;
+  void Add(float v) {
+    nan |= v != v;
+    m = v < m ? v : m;
+  }
+  float Get(double) const { return nan ? std::numeric_limits<float>::quiet_NaN() : m; }
+};
+
 }  // namespace
 
 template <>
-void ReduceMeanLayer<float>::LoadParam(const ParamReader& param) {
+void ReduceLayer<float>::LoadParam(const ParamReader& param) {
   this->ExpectCounts(1, 1, 1, 1);
+  if (this->GetType() == "Reduce") {
+    if (!param.Has("operation")) param.Fail("missing param \"operation\"");
+    const std::vector<std::string> names = {"sum", "mean", "max", "min", "prod"};
+    op_name_ = param.Choice("operation", "sum", names);
+    const Op ops[] = {Op::kSum, Op::kMean, Op::kMax, Op::kMin, Op::kProd};
+    for (size_t i = 0; i < names.size(); ++i)
+      if (names[i] == op_name_) op_ = ops[i];
+  }
   axes_ = param.Ints("axes", {});
   keepdims_ = param.Bool("keepdims", true);
 }
 
 template <>
-void ReduceMeanLayer<float>::Reshape() {
+std::string ReduceLayer<float>::GetTypeDetail() {
+  return this->GetType() == "Reduce" ? "Reduce(" + op_name_ + ")" : this->GetType();
+}
+
+template <>
+void ReduceLayer<float>::Reshape() {
   const Data<float>* x = this->in();
   const std::vector<int> in_dims = x->GetDims();
   const int rank = x->NumAxes();
@@ -111,7 +158,19 @@ void ReduceMeanLayer<float>::Reshape() {
 }
 
 template <>
-void ReduceMeanLayer<float>::Run() {
+void ReduceLayer<float>::Run() {
+  switch (op_) {
+    case Op::kMean:
+    case Op::kSum: return RunWith<SumAcc>();
+    case Op::kMax: return RunWith<MaxAcc>();
+    case Op::kMin: return RunWith<MinAcc>();
+    case Op::kProd: return RunWith<ProdAcc>();
+  }
+}
+
+template <>
+template <typename Acc>
+void ReduceLayer<float>::RunWith() {
   const float* x = this->in()->GetCpuData();
   float* y = this->out()->GetCpuData();
   const int nk = static_cast<int>(kept_dims_.size());
@@ -121,9 +180,9 @@ void ReduceMeanLayer<float>::Run() {
   const int64_t* rd = red_dims_.data();
   const int64_t* rs = red_strides_.data();
   const int64_t out_count = this->out()->Count(0);
-  const double inv = 1.0 / static_cast<double>(reduce_count_);
-  // Each output sums its inputs in double in the order of the reduced
-  // positions (row-major over the reduced axes), within one task.
+  const double inv = op_ == Op::kMean ? 1.0 / static_cast<double>(reduce_count_) : 1.0;
+  // Each output gathers its inputs in the order of the reduced positions
+  // (row-major over the reduced axes), within one task.
 
   if (ks[nk - 1] == 1) {
     // The innermost axis is kept: blocks of neighbouring outputs add rows
@@ -136,22 +195,22 @@ void ReduceMeanLayer<float>::Run() {
     ParallelFor(
         rows * blocks,
         [=](int64_t begin, int64_t end) {
-          double sum[kBlock];
+          Acc acc[kBlock];
           for (int64_t t = begin; t < end; ++t) {
             const int64_t r = t / blocks;
             const int64_t i0 = (t % blocks) * kBlock;
             const int64_t len = std::min(kBlock, row - i0);
             const float* base = x + OffsetOf(r, kd, ks, nk - 1) + i0;
-            for (int64_t i = 0; i < len; ++i) sum[i] = 0.0;
+            for (int64_t i = 0; i < len; ++i) acc[i] = Acc();
             Index idx{};
             int64_t off = 0;
             for (int64_t p = 0; p < red_positions; ++p) {
               const float* src = base + off;
-              for (int64_t i = 0; i < len; ++i) sum[i] += src[i];
+              for (int64_t i = 0; i < len; ++i) acc[i].Add(src[i]);
               off += Step(idx, rd, rs, nr);
             }
             float* dst = y + r * row + i0;
-            for (int64_t i = 0; i < len; ++i) dst[i] = static_cast<float>(sum[i] * inv);
+            for (int64_t i = 0; i < len; ++i) dst[i] = acc[i].Get(inv);
           }
         },
         std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(1, red_positions * kBlock)));
@@ -167,18 +226,96 @@ void ReduceMeanLayer<float>::Run() {
       [=](int64_t begin, int64_t end) {
         for (int64_t o = begin; o < end; ++o) {
           const float* base = x + OffsetOf(o, kd, ks, nk);
-          double sum = 0.0;
+          Acc acc;
           Index idx{};
           int64_t off = 0;
           for (int64_t p = 0; p < outer_positions; ++p) {
             const float* src = base + off;
-            for (int64_t i = 0; i < inner; ++i) sum += src[i * inner_stride];
+            for (int64_t i = 0; i < inner; ++i) acc.Add(src[i * inner_stride]);
             off += Step(idx, rd, rs, nr - 1);
           }
-          y[o] = static_cast<float>(sum * inv);
+          y[o] = acc.Get(inv);
         }
       },
       std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(1, reduce_count_)));
+}
+
+// ---- ReduceArgs -----------------------------------------------------------
+
+template <>
+void ReduceArgsLayer<float>::LoadParam(const ParamReader& param) {
+  this->ExpectCounts(1, 1, 1, 1);
+  if (!param.Has("operation")) param.Fail("missing param \"operation\"");
+  max_ = param.Choice("operation", "argmax", {"argmax", "argmin"}) == "argmax";
+  axis_param_ = param.Int("axis", 0);
+  keepdims_ = param.Bool("keepdims", true);
+  last_ = param.Bool("select_last_index", false);
+}
+
+template <>
+std::string ReduceArgsLayer<float>::GetTypeDetail() {
+  return max_ ? "ReduceArgs(argmax)" : "ReduceArgs(argmin)";
+}
+
+template <>
+void ReduceArgsLayer<float>::Reshape() {
+  const Data<float>* x = this->in();
+  const std::vector<int> in_dims = x->GetDims();
+  const int rank = x->NumAxes();
+  const int axis = axis_param_ < 0 ? axis_param_ + rank : axis_param_;
+  if (axis < 0 || axis >= rank)
+    this->Fail("param \"axis\" " + std::to_string(axis_param_) + " is out of range for input \"" +
+               x->GetName() + "\" of shape " + DimsToString(in_dims));
+  std::vector<int> out_dims;
+  outer_ = inner_ = 1;
+  for (int k = 0; k < rank; ++k) {
+    if (k < axis) outer_ *= in_dims[k];
+    if (k > axis) inner_ *= in_dims[k];
+    if (k != axis) {
+      out_dims.push_back(in_dims[k]);
+    } else if (keepdims_) {
+      out_dims.push_back(1);
+    }
+  }
+  count_ = in_dims[axis];
+  if (out_dims.empty())
+    this->Fail("reducing the only axis of input \"" + x->GetName() + "\" of shape " +
+               DimsToString(in_dims) + " without keepdims leaves no axis; set keepdims");
+  this->out()->Resize(out_dims);
+}
+
+template <>
+void ReduceArgsLayer<float>::Run() {
+  const float* x = this->in()->GetCpuData();
+  float* y = this->out()->GetCpuData();
+  const int64_t inner = inner_, count = count_;
+  const bool max = max_, last = last_;
+  // A value replaces the best one when it is strictly better (or, for the
+  // last index, at least as good). A NaN wins over every number, as in
+  // NumPy and PyTorch: the index of the first NaN is the result.
+  ParallelFor(
+      outer_ * inner,
+      [=](int64_t begin, int64_t end) {
+        for (int64_t o = begin; o < end; ++o) {
+          const float* src = x + (o / inner) * count * inner + o % inner;
+          float best = src[0];
+          int64_t at = 0;
+          for (int64_t i = 1; i < count && best == best; ++i) {
+            const float v = src[i * inner];
+            if (v != v) {
+              at = i;
+              break;
+            }
+            const bool better = max ? (last ? v >= best : v > best) : (last ? v <= best : v < best);
+            if (better) {
+              best = v;
+              at = i;
+            }
+          }
+          y[o] = static_cast<float>(at);
+        }
+      },
+      std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(1, count)));
 }
 
 }  // namespace qzdl

@@ -66,6 +66,8 @@ std::map<std::string, TypeCase> Cases() {
   c["DepthToSpace"].inputs = {{2, 4, 3, 5}};
   c["DepthToSpace"].param = {{"blocksize", 2}};
   c["Pooling"].param = {{"kernel_size", 2}, {"stride", 2}};
+  c["Reduce"].param = {{"operation", "max"}, {"axes", Json::array{1}}};
+  c["ReduceArgs"].param = {{"operation", "argmax"}, {"axis", 1}};
   c["SpaceToDepth"].inputs = {{2, 3, 4, 6}};
   c["SpaceToDepth"].param = {{"blocksize", 2}};
   return c;
