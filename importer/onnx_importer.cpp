@@ -104,7 +104,10 @@ std::vector<NetInput> PrepareInputs(onnx::GraphProto* graph, const OnnxImportOpt
     const std::string msg = "graph input " + Quote(in.name());
     if (!vi.type().has_tensor_type()) throw OnnxImportError(msg + " is not a tensor");
     auto* tt = vi.mutable_type()->mutable_tensor_type();
-    if (tt->elem_type() != onnx_import::kFloat) {
+    // Half, bfloat16 and double inputs are taken as float32: the net
+    // computes in float32 (docs/onnx-import.md). Shape inference keeps the
+    // declared type, which the rest of the graph was typed by.
+    if (!onnx_import::IsFloatType(tt->elem_type())) {
       throw OnnxImportError(msg + " has element type " + onnx_import::TypeName(tt->elem_type()) +
                             "; the runtime takes float inputs only");
     }
