@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 
+#include "importer/control_flow.h"
 #include "importer/mapping_context.h"
 #include "importer/graph_checks.h"
 
@@ -326,14 +327,16 @@ void FoldConstants(onnx::ModelProto* model, int opset, MappingContext* c) {
   for (auto& out : *graph->mutable_output()) {
     if (out.type().has_tensor_type()) out.mutable_type()->mutable_tensor_type()->clear_shape();
   }
-  const int max_passes = graph->node_size() + 2;
-  for (int pass = 0; pass < max_passes; ++pass) {
+  // Each pass folds, adapts or inlines at least one node or stops; inlined
+  // branches add nodes, so the bound grows with them.
+  for (int pass = 0; pass < graph->node_size() + 2; ++pass) {
     InferShapesChecked(model);
     ReadShapes(*graph, c);
     const bool filled = FillKnownShapes(graph, c);
     const bool folded = FoldPass(graph, opset, c);
     const bool adapted = AdaptNewerForms(graph, opset, c);
-    if (!filled && !folded && !adapted) break;
+    const bool inlined = InlineConstantIfs(graph, c);
+    if (!filled && !folded && !adapted && !inlined) break;
   }
 }
 

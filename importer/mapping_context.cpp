@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "importer/control_flow.h"
 #include "runtime/layer_registry.h"
 
 namespace qzdl::onnx_import {
@@ -307,6 +308,7 @@ const MapperTable& Mappers() {
     AddActivationMappers(t);
     AddMathMappers(t);
     AddShapeMappers(t);
+    AddControlFlowMappers(t);
     return t;
   }();
   return table;

@@ -15,6 +15,7 @@
 #include "runtime/file_read.h"
 #include "runtime/serial_weights.h"
 #include "importer/mapping_context.h"
+#include "importer/control_flow.h"
 #include "importer/graph_checks.h"
 #include "importer/graph_order.h"
 #include "importer/graph_passes.h"
@@ -109,7 +110,9 @@ std::vector<NetInput> PrepareInputs(onnx::GraphProto* graph, const OnnxImportOpt
     // declared type, which the rest of the graph was typed by.
     if (!onnx_import::IsFloatType(tt->elem_type())) {
       throw OnnxImportError(msg + " has element type " + onnx_import::TypeName(tt->elem_type()) +
-                            "; the runtime takes float inputs only");
+                            "; the runtime takes float inputs only (an input that is a constant "
+                            "can be given with --constant-input " +
+                            in.name() + "=TENSOR.pb)");
     }
     Shape dims;
     auto it = options.input_shapes.find(in.name());
@@ -222,6 +225,7 @@ OnnxImportResult Import(onnx::ModelProto& model, const std::string& source,
   }
   onnx_import::CheckNodes(*graph, opset);
   onnx_import::FoldConstants(&model, opset, &c);
+  onnx_import::RefuseComputedIfs(*graph);
   onnx_import::FusePatterns(graph, &c);
 
   std::vector<std::string> outputs;

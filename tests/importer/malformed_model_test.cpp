@@ -125,8 +125,14 @@ TEST(MalformedModel, NodeWithoutOperatorType) {
 
 TEST(MalformedModel, UnknownOperatorIsRefusedBeforeInference) {
   onnx::ModelProto m = ConvModel();
+  AddNode(&m, "Loop", "loop", {"y"}, {"z"});
+  EXPECT_EQ(ImportMessage(m), "node \"loop\" (Loop): operator \"Loop\" is not supported");
+}
+
+TEST(MalformedModel, IfWithoutItsBranches) {
+  onnx::ModelProto m = ConvModel();
   AddNode(&m, "If", "branch", {"y"}, {"z"});
-  EXPECT_EQ(ImportMessage(m), "node \"branch\" (If): operator \"If\" is not supported");
+  EXPECT_EQ(ImportMessage(m), "node \"branch\" (If): required attribute \"else_branch\" is missing");
 }
 
 TEST(MalformedModel, PrivateOperatorOfTheImporter) {
