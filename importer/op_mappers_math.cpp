@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <climits>
 #include <set>
 
 #include "importer/mapping_context.h"
@@ -293,6 +294,30 @@ void EmitNormalize(MappingContext& c, const std::string& x, const std::vector<in
 // LayerNormalization and RMSNormalization over the axes from `axis` on, then
 // BroadcastOp products with the scale and the sum with the bias. The Mean and
 // InvStdDev outputs are the intermediate tensors.
+// Constant `t` broadcast to the row shape `row` and flattened; false when it
+// does not broadcast to exactly that shape.
+bool RowValues(const ConstTensor& t, const Shape& row, std::vector<float>* out) {
+  if (BroadcastShapes(t.dims, row) != row) return false;
+  const int64_t n = CheckedProduct(row);
+  out->resize(static_cast<size_t>(n));
+  const size_t offset = row.size() - t.dims.size();
+  for (int64_t i = 0; i < n; ++i) {
+    // The element of t that position i of the row reads.
+    int64_t rest = i, at = 0, stride = 1;
+    for (size_t k = row.size(); k-- > 0;) {
+      const int64_t idx = rest % row[k];
+      rest /= row[k];
+      if (k >= offset) {
+        const int64_t d = t.dims[k - offset];
+        at += (d == 1 ? 0 : idx) * stride;
+        stride *= d;
+      }
+    }
+    (*out)[static_cast<size_t>(i)] = static_cast<float>(t.Get(at));
+  }
+  return true;
+}
+
 void MapNormalization(MappingContext& c) {
   const bool rms = c.Op() == "RMSNormalization";
   const int64_t rank = c.InRank(0);
@@ -301,6 +326,23 @@ void MapNormalization(MappingContext& c) {
   c.Int("stash_type", 1);  // sums run in double here whatever it asks
   std::vector<int64_t> axes;
   for (int64_t a = axis; a < rank; ++a) axes.push_back(a);
+  // The usual form, constant weights and only the result used: one
+  // LayerNorm layer.
+  const Shape row(c.InShape(0).begin() + axis, c.InShape(0).end());
+  std::vector<float> scale, bias;
+  if (!rms && !c.OutputUsed(1) && !c.OutputUsed(2) && c.HasInput(1) && c.IsConst(1) &&
+      RowValues(c.Const(1, "scale"), row, &scale) &&
+      (!c.HasInput(2) || (c.IsConst(2) && RowValues(c.Const(2, "bias"), row, &bias))) &&
+      static_cast<float>(eps) >= 0.0f && CheckedProduct(row) <= INT32_MAX) {
+    const bool has_bias = c.HasInput(2);
+    const std::string layer = c.Emit("LayerNorm", {c.In(0)}, {c.Out(0)},
+                                     {{"axis", static_cast<int>(axis)},
+                                      {"eps", eps},
+                                      {"bias_term", has_bias}});
+    c.Weight(layer, "scale", {static_cast<int>(scale.size())}, scale);
+    if (has_bias) c.Weight(layer, "bias", {static_cast<int>(bias.size())}, bias);
+    return;
+  }
   const bool has_scale = c.HasInput(1), has_bias = !rms && c.HasInput(2);
   const std::string normed = has_scale ? c.NewTensor("normalized") : c.Out(0);
   EmitNormalize(c, c.In(0), axes, eps, rms, !rms && c.OutputUsed(1) ? c.Out(1) : "",

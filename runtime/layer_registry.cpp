@@ -19,6 +19,7 @@
 #include "runtime/layers/gather_tile.h"
 #include "runtime/layers/inner_product.h"
 #include "runtime/layers/instance_norm.h"
+#include "runtime/layers/layer_norm.h"
 #include "runtime/layers/log_softmax.h"
 #include "runtime/layers/lrn.h"
 #include "runtime/layers/math.h"
@@ -72,6 +73,8 @@ std::map<std::string, LayerFactory<float>>& FloatTable() {
       {"Lrn", &Make<LrnLayer<float>>},
       // instance_norm
       {"InstanceNormalization", &Make<InstanceNormalizationLayer<float>>},
+      // layer_norm
+      {"LayerNorm", &Make<LayerNormLayer<float>>},
       // reduce
       {"ReduceMean", &Make<ReduceMeanLayer<float>>},
       {"Reduce", &Make<ReduceLayer<float>>},

@@ -68,6 +68,7 @@ std::map<std::string, TypeCase> Cases() {
   c["Pooling"].param = {{"kernel_size", 2}, {"stride", 2}};
   c["Reduce"].param = {{"operation", "max"}, {"axes", Json::array{1}}};
   c["ReduceArgs"].param = {{"operation", "argmax"}, {"axis", 1}};
+  c["LayerNorm"].param = {{"axis", 2}};
   c["SpaceToDepth"].inputs = {{2, 3, 4, 6}};
   c["SpaceToDepth"].param = {{"blocksize", 2}};
   return c;
