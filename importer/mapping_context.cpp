@@ -111,6 +111,12 @@ std::vector<float> MappingContext::Floats(const std::string& name) {
   return {a->floats().begin(), a->floats().end()};
 }
 
+std::vector<std::string> MappingContext::Strs(const std::string& name) {
+  const auto* a = Attr(name);
+  if (!a) return {};
+  return {a->strings().begin(), a->strings().end()};
+}
+
 void MappingContext::Ignore(const std::string& name) { read_attrs_.insert(name); }
 
 void MappingContext::BadAttr(const std::string& name, const std::string& value,
@@ -309,6 +315,7 @@ const MapperTable& Mappers() {
     AddMathMappers(t);
     AddShapeMappers(t);
     AddControlFlowMappers(t);
+    AddRecurrentMappers(t);
     return t;
   }();
   return table;

@@ -65,6 +65,7 @@ class MappingContext {
   std::string Str(const std::string& name, const std::string& def);
   std::vector<int64_t> Ints(const std::string& name);
   std::vector<float> Floats(const std::string& name);
+  std::vector<std::string> Strs(const std::string& name);
   // Marks attributes that do not change inference (training-only ones).
   void Ignore(const std::string& name);
   // The error for an attribute value the mapping cannot express.
@@ -141,6 +142,7 @@ void AddConvMappers(MapperTable& table);
 void AddActivationMappers(MapperTable& table);
 void AddMathMappers(MapperTable& table);
 void AddShapeMappers(MapperTable& table);
+void AddRecurrentMappers(MapperTable& table);
 const MapperTable& Mappers();
 
 // Shared emitters.

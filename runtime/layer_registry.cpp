@@ -20,6 +20,7 @@
 #include "runtime/layers/inner_product.h"
 #include "runtime/layers/instance_norm.h"
 #include "runtime/layers/layer_norm.h"
+#include "runtime/layers/recurrent.h"
 #include "runtime/layers/log_softmax.h"
 #include "runtime/layers/lrn.h"
 #include "runtime/layers/math.h"
@@ -75,6 +76,9 @@ std::map<std::string, LayerFactory<float>>& FloatTable() {
       {"InstanceNormalization", &Make<InstanceNormalizationLayer<float>>},
       // layer_norm
       {"LayerNorm", &Make<LayerNormLayer<float>>},
+      // recurrent
+      {"LSTM", &Make<LSTMLayer<float>>},
+      {"BiLSTM", &Make<LSTMLayer<float>>},
       // reduce
       {"ReduceMean", &Make<ReduceMeanLayer<float>>},
       {"Reduce", &Make<ReduceLayer<float>>},
