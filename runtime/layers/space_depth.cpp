@@ -10,9 +10,10 @@ namespace qzdl {
 
 namespace {
 
-int ReadBlockSize(const ParamReader& param) {
-  const int block = param.RequiredInt("blocksize");
-  if (block < 1) param.Fail("param \"blocksize\" must be at least 1, got " + std::to_string(block));
+int ReadBlockSize(const ParamReader& param, const std::string& key = "blocksize") {
+  const int block = param.RequiredInt(key);
+  if (block < 1)
+    param.Fail("param \"" + key + "\" must be at least 1, got " + std::to_string(block));
   return block;
 }
 
@@ -23,12 +24,20 @@ int ReadBlockSize(const ParamReader& param) {
 template <>
 void DepthToSpaceLayer<float>::LoadParam(const ParamReader& param) {
   this->ExpectCounts(1, 1, 1, 1);
+  if (this->GetType() == "ShufflePixel") {
+    // PyTorch's PixelShuffle: DepthToSpace in CRD order under its own name.
+    block_key_ = "upscale_factor";
+    block_ = ReadBlockSize(param, block_key_);
+    crd_ = true;
+    return;
+  }
   block_ = ReadBlockSize(param);
   crd_ = param.Choice("mode", "DCR", {"DCR", "CRD"}) == "CRD";
 }
 
 template <>
 std::string DepthToSpaceLayer<float>::GetTypeDetail() {
+  if (this->GetType() == "ShufflePixel") return this->GetType();
   return crd_ ? "DepthToSpace(CRD)" : "DepthToSpace(DCR)";
 }
 
@@ -42,9 +51,9 @@ void DepthToSpaceLayer<float>::Reshape() {
   if (x->GetDim(1) % bb != 0)
     this->Fail("input \"" + x->GetName() + "\" of shape " + DimsToString(x->GetDims()) + " has " +
                std::to_string(x->GetDim(1)) +
-               " channels, not a multiple of blocksize^2 = " + std::to_string(bb));
+               " channels, not a multiple of " + block_key_ + "^2 = " + std::to_string(bb));
   if (h > INT32_MAX || w > INT32_MAX)
-    this->Fail("blocksize " + std::to_string(block_) + " makes the spatial size of input \"" +
+    this->Fail(block_key_ + " " + std::to_string(block_) + " makes the spatial size of input \"" +
                x->GetName() + "\" of shape " + DimsToString(x->GetDims()) + " too large");
   this->out()->Resize({x->GetDim(0), static_cast<int>(x->GetDim(1) / bb), static_cast<int>(h),
                        static_cast<int>(w)});
