@@ -10,8 +10,8 @@ namespace qzdl {
 
 namespace {
 
-int ReadBlockSize(const ParamReader& param, const std::string& key = "blocksize") {
-  const int block = param.RequiredInt(key);
+// `block` as read from param `key`, checked.
+int CheckBlockSize(const ParamReader& param, const std::string& key, int block) {
   if (block < 1)
     param.Fail("param \"" + key + "\" must be at least 1, got " + std::to_string(block));
   return block;
@@ -27,11 +27,11 @@ void DepthToSpaceLayer<float>::LoadParam(const ParamReader& param) {
   if (this->GetType() == "ShufflePixel") {
     // PyTorch's PixelShuffle: DepthToSpace in CRD order under its own name.
     block_key_ = "upscale_factor";
-    block_ = ReadBlockSize(param, block_key_);
+    block_ = CheckBlockSize(param, block_key_, param.RequiredInt("upscale_factor"));
     crd_ = true;
     return;
   }
-  block_ = ReadBlockSize(param);
+  block_ = CheckBlockSize(param, "blocksize", param.RequiredInt("blocksize"));
   crd_ = param.Choice("mode", "DCR", {"DCR", "CRD"}) == "CRD";
 }
 
@@ -100,7 +100,7 @@ void DepthToSpaceLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inpu
 template <>
 void SpaceToDepthLayer<float>::LoadParam(const ParamReader& param) {
   this->ExpectCounts(1, 1, 1, 1);
-  block_ = ReadBlockSize(param);
+  block_ = CheckBlockSize(param, "blocksize", param.RequiredInt("blocksize"));
 }
 
 template <>

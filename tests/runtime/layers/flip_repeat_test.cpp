@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "elementwise_test_support.h"
 #include "shape_test_support.h"
 
 namespace qzdl {
@@ -127,6 +128,21 @@ TEST(RepeatLayer, Errors) {
             head +
                 "param \"repeats\" 1073741824 makes axis 1 of input \"x\" of shape [1, 2, 3] "
                 "too large");
+}
+
+// Numbers, strings, arrays and null in place of each param: refused with a
+// message or run, never a crash.
+TEST(FlipRepeatLayers, SurviveBadParamValues) {
+  test::ExpectBadParamsHandled("Flip", {{"axes", Json::array{1, -1}}}, {{2, 3, 4}});
+  test::ExpectBadParamsHandled("Repeat", {{"axis", 1}, {"repeats", 2}}, {{2, 3, 4}});
+}
+
+TEST(FlipRepeatLayers, SameBitsWithOneOrTwoThreads) {
+  const test::Tensor x = test::RandomTensor({3, 8, 50, 40}, 63);
+  test::ExpectThreadIndependent("Flip", {{"axes", Json::array{0, 2}}}, {x});
+  test::ExpectThreadIndependent("Flip", {{"axes", Json::array{1, 3}}}, {x});
+  test::ExpectThreadIndependent("Repeat", {{"axis", 2}, {"repeats", 3}}, {x});
+  test::ExpectThreadIndependent("Repeat", {{"axis", 3}, {"repeats", 2}}, {x});
 }
 
 }  // namespace
