@@ -8,7 +8,6 @@
 #include <string>
 
 #include "runtime/kernels/parallel.h"
-
 #include "runtime/layers/reshape.h"
 
 namespace qzdl {
@@ -71,8 +70,7 @@ void ArangeLayer<float>::LoadParam(const ParamReader& param) {
   if (!std::isfinite(start_) || !std::isfinite(end_) || !std::isfinite(step_))
     param.Fail("params \"start\", \"end\" and \"step\" must be finite numbers");
   if (step_ == 0.0f) param.Fail("param \"step\" must not be 0");
-  const double count =
-      std::max(std::ceil((double(end_) - double(start_)) / double(step_)), 0.0);
+  const double count = std::max(std::ceil((double(end_) - double(start_)) / double(step_)), 0.0);
   if (count > INT_MAX)
     param.Fail("start " + Number(start_) + ", end " + Number(end_) + " and step " + Number(step_) +
                " make more than " + std::to_string(INT_MAX) + " elements");

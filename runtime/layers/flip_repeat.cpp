@@ -43,8 +43,8 @@ void FlipLayer<float>::Reshape() {
       this->Fail("param \"axes\" " + DimsToString(axes_) + ": axis " + std::to_string(a) +
                  " is out of range for " + Describe(x));
     if (flipped_[axis])
-      this->Fail("param \"axes\" " + DimsToString(axes_) + " names axis " +
-                 std::to_string(axis) + " twice");
+      this->Fail("param \"axes\" " + DimsToString(axes_) + " names axis " + std::to_string(axis) +
+                 " twice");
     flipped_[axis] = 1;
   }
   this->out()->Resize(x->GetDims());

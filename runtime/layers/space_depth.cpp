@@ -50,8 +50,8 @@ void DepthToSpaceLayer<float>::Reshape() {
   const int64_t w = static_cast<int64_t>(x->GetDim(3)) * block_;
   if (x->GetDim(1) % bb != 0)
     this->Fail("input \"" + x->GetName() + "\" of shape " + DimsToString(x->GetDims()) + " has " +
-               std::to_string(x->GetDim(1)) +
-               " channels, not a multiple of " + block_key_ + "^2 = " + std::to_string(bb));
+               std::to_string(x->GetDim(1)) + " channels, not a multiple of " + block_key_ +
+               "^2 = " + std::to_string(bb));
   if (h > INT32_MAX || w > INT32_MAX)
     this->Fail(block_key_ + " " + std::to_string(block_) + " makes the spatial size of input \"" +
                x->GetName() + "\" of shape " + DimsToString(x->GetDims()) + " too large");

@@ -80,7 +80,10 @@ TEST(OnnxLayerTypes, PadModesHaveTheirOwnTypes) {
                 "ReplicationPadding",
                 {0, 0, 0, 0, 0, 0, 2, 1},
                 {1, 2, 3, 3, 4, 5, 6, 6, 4, 5, 6, 6, 4, 5, 6, 6}},
-           Case{"constant", "Padding", {0, 0, 1, 0, 0, 0, 0, 1}, {0, 0, 0, 0, 1, 2, 3, 0, 4, 5, 6, 0}},
+           Case{"constant",
+                "Padding",
+                {0, 0, 1, 0, 0, 0, 0, 1},
+                {0, 0, 0, 0, 1, 2, 3, 0, 4, 5, 6, 0}},
        }) {
     SCOPED_TRACE(c.mode);
     const OnnxImportResult r = Import(PadModel(c.mode, c.pads));
@@ -116,7 +119,8 @@ std::vector<float> L2Reference(const std::vector<float>& x, const std::vector<in
   for (int64_t o = 0; o < outer; ++o)
     for (int64_t i = 0; i < inner; ++i) {
       double sum = 0;
-      for (int64_t k = 0; k < n; ++k) sum += double(x[(o * n + k) * inner + i]) * x[(o * n + k) * inner + i];
+      for (int64_t k = 0; k < n; ++k)
+        sum += double(x[(o * n + k) * inner + i]) * x[(o * n + k) * inner + i];
       for (int64_t k = 0; k < n; ++k) {
         const int64_t at = (o * n + k) * inner + i;
         y[at] = sum == 0 ? 0.0f : static_cast<float>(x[at] / std::sqrt(sum));

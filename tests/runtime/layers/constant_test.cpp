@@ -98,7 +98,8 @@ TEST(ConstantLayer, RejectsBadParams) {
 // ---------------------------------------------------------------------------
 // Arange: torch.arange fixtures (make_more_layer_fixtures.py); exact.
 
-std::vector<float> RunArange(const Json::object& param, const std::vector<std::string>& inputs = {}) {
+std::vector<float> RunArange(const Json::object& param,
+                             const std::vector<std::string>& inputs = {}) {
   test::NetBuilder b;
   b.Input("x", {1, 2}).Layer("a", "Arange", inputs, {"r"}, param);
   auto net = b.Build();

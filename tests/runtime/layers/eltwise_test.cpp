@@ -162,7 +162,8 @@ TEST(MeanLayer, MatchesOnnxCases) {
 
 TEST(MeanLayer, HandCaseShapeAndErrors) {
   const Tensor got = test::RunLayer(
-      "Mean", {}, {Tensor{{1, 3}, {1, 2, 3}}, Tensor{{1, 3}, {3, 4, 6}}, Tensor{{1, 3}, {2, 0, 0}}});
+      "Mean", {},
+      {Tensor{{1, 3}, {1, 2, 3}}, Tensor{{1, 3}, {3, 4, 6}}, Tensor{{1, 3}, {2, 0, 0}}});
   EXPECT_EQ(got.dims, (std::vector<int>{1, 3}));
   EXPECT_EQ(got.values, (std::vector<float>{2, 2, 3}));
   auto net = test::OneLayerNet("Mean", {}, {{1, 2, 3}, {1, 2, 3}}).Build();

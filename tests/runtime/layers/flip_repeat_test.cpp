@@ -29,8 +29,8 @@ TEST(FlipLayer, MatchesTorch) {
     const char* fixture;
     Json::array axes;
   };
-  for (const Case& c : {Case{"flip_a13", {1, 3}}, Case{"flip_rank3_neg", {-1, 0}},
-                        Case{"flip_rank5", {2, 3}}}) {
+  for (const Case& c :
+       {Case{"flip_a13", {1, 3}}, Case{"flip_rank3_neg", {-1, 0}}, Case{"flip_rank5", {2, 3}}}) {
     SCOPED_TRACE(c.fixture);
     const std::string f = c.fixture;
     ExpectSame(RunLayer("Flip", {{"axes", c.axes}}, FlipRepeatFixture(f + "_in"))[0],
@@ -40,8 +40,10 @@ TEST(FlipLayer, MatchesTorch) {
 
 TEST(FlipLayer, HandCases) {
   const Tensor x{{2, 3}, {1, 2, 3, 4, 5, 6}};
-  ExpectSame(RunLayer("Flip", {{"axes", Json::array{1}}}, x)[0], Tensor{{2, 3}, {3, 2, 1, 6, 5, 4}});
-  ExpectSame(RunLayer("Flip", {{"axes", Json::array{0}}}, x)[0], Tensor{{2, 3}, {4, 5, 6, 1, 2, 3}});
+  ExpectSame(RunLayer("Flip", {{"axes", Json::array{1}}}, x)[0],
+             Tensor{{2, 3}, {3, 2, 1, 6, 5, 4}});
+  ExpectSame(RunLayer("Flip", {{"axes", Json::array{0}}}, x)[0],
+             Tensor{{2, 3}, {4, 5, 6, 1, 2, 3}});
   ExpectSame(RunLayer("Flip", {{"axes", Json::array{-2, -1}}}, x)[0],
              Tensor{{2, 3}, {6, 5, 4, 3, 2, 1}});
   ExpectSame(RunLayer("Flip", {{"axes", Json::array{}}}, x)[0], x);
@@ -86,8 +88,8 @@ TEST(RepeatLayer, MatchesTorch) {
     int axis;
     int repeats;
   };
-  for (const Case& c : {Case{"repeat_a1", 1, 3}, Case{"repeat_last", -1, 2},
-                        Case{"repeat_a0", 0, 4}}) {
+  for (const Case& c :
+       {Case{"repeat_a1", 1, 3}, Case{"repeat_last", -1, 2}, Case{"repeat_a0", 0, 4}}) {
     SCOPED_TRACE(c.fixture);
     const std::string f = c.fixture;
     ExpectSame(RunLayer("Repeat", {{"axis", c.axis}, {"repeats", c.repeats}},

@@ -121,14 +121,13 @@ TEST(SpaceDepthLayers, ShufflePixelShapeDetailAndErrors) {
   const std::string p = "net description: layer \"l\" (ShufflePixel): ";
   EXPECT_EQ(test::BuildError(test::OneLayerNet("ShufflePixel", {}, {{1, 8, 2, 2}})),
             p + "missing param \"upscale_factor\"");
-  EXPECT_EQ(test::BuildError(
-                test::OneLayerNet("ShufflePixel", {{"upscale_factor", 0}}, {{1, 8, 2, 2}})),
-            p + "param \"upscale_factor\" must be at least 1, got 0");
-  EXPECT_EQ(test::BuildError(
-                test::OneLayerNet("ShufflePixel", {{"upscale_factor", 2}}, {{1, 6, 2, 2}})),
-            p +
-                "input \"x0\" of shape [1, 6, 2, 2] has 6 channels, not a multiple of "
-                "upscale_factor^2 = 4");
+  EXPECT_EQ(
+      test::BuildError(test::OneLayerNet("ShufflePixel", {{"upscale_factor", 0}}, {{1, 8, 2, 2}})),
+      p + "param \"upscale_factor\" must be at least 1, got 0");
+  EXPECT_EQ(
+      test::BuildError(test::OneLayerNet("ShufflePixel", {{"upscale_factor", 2}}, {{1, 6, 2, 2}})),
+      p + "input \"x0\" of shape [1, 6, 2, 2] has 6 channels, not a multiple of "
+          "upscale_factor^2 = 4");
   test::ExpectBadParamsHandled("ShufflePixel", {{"upscale_factor", 2}}, {{1, 8, 2, 2}});
 }
 
