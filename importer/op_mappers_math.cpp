@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <climits>
+#include <limits>
 #include <set>
 
 #include "importer/mapping_context.h"
@@ -391,9 +392,38 @@ void MapGroupNormalization(MappingContext& c) {
   c.Weight(layer, "bias", {static_cast<int>(channels)}, bias);
 }
 
+// LpNormalization with p = 2: L2Normalization, which sums over axis 1 at
+// each position of the other axes. Another axis is moved to position 1 by a
+// Permute and back by its inverse. The epsilon is the smallest normal float:
+// it changes no norm of floats that are not tiny, and a zero vector gives
+// zeros, as the ONNX reference does, instead of 0 * inf.
+void MapLpNormalization(MappingContext& c) {
+  const int64_t p = c.Int("p", 2);
+  if (p != 2) c.BadAttr("p", std::to_string(p), "only p = 2 maps to L2Normalization");
+  const int64_t rank = c.InRank(0);
+  if (rank < 2) c.Fail("input of rank " + std::to_string(rank) + "; L2Normalization needs 2 axes");
+  const int64_t axis = NormalizeAxis(c, c.Int("axis", -1), rank, "axis");
+  const Json::object param = {{"eps", static_cast<double>(std::numeric_limits<float>::min())}};
+  if (axis == 1) {
+    c.Emit("L2Normalization", {c.In(0)}, {c.Out(0)}, param);
+    return;
+  }
+  std::vector<int64_t> order = {axis}, back(rank);
+  for (int64_t k = 0; k < rank; ++k)
+    if (k != axis) order.push_back(k);
+  // Axis `axis` first, then swapped with the one at position 0 (the batch).
+  std::swap(order[0], order[1]);
+  for (int64_t k = 0; k < rank; ++k) back[order[k]] = k;
+  const std::string moved = c.NewTensor("moved"), normed = c.NewTensor("normed");
+  c.Emit("Permute", {c.In(0)}, {moved}, {{"order", JsonInts(order)}}, c.NewLayerName("to_axis1"));
+  c.Emit("L2Normalization", {moved}, {normed}, param, c.NewLayerName("l2"));
+  c.Emit("Permute", {normed}, {c.Out(0)}, {{"order", JsonInts(back)}});
+}
+
 }  // namespace
 
 void AddMathMappers(MapperTable& t) {
+  t["LpNormalization"] = MapLpNormalization;
   for (const char* op : {"Add", "Sub", "Mul", "Div"}) t[op] = MapBinary;
   for (const char* op : {"Sum", "Mean", "Max", "Min"}) t[op] = MapVariadic;
   t["Pow"] = MapPow;

@@ -267,13 +267,21 @@ void MapPad(MappingContext& c) {
     c.Fail("pads " + DimsString(pads) + " on input of shape " + DimsString(in) +
            "; only the H and W axes of 4-d data can be padded");
   }
-  c.Emit("Padding", {c.In(0)}, {c.Out(0)},
-         {{"pad_top", static_cast<int>(pads[2])},
-          {"pad_left", static_cast<int>(pads[3])},
-          {"pad_bottom", static_cast<int>(pads[6])},
-          {"pad_right", static_cast<int>(pads[7])},
-          {"mode", mode},
-          {"value", value}});
+  Json::object param = {{"pad_top", static_cast<int>(pads[2])},
+                        {"pad_left", static_cast<int>(pads[3])},
+                        {"pad_bottom", static_cast<int>(pads[6])},
+                        {"pad_right", static_cast<int>(pads[7])}};
+  // Reflect and edge under the type names that carry their mode, which the
+  // converter's range rules look for.
+  if (mode == "reflect") {
+    c.Emit("ReflectionPadding", {c.In(0)}, {c.Out(0)}, param);
+  } else if (mode == "edge") {
+    c.Emit("ReplicationPadding", {c.In(0)}, {c.Out(0)}, param);
+  } else {
+    param["mode"] = mode;
+    param["value"] = value;
+    c.Emit("Padding", {c.In(0)}, {c.Out(0)}, param);
+  }
 }
 
 // True when ONNX nearest resizing from `in` to `out` pixels (with the given

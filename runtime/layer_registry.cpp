@@ -16,6 +16,7 @@
 #include "runtime/layers/convolution.h"
 #include "runtime/layers/detection.h"
 #include "runtime/layers/eltwise.h"
+#include "runtime/layers/flip_repeat.h"
 #include "runtime/layers/gather_tile.h"
 #include "runtime/layers/inner_product.h"
 #include "runtime/layers/instance_norm.h"
@@ -86,6 +87,10 @@ std::map<std::string, LayerFactory<float>>& FloatTable() {
       // space_depth
       {"DepthToSpace", &Make<DepthToSpaceLayer<float>>},
       {"SpaceToDepth", &Make<SpaceToDepthLayer<float>>},
+      {"ShufflePixel", &Make<DepthToSpaceLayer<float>>},
+      // flip_repeat
+      {"Flip", &Make<FlipLayer<float>>},
+      {"Repeat", &Make<RepeatLayer<float>>},
       // gather_tile
       {"Gather", &Make<GatherLayer<float>>},
       {"Tile", &Make<TileLayer<float>>},
@@ -98,6 +103,7 @@ std::map<std::string, LayerFactory<float>>& FloatTable() {
       {"Clip", &Make<ClipLayer<float>>},
       // constant
       {"Constant", &Make<ConstantLayer<float>>},
+      {"Arange", &Make<ArangeLayer<float>>},
       // pooling
       {"Pooling", &Make<PoolingLayer<float>>},
       // softmax
@@ -105,12 +111,16 @@ std::map<std::string, LayerFactory<float>>& FloatTable() {
       // eltwise
       {"Eltwise", &Make<EltwiseLayer<float>>},
       {"BroadcastOp", &Make<BroadcastOpLayer<float>>},
+      {"Mean", &Make<MeanLayer<float>>},
       // concat
       {"Concat", &Make<ConcatLayer<float>>},
       // normalization
       {"BatchNormal", &Make<BatchNormalLayer<float>>},
       {"Scale", &Make<ScaleLayer<float>>},
+      // Both names load; "L2Normalization" is the one written by the importer
+      // and named by the converter's type tables.
       {"L2Normalize", &Make<L2NormalizeLayer<float>>},
+      {"L2Normalization", &Make<L2NormalizeLayer<float>>},
       // detection
       {"DetectionOutput", &Make<DetectionOutputLayer<float>>},
       {"PriorBox", &Make<PriorBoxLayer<float>>},
@@ -127,6 +137,8 @@ std::map<std::string, LayerFactory<float>>& FloatTable() {
       // padding
       {"Padding", &Make<PaddingLayer<float>>},
       {"ZeroPadding", &Make<PaddingLayer<float>>},
+      {"ReflectionPadding", &Make<PaddingLayer<float>>},
+      {"ReplicationPadding", &Make<PaddingLayer<float>>},
       // shuffle_channel
       {"ShuffleChannel", &Make<ShuffleChannelLayer<float>>},
   };
@@ -204,9 +216,14 @@ const std::map<std::string, LayerFactory<unsigned char>>& Int8Table() {
       {"ShuffleChannel", &Make8<MoverInt8Layer>},
       {"DepthToSpace", &Make8<MoverInt8Layer>},
       {"SpaceToDepth", &Make8<MoverInt8Layer>},
+      {"ShufflePixel", &Make8<MoverInt8Layer>},
+      {"Flip", &Make8<MoverInt8Layer>},
+      {"Repeat", &Make8<MoverInt8Layer>},
       {"Upsample", &Make8<MoverInt8Layer>},  // bilinear: float island
       {"Padding", &Make8<MoverInt8Layer>},
       {"ZeroPadding", &Make8<MoverInt8Layer>},
+      {"ReflectionPadding", &Make8<MoverInt8Layer>},
+      {"ReplicationPadding", &Make8<MoverInt8Layer>},
       // float island, named so that no integer kernel is assumed: both
       // operands are activations, each on a grid of its own
       {"BatchMatrixMul", &Make8<FloatIslandLayer>},

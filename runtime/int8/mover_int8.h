@@ -1,12 +1,13 @@
 // Data movers in the 8-bit net (docs/int8.md): Reshape, Flatten, Permute,
 // Concat, Slice, Split, Crop, Gather, Tile, Squeeze, ExpandDims,
-// ShuffleChannel, DepthToSpace, SpaceToDepth, nearest Upsample and Padding
-// move codes with the float layer's own kernel (ElementMover), so nothing
-// is converted through float. Where an input's grid differs from the
-// output's, codes are moved to the output grid by a table of CodeOf(RealOf(c))
-// (before moving, or after it for layers with several outputs); padding is
-// filled with the code of the fill value on the output grid (the zero
-// point for zeros). The result is the float island's, bit for bit.
+// ShuffleChannel, DepthToSpace, ShufflePixel, SpaceToDepth, Flip, Repeat,
+// nearest Upsample and the paddings move codes with the float layer's own
+// kernel (ElementMover), so nothing is converted through float. Where an
+// input's grid differs from the output's, codes are moved to the output grid
+// by a table of CodeOf(RealOf(c)) (before moving, or after it for layers with
+// several outputs); padding is filled with the code of the fill value on the
+// output grid (the zero point for zeros). The result is the float island's,
+// bit for bit.
 #pragma once
 
 #include <cstdint>

@@ -89,6 +89,54 @@ void EltwiseLayer<float>::Run() {
   });
 }
 
+// ---- Mean -----------------------------------------------------------------
+
+template <>
+void MeanLayer<float>::LoadParam(const ParamReader& param) {
+  this->ExpectCounts(1, -1, 1, 1);
+}
+
+template <>
+void MeanLayer<float>::Reshape() {
+  const auto& inputs = this->GetInputs();
+  const std::vector<int> dims = inputs[0]->GetDims();
+  for (size_t k = 1; k < inputs.size(); ++k)
+    if (inputs[k]->GetDims() != dims)
+      this->Fail("input \"" + inputs[k]->GetName() + "\" has shape " +
+                 DimsToString(inputs[k]->GetDims()) + ", but input \"" + inputs[0]->GetName() +
+                 "\" has shape " + DimsToString(dims) +
+                 "; all inputs must have the same shape (no broadcasting)");
+  sources_.assign(inputs.size(), nullptr);
+  this->out()->Resize(dims);
+}
+
+template <>
+void MeanLayer<float>::Run() {
+  const auto& inputs = this->GetInputs();
+  for (size_t k = 0; k < inputs.size(); ++k) sources_[k] = inputs[k]->GetCpuData();
+  const float* const* src = sources_.data();
+  const int64_t num = static_cast<int64_t>(sources_.size());
+  const float divisor = static_cast<float>(num);
+  float* y = this->out()->GetCpuData();
+  // As Eltwise: every input is read for a block before the block is
+  // written, so the output may share its buffer with any input. A division,
+  // not a product with 1 / N, so that the result is the reference's bit for
+  // bit.
+  ParallelFor(inputs[0]->Count(0), [=](int64_t begin, int64_t end) {
+    constexpr int64_t kBlock = 256;
+    float acc[kBlock];
+    for (int64_t s = begin; s < end; s += kBlock) {
+      const int64_t n = std::min(kBlock, end - s);
+      std::copy(src[0] + s, src[0] + s + n, acc);
+      for (int64_t k = 1; k < num; ++k) {
+        const float* xk = src[k] + s;
+        for (int64_t i = 0; i < n; ++i) acc[i] += xk[i];
+      }
+      for (int64_t i = 0; i < n; ++i) y[s + i] = acc[i] / divisor;
+    }
+  });
+}
+
 // ---- BroadcastOp ----------------------------------------------------------
 
 template <>

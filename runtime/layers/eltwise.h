@@ -1,5 +1,6 @@
-// Element-wise combination of several tensors: "Eltwise" for inputs of one
-// shape, "BroadcastOp" for two inputs with numpy-style broadcasting.
+// Element-wise combination of several tensors: "Eltwise" and "Mean" for
+// inputs of one shape, "BroadcastOp" for two inputs with numpy-style
+// broadcasting.
 #pragma once
 
 #include <string>
@@ -30,6 +31,23 @@ class EltwiseLayer : public Layer<T> {
  private:
   Op op_ = Op::kSum;
   std::vector<float> coeff_;           // one per input; all 1 unless given
+  std::vector<const float*> sources_;  // input pointers, refreshed at each Run
+};
+
+// "Mean": y = (x_1 + ... + x_N) / N over N >= 1 inputs of identical shape
+// (ONNX Mean without broadcasting); summed in input order in float, then
+// divided by N.
+template <typename T>
+class MeanLayer : public Layer<T> {
+ public:
+  void LoadParam(const ParamReader& param) override;
+  void Reshape() override;
+  bool InPlaceSafe() const override { return true; }
+
+ protected:
+  void Run() override;
+
+ private:
   std::vector<const float*> sources_;  // input pointers, refreshed at each Run
 };
 

@@ -29,6 +29,13 @@ void PaddingLayer<float>::LoadParam(const ParamReader& param) {
     mode_ = param.Choice("mode", "constant", {"constant"});
     value_ = param.Float("value", 0.0f);
     if (value_ != 0.0f) param.Fail("param \"value\" must be 0; ZeroPadding pads with zeros");
+  } else if (this->GetType() == "ReflectionPadding" || this->GetType() == "ReplicationPadding") {
+    // The type names the mode; a differing `mode` is a mistake, not a choice.
+    const std::string fixed = this->GetType() == "ReflectionPadding" ? "reflect" : "edge";
+    mode_ = param.String("mode", fixed);
+    if (mode_ != fixed)
+      param.Fail("param \"mode\" is \"" + mode_ + "\"; " + this->GetType() +
+                 " always pads with mode \"" + fixed + "\"");
   } else {
     mode_ = param.Choice("mode", "constant", {"constant", "reflect", "edge"});
     value_ = param.Float("value", 0.0f);
@@ -65,7 +72,7 @@ void PaddingLayer<float>::Reshape() {
 
 template <>
 std::string PaddingLayer<float>::GetTypeDetail() {
-  if (this->GetType() == "ZeroPadding") return this->GetType();
+  if (this->GetType() != "Padding") return this->GetType();
   return this->GetType() + "(" + mode_ + ")";
 }
 

@@ -12,7 +12,8 @@ namespace qzdl {
 // "Padding": adds pad_top / pad_bottom rows and pad_left / pad_right columns.
 // `mode` "constant" fills with `value`, "reflect" mirrors without repeating
 // the border (pads must be smaller than the padded axis), "edge" repeats the
-// border. "ZeroPadding" is the same layer restricted to constant zeros.
+// border. "ZeroPadding" is the same layer restricted to constant zeros,
+// "ReflectionPadding" to mode reflect and "ReplicationPadding" to mode edge.
 template <typename T>
 class PaddingLayer : public Layer<T>, public ElementMover {
  public:

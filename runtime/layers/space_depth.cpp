@@ -10,9 +10,10 @@ namespace qzdl {
 
 namespace {
 
-int ReadBlockSize(const ParamReader& param) {
-  const int block = param.RequiredInt("blocksize");
-  if (block < 1) param.Fail("param \"blocksize\" must be at least 1, got " + std::to_string(block));
+// `block` as read from param `key`, checked.
+int CheckBlockSize(const ParamReader& param, const std::string& key, int block) {
+  if (block < 1)
+    param.Fail("param \"" + key + "\" must be at least 1, got " + std::to_string(block));
   return block;
 }
 
@@ -23,12 +24,20 @@ int ReadBlockSize(const ParamReader& param) {
 template <>
 void DepthToSpaceLayer<float>::LoadParam(const ParamReader& param) {
   this->ExpectCounts(1, 1, 1, 1);
-  block_ = ReadBlockSize(param);
+  if (this->GetType() == "ShufflePixel") {
+    // PyTorch's PixelShuffle: DepthToSpace in CRD order under its own name.
+    block_key_ = "upscale_factor";
+    block_ = CheckBlockSize(param, block_key_, param.RequiredInt("upscale_factor"));
+    crd_ = true;
+    return;
+  }
+  block_ = CheckBlockSize(param, "blocksize", param.RequiredInt("blocksize"));
   crd_ = param.Choice("mode", "DCR", {"DCR", "CRD"}) == "CRD";
 }
 
 template <>
 std::string DepthToSpaceLayer<float>::GetTypeDetail() {
+  if (this->GetType() == "ShufflePixel") return this->GetType();
   return crd_ ? "DepthToSpace(CRD)" : "DepthToSpace(DCR)";
 }
 
@@ -41,10 +50,10 @@ void DepthToSpaceLayer<float>::Reshape() {
   const int64_t w = static_cast<int64_t>(x->GetDim(3)) * block_;
   if (x->GetDim(1) % bb != 0)
     this->Fail("input \"" + x->GetName() + "\" of shape " + DimsToString(x->GetDims()) + " has " +
-               std::to_string(x->GetDim(1)) +
-               " channels, not a multiple of blocksize^2 = " + std::to_string(bb));
+               std::to_string(x->GetDim(1)) + " channels, not a multiple of " + block_key_ +
+               "^2 = " + std::to_string(bb));
   if (h > INT32_MAX || w > INT32_MAX)
-    this->Fail("blocksize " + std::to_string(block_) + " makes the spatial size of input \"" +
+    this->Fail(block_key_ + " " + std::to_string(block_) + " makes the spatial size of input \"" +
                x->GetName() + "\" of shape " + DimsToString(x->GetDims()) + " too large");
   this->out()->Resize({x->GetDim(0), static_cast<int>(x->GetDim(1) / bb), static_cast<int>(h),
                        static_cast<int>(w)});
@@ -91,7 +100,7 @@ void DepthToSpaceLayer<float>::MoveCodes(const std::vector<const uint8_t*>& inpu
 template <>
 void SpaceToDepthLayer<float>::LoadParam(const ParamReader& param) {
   this->ExpectCounts(1, 1, 1, 1);
-  block_ = ReadBlockSize(param);
+  block_ = CheckBlockSize(param, "blocksize", param.RequiredInt("blocksize"));
 }
 
 template <>

@@ -1,5 +1,6 @@
 // Moving blocks of pixels between the spatial axes and the channels of 4-d
-// NCHW data: "DepthToSpace" and "SpaceToDepth". Both only move elements.
+// NCHW data: "DepthToSpace" (also as "ShufflePixel") and "SpaceToDepth".
+// Both only move elements.
 #pragma once
 
 #include <string>
@@ -13,6 +14,8 @@ namespace qzdl {
 // `blocksize`. With `mode` "DCR" (depth-column-row, the default) output
 // channel c at offset (i, j) of a block comes from input channel
 // (i * b + j) * C + c; with "CRD" from c * b * b + i * b + j.
+// "ShufflePixel" (PyTorch's PixelShuffle) is the same layer in CRD order,
+// with the block size in param `upscale_factor`.
 template <typename T>
 class DepthToSpaceLayer : public Layer<T>, public ElementMover {
  public:
@@ -20,7 +23,7 @@ class DepthToSpaceLayer : public Layer<T>, public ElementMover {
                  uint8_t fill) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
-  // "DepthToSpace(DCR)" or "DepthToSpace(CRD)".
+  // "DepthToSpace(DCR)", "DepthToSpace(CRD)" or "ShufflePixel".
   std::string GetTypeDetail() override;
   int BlockSize() const { return block_; }
   bool Crd() const { return crd_; }
@@ -34,6 +37,7 @@ class DepthToSpaceLayer : public Layer<T>, public ElementMover {
   void Move(const E* x, E* y) const;
   int block_ = 1;
   bool crd_ = false;
+  std::string block_key_ = "blocksize";  // the param named in messages
 };
 
 // "SpaceToDepth": [N, C, H * b, W * b] -> [N, C * b * b, H, W]; the inverse

@@ -169,7 +169,8 @@ TEST(OnnxGraph, PyTorchMixedNetMatchesPyTorch) {
   EXPECT_EQ(count["Crop"], 4);  // chunk in two, the two slices after the pad
   EXPECT_EQ(count["Deconvolution"], 1);
   EXPECT_EQ(count["Upsample"], 1);
-  EXPECT_EQ(count["Padding"], 1);
+  EXPECT_EQ(count["ReflectionPadding"], 1);  // F.pad in mode reflect
+  EXPECT_EQ(count["Padding"], 0);
   EXPECT_EQ(count["Constant"], 0);
   const OnnxTensor x = ReadOnnxTensor(Fixture("torch_mix_input.pb"));
   const OnnxTensor y = ReadOnnxTensor(Fixture("torch_mix_output.pb"));

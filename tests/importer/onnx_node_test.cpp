@@ -73,10 +73,11 @@ const NodeCase kCases[] = {
     {"test_clip", 1, 0, 0},  // min and max inputs
     {"test_softmax_axis_1", 1, 1e-6, 1e-5},
     {"test_concat_3d_axis_negative_1", 2, 0, 0},
-    {"test_add_bcast", 1, 1e-7, 1e-6},    // Constant + BroadcastOp
-    {"test_mul_bcast", 2, 1e-7, 1e-6},    // BroadcastOp
-    {"test_sum_example", 3, 1e-7, 1e-6},  // Eltwise
-    {"test_min_example", 3, 0, 0},        // -max(-a, -b, -c)
+    {"test_add_bcast", 1, 1e-7, 1e-6},     // Constant + BroadcastOp
+    {"test_mul_bcast", 2, 1e-7, 1e-6},     // BroadcastOp
+    {"test_sum_example", 3, 1e-7, 1e-6},   // Eltwise
+    {"test_mean_example", 3, 1e-7, 1e-6},  // Eltwise with coefficients 1/n
+    {"test_min_example", 3, 0, 0},         // -max(-a, -b, -c)
     {"test_gemm_default_vector_bias", 1, 1e-5, 1e-5},
     {"test_gemm_transposeA", 1, 1e-5, 1e-5},  // Permute first
     {"test_matmul_2d", 1, 1e-5, 1e-5},
@@ -88,7 +89,10 @@ const NodeCase kCases[] = {
     {"test_matmul_4d_1d", 2, 1e-5, 1e-5},
     {"test_gemm_all_attributes", 3, 1e-5, 1e-5},
     {"test_batchnorm_epsilon", 1, 1e-5, 1e-5},
-    {"test_flatten_axis2", 1, 0, 0},  // Reshape
+    {"test_l2normalization_axis_1", 1, 1e-6, 1e-5},   // L2Normalization
+    {"test_l2normalization_axis_0", 1, 1e-6, 1e-5},   // between Permutes; a zero vector
+    {"test_lpnormalization_default", 1, 1e-6, 1e-5},  // axis -1
+    {"test_flatten_axis2", 1, 0, 0},                  // Reshape
     {"test_reshape_reordered_all_dims", 1, 0, 0},
     {"test_unsqueeze_axis_1", 1, 0, 0},  // ExpandDims
     {"test_transpose_all_permutations_3", 1, 0, 0},

@@ -75,6 +75,15 @@ std::map<std::string, TypeCase> Cases() {
   }
   c["SpaceToDepth"].inputs = {{2, 3, 4, 6}};
   c["SpaceToDepth"].param = {{"blocksize", 2}};
+  c["ShufflePixel"].inputs = {{2, 8, 3, 5}};
+  c["ShufflePixel"].param = {{"upscale_factor", 2}};
+  c["ReflectionPadding"].param = {{"pad_top", 1}, {"pad_right", 2}};
+  c["ReplicationPadding"].param = {{"pad_bottom", 2}, {"pad_left", 1}};
+  c["Flip"].param = {{"axes", Json::array{1, 3}}};
+  c["Repeat"].param = {{"axis", 2}, {"repeats", 2}};
+  c["Arange"].layer_takes_inputs = false;
+  c["Arange"].param = {{"start", -1.5}, {"end", 3.0}, {"step", 0.5}};
+  c["Mean"].inputs = {{2, 3, 4, 5}, {2, 3, 4, 5}, {2, 3, 4, 5}};
   return c;
 }
 

@@ -59,6 +59,13 @@ std::vector<MoverCase> Cases() {
        {{"pad_top", 2}, {"pad_bottom", 1}, {"pad_left", 3}, {"mode", "reflect"}}},
       {"Padding", {{1, 3, 4, 5}}, {{"pad_bottom", 2}, {"pad_right", 3}, {"mode", "edge"}}},
       {"ZeroPadding", {{1, 2, 3, 3}}, {{"pad_top", 1}, {"pad_right", 2}}},
+      {"ReflectionPadding", {{1, 3, 4, 5}}, {{"pad_top", 2}, {"pad_left", 3}, {"pad_right", 1}}},
+      {"ReplicationPadding", {{1, 3, 4, 5}}, {{"pad_bottom", 2}, {"pad_left", 1}}},
+      {"ShufflePixel", {{1, 8, 3, 5}}, {{"upscale_factor", 2}}},
+      {"Flip", {{1, 4, 3, 5}}, {{"axes", Json::array{1, -1}}}},
+      {"Flip", {{1, 4, 3, 5}}, {{"axes", Json::array{2}}}},
+      {"Repeat", {{1, 4, 3, 5}}, {{"axis", 2}, {"repeats", 3}}},
+      {"Repeat", {{1, 4, 3, 5}}, {{"axis", -1}, {"repeats", 2}}},
   };
 }
 

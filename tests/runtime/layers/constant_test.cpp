@@ -1,5 +1,6 @@
 // Constant: its tensor feeds BroadcastOp and Concat, keeps its shape when the
 // net changes batch, is remade on every forward in frugal mode; errors.
+// Arange against torch.arange fixtures; shapes and errors.
 #include "runtime/layers/constant.h"
 
 #include <gtest/gtest.h>
@@ -92,6 +93,70 @@ TEST(ConstantLayer, RejectsBadParams) {
       .Weight("c", "value", {3}, {1, 2, 3});
   EXPECT_EQ(test::BuildError(wrong),
             "weights: layer \"c\": blob \"value\" has shape [3], expected [2]");
+}
+
+// ---------------------------------------------------------------------------
+// Arange: torch.arange fixtures (make_more_layer_fixtures.py); exact.
+
+std::vector<float> RunArange(const Json::object& param,
+                             const std::vector<std::string>& inputs = {}) {
+  test::NetBuilder b;
+  b.Input("x", {1, 2}).Layer("a", "Arange", inputs, {"r"}, param);
+  auto net = b.Build();
+  std::vector<float> x = {1, 2};
+  net->SetFloatInputData(x.data(), 0);
+  net->ForwardAll();
+  EXPECT_EQ(net->GetData("r")->NumAxes(), 1);
+  return Output(net.get(), "r");
+}
+
+TEST(ArangeLayer, MatchesTorch) {
+  struct Case {
+    const char* fixture;
+    double start, end, step;
+  };
+  for (const Case& c : {Case{"arange_up", -1.5, 3.25, 0.25}, Case{"arange_down", 2.0, -3.0, -0.75},
+                        Case{"arange_int", 0.0, 7.0, 1.0}}) {
+    SCOPED_TRACE(c.fixture);
+    const test::OnnxTensor want = test::Fixture("constant", std::string(c.fixture) + "_out");
+    EXPECT_EQ(RunArange({{"start", c.start}, {"end", c.end}, {"step", c.step}}), want.values);
+  }
+}
+
+TEST(ArangeLayer, DefaultsCountsAndAnIgnoredInput) {
+  EXPECT_EQ(RunArange({{"end", 4}}), (std::vector<float>{0, 1, 2, 3}));
+  EXPECT_EQ(RunArange({{"start", 1}, {"end", 2.5}, {"step", 0.5}}),
+            (std::vector<float>{1, 1.5f, 2}));
+  // ceil((3.1 - 1) / 1) = 3 elements; a wired input changes nothing.
+  EXPECT_EQ(RunArange({{"start", 1}, {"end", 3.1}}, {"x"}), (std::vector<float>{1, 2, 3}));
+  // The shape does not follow the batch.
+  test::NetBuilder b;
+  b.Input("x", {1, 2}).Layer("a", "Arange", {}, {"r"}, {{"start", 5}, {"end", 0}, {"step", -2}});
+  auto net = b.Build();
+  net->ReshapeBatchNum(4, 0);
+  EXPECT_EQ(net->GetData("r")->GetDims(), (std::vector<int>{3}));
+  auto* a = dynamic_cast<ArangeLayer<float>*>(net->GetLayer("a"));
+  ASSERT_NE(a, nullptr);
+  EXPECT_EQ(a->Start(), 5.0f);
+  EXPECT_EQ(a->End(), 0.0f);
+  EXPECT_EQ(a->Step(), -2.0f);
+  EXPECT_EQ(a->GetTypeDetail(), "Arange");
+}
+
+TEST(ArangeLayer, RejectsBadParams) {
+  const std::string p = "net description: layer \"a\" (Arange): ";
+  auto one = [](const Json::object& param, const std::vector<std::string>& inputs = {}) {
+    test::NetBuilder b;
+    b.Input("x", {1, 2}).Input("z", {1, 2}).Layer("a", "Arange", inputs, {"r"}, param);
+    return test::BuildError(b);
+  };
+  EXPECT_EQ(one({}), p + "missing param \"end\"");
+  EXPECT_EQ(one({{"end", 3}, {"step", 0}}), p + "param \"step\" must not be 0");
+  EXPECT_EQ(one({{"end", 1e30}}),
+            p + "start 0, end 1e+30 and step 1 make more than 2147483647 elements");
+  EXPECT_EQ(one({{"end", 3}, {"step", 1e-30}}),
+            p + "start 0, end 3 and step 1e-30 make more than 2147483647 elements");
+  EXPECT_EQ(one({{"end", 3}}, {"x", "z"}), p + "expects 0 to 1 input(s), has 2");
 }
 
 }  // namespace

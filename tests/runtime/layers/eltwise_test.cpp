@@ -1,4 +1,4 @@
-// Eltwise and BroadcastOp against the ONNX node and PyTorch-operator test
+// Eltwise, Mean and BroadcastOp against the ONNX node and PyTorch-operator test
 // data, the fixtures of scripts/fixtures/make_elementwise_fixtures.py
 // (coefficients, three-input products) and plain references.
 #include "runtime/layers/eltwise.h"
@@ -131,6 +131,64 @@ TEST(EltwiseLayer, InPlaceAndThreadCount) {
   net->ForwardAll();
   const float* y = net->GetFloatOutputData(0);
   EXPECT_EQ(std::vector<float>(y, y + 4), (std::vector<float>{1, 4, 9, 0.25f}));
+}
+
+// ---------------------------------------------------------------------------
+// Mean
+
+// Fixtures of make_more_layer_fixtures.py: summed in input order in float32,
+// divided by the count; the layer does the same, so exact.
+TEST(MeanLayer, MatchesFixtures) {
+  for (int count : {1, 2, 4}) {
+    const std::string name = "mean" + std::to_string(count);
+    SCOPED_TRACE(name);
+    std::vector<Tensor> xs;
+    for (int k = 0; k < count; ++k)
+      xs.push_back(test::ToTensor(test::Fixture("eltwise", name + "_in" + std::to_string(k))));
+    const test::OnnxTensor want = test::Fixture("eltwise", name + "_out");
+    const Tensor got = test::RunLayer("Mean", {}, xs);
+    EXPECT_EQ(got.dims, want.IntDims());
+    EXPECT_EQ(got.values, want.values);
+  }
+}
+
+TEST(MeanLayer, MatchesOnnxCases) {
+  for (const auto& c : std::vector<std::pair<std::string, int>>{
+           {"test_mean_example", 3}, {"test_mean_one_input", 1}, {"test_mean_two_inputs", 2}}) {
+    SCOPED_TRACE(c.first);
+    const Tensor got = test::RunLayer("Mean", {}, OnnxInputs("node", c.first, c.second));
+    const test::OnnxTensor want = test::OnnxData("node", c.first, "output_0");
+    EXPECT_EQ(got.dims, want.IntDims());
+    EXPECT_LE(test::ToleranceRatio(got.values, want.values, kAtol, kRtol), 1.0);
+  }
+}
+
+TEST(MeanLayer, HandCaseShapeAndErrors) {
+  const Tensor got = test::RunLayer(
+      "Mean", {},
+      {Tensor{{1, 3}, {1, 2, 3}}, Tensor{{1, 3}, {3, 4, 6}}, Tensor{{1, 3}, {2, 0, 0}}});
+  EXPECT_EQ(got.dims, (std::vector<int>{1, 3}));
+  EXPECT_EQ(got.values, (std::vector<float>{2, 2, 3}));
+  auto net = test::OneLayerNet("Mean", {}, {{1, 2, 3}, {1, 2, 3}}).Build();
+  net->ReshapeBatchNum(5, 0);
+  EXPECT_EQ(net->GetData("y")->GetDims(), (std::vector<int>{5, 2, 3}));
+  EXPECT_EQ(net->GetLayer("l")->GetTypeDetail(), "Mean");
+  const std::string prefix = "net description: layer \"l\" (Mean): ";
+  EXPECT_EQ(test::BuildError(test::OneLayerNet("Mean", {}, {{2, 3}, {2, 3}, {2, 1}})),
+            prefix +
+                "input \"x2\" has shape [2, 1], but input \"x0\" has shape [2, 3]; all inputs "
+                "must have the same shape (no broadcasting)");
+  test::NetBuilder none;
+  none.Input("x", {2, 3}).Layer("l", "Mean", {}, {"y"}, {});
+  EXPECT_EQ(test::BuildError(none), prefix + "expects at least 1 input(s), has 0");
+}
+
+TEST(MeanLayer, InPlaceAndThreadCount) {
+  const std::vector<Tensor> xs = {test::RandomTensor({2, 8, 40, 40}, 34),
+                                  test::RandomTensor({2, 8, 40, 40}, 35),
+                                  test::RandomTensor({2, 8, 40, 40}, 36)};
+  test::ExpectInPlaceSame("Mean", {}, xs);
+  test::ExpectThreadIndependent("Mean", {}, xs);
 }
 
 // ---------------------------------------------------------------------------

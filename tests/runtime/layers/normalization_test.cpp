@@ -178,6 +178,28 @@ TEST(L2NormalizeLayer, UnitNormsAndScaleShapes) {
   EXPECT_TRUE(none->GetLayer("l")->GetWeights().empty());
 }
 
+// Nets written before the importer named the type "L2Normalization" say
+// "L2Normalize": both load the same layer, which keeps the name it was given.
+TEST(L2NormalizeLayer, LoadsUnderBothNames) {
+  const Tensor x = test::ToTensor(test::Fixture("normalization", "l2n_x"));
+  const Json::object param = {{"has_scale", true}, {"eps", 1e-6}};
+  const std::vector<WeightInit> scale = {W("scale", test::Fixture("normalization", "l2n_scale"))};
+  const Tensor old_name = test::RunLayer("L2Normalize", param, {x}, scale);
+  const Tensor new_name = test::RunLayer("L2Normalization", param, {x}, scale);
+  EXPECT_EQ(new_name.dims, old_name.dims);
+  EXPECT_EQ(test::Bits(new_name.values), test::Bits(old_name.values));
+  for (const std::string type : {"L2Normalize", "L2Normalization"}) {
+    auto net = test::OneLayerNet(type, {}, {{1, 4, 2, 2}}).Build();
+    auto* l = dynamic_cast<L2NormalizeLayer<float>*>(net->GetLayer("l"));
+    ASSERT_NE(l, nullptr) << type;
+    EXPECT_EQ(l->GetType(), type);
+    EXPECT_EQ(l->GetTypeDetail(), type);
+  }
+  EXPECT_EQ(test::BuildError(test::OneLayerNet("L2Normalization", {{"eps", -1}}, {{1, 4}})),
+            "net description: layer \"l\" (L2Normalization): param \"eps\" must be a finite "
+            "number >= 0, got -1.000000");
+}
+
 // ---------------------------------------------------------------------------
 // In place and thread count, for all three.
 
@@ -208,6 +230,7 @@ std::vector<Config> Configs(int channels) {
       {"L2Normalize", {}, {}},
       {"L2Normalize", {{"has_scale", true}}, {{"scale", {channels}, vec(10, 0.5f, 2)}}},
       {"L2Normalize", {{"across_spatial", true}}, {}},
+      {"L2Normalization", {}, {}},
       {"L2Normalize",
        {{"across_spatial", true}, {"has_scale", true}, {"channel_shared", true}},
        {{"scale", {1}, {1.5f}}}},

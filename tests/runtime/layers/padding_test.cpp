@@ -1,5 +1,6 @@
-// Padding and ZeroPadding. References: ONNX Pad node data (constant, edge,
-// reflect) with the H and W pads mapped by hand, and small hand-made cases.
+// Padding, ZeroPadding, ReflectionPadding and ReplicationPadding.
+// References: ONNX Pad node data (constant, edge, reflect) with the H and W
+// pads mapped by hand, F.pad fixtures, and small hand-made cases.
 // Padding only copies and fills: exact comparisons.
 #include "runtime/layers/padding.h"
 
@@ -104,6 +105,60 @@ TEST(PaddingLayer, TypeDetail) {
   auto net = b.Build();
   EXPECT_EQ(net->GetLayer("p")->GetTypeDetail(), "Padding(reflect)");
   EXPECT_EQ(net->GetLayer("z")->GetTypeDetail(), "ZeroPadding");
+}
+
+// ReflectionPadding and ReplicationPadding against F.pad "reflect" and
+// "replicate" (fixtures/padding from make_more_layer_fixtures.py).
+TEST(PaddingLayer, FixedModesMatchTorch) {
+  struct Case {
+    const char* type;
+    const char* fixture;
+    Json::object param;
+  };
+  for (const Case& c :
+       {Case{"ReflectionPadding",
+             "reflection",
+             {{"pad_left", 3}, {"pad_right", 1}, {"pad_top", 2}, {"pad_bottom", 0}}},
+        Case{"ReplicationPadding",
+             "replication",
+             {{"pad_left", 2}, {"pad_right", 4}, {"pad_top", 0}, {"pad_bottom", 3}}}}) {
+    SCOPED_TRACE(c.type);
+    const std::string f = c.fixture;
+    const Tensor x = test::shape::Fixture("padding", f + "_in");
+    const Tensor want = test::shape::Fixture("padding", f + "_out");
+    ExpectSame(RunLayer(c.type, c.param, x)[0], want);
+    // The mode may be given if it is the fixed one.
+    Json::object with_mode = c.param;
+    with_mode["mode"] = std::string(c.type) == "ReflectionPadding" ? "reflect" : "edge";
+    ExpectSame(RunLayer(c.type, with_mode, x)[0], want);
+  }
+}
+
+TEST(PaddingLayer, FixedModesTypeDetailAndErrors) {
+  test::NetBuilder b;
+  b.Input("x", {1, 1, 3, 3})
+      .Layer("r", "ReflectionPadding", {"x"}, {"y"}, {{"pad_top", 1}})
+      .Layer("e", "ReplicationPadding", {"y"}, {"z"}, {{"pad_left", 5}});
+  auto net = b.Build();
+  EXPECT_EQ(net->GetLayer("r")->GetTypeDetail(), "ReflectionPadding");
+  EXPECT_EQ(net->GetLayer("e")->GetTypeDetail(), "ReplicationPadding");
+  EXPECT_EQ(dynamic_cast<PaddingLayer<float>*>(net->GetLayer("r"))->Mode(), "reflect");
+  EXPECT_EQ(dynamic_cast<PaddingLayer<float>*>(net->GetLayer("e"))->Mode(), "edge");
+  EXPECT_EQ(net->GetData("z")->GetDims(), (std::vector<int>{1, 1, 4, 8}));
+  const std::vector<int> dims = {1, 1, 2, 3};
+  EXPECT_EQ(LayerError("ReflectionPadding", {{"mode", "edge"}}, dims),
+            "net description: layer \"l\" (ReflectionPadding): param \"mode\" is \"edge\"; "
+            "ReflectionPadding always pads with mode \"reflect\"");
+  EXPECT_EQ(LayerError("ReplicationPadding", {{"mode", "constant"}}, dims),
+            "net description: layer \"l\" (ReplicationPadding): param \"mode\" is "
+            "\"constant\"; ReplicationPadding always pads with mode \"edge\"");
+  EXPECT_EQ(LayerError("ReflectionPadding", {{"pad_left", 3}}, dims),
+            "net description: layer \"l\" (ReflectionPadding): reflect pads (top 0, bottom 0, "
+            "left 3, right 0) must be smaller than the height and width of input \"x\" of shape "
+            "[1, 1, 2, 3]");
+  EXPECT_EQ(LayerError("ReplicationPadding", {{"pad_bottom", -2}}, dims),
+            "net description: layer \"l\" (ReplicationPadding): param \"pad_bottom\" must be "
+            ">= 0, got -2");
 }
 
 TEST(PaddingLayer, Errors) {

@@ -1,6 +1,7 @@
 // DepthToSpace and SpaceToDepth against the ONNX node data
 // (test_depthtospace_*, test_spacetodepth*) and the PyTorch-converted
-// test_PixelShuffle (DepthToSpace in CRD mode, block 3); a round trip,
+// test_PixelShuffle (DepthToSpace in CRD mode, block 3); ShufflePixel
+// against nn.PixelShuffle fixtures; a round trip,
 // errors and thread-count independence. Only data movement: exact.
 #include "runtime/layers/space_depth.h"
 
@@ -95,11 +96,47 @@ TEST(SpaceDepthLayers, RejectBadParamsAndShapes) {
   test::ExpectBadParamsHandled("SpaceToDepth", {{"blocksize", 2}}, {{1, 2, 4, 4}});
 }
 
+// ShufflePixel: nn.PixelShuffle fixtures (make_more_layer_fixtures.py).
+TEST(SpaceDepthLayers, ShufflePixelMatchesTorch) {
+  for (int r : {2, 3}) {
+    const std::string f = "ps_r" + std::to_string(r);
+    SCOPED_TRACE(f);
+    const Tensor x = test::ToTensor(test::Fixture("space_depth", f + "_in"));
+    ExpectSame(test::RunLayer("ShufflePixel", {{"upscale_factor", r}}, {x}),
+               test::Fixture("space_depth", f + "_out"));
+    // The same arithmetic as DepthToSpace in CRD mode.
+    const Tensor crd = test::RunLayer("DepthToSpace", {{"blocksize", r}, {"mode", "CRD"}}, {x});
+    EXPECT_EQ(crd.values, test::Fixture("space_depth", f + "_out").values);
+  }
+}
+
+TEST(SpaceDepthLayers, ShufflePixelShapeDetailAndErrors) {
+  auto net = test::OneLayerNet("ShufflePixel", {{"upscale_factor", 3}}, {{2, 18, 4, 5}}).Build();
+  EXPECT_EQ(net->GetData("y")->GetDims(), (std::vector<int>{2, 2, 12, 15}));
+  auto* d = dynamic_cast<DepthToSpaceLayer<float>*>(net->GetLayer("l"));
+  ASSERT_NE(d, nullptr);
+  EXPECT_EQ(d->GetTypeDetail(), "ShufflePixel");
+  EXPECT_EQ(d->BlockSize(), 3);
+  EXPECT_TRUE(d->Crd());
+  const std::string p = "net description: layer \"l\" (ShufflePixel): ";
+  EXPECT_EQ(test::BuildError(test::OneLayerNet("ShufflePixel", {}, {{1, 8, 2, 2}})),
+            p + "missing param \"upscale_factor\"");
+  EXPECT_EQ(
+      test::BuildError(test::OneLayerNet("ShufflePixel", {{"upscale_factor", 0}}, {{1, 8, 2, 2}})),
+      p + "param \"upscale_factor\" must be at least 1, got 0");
+  EXPECT_EQ(
+      test::BuildError(test::OneLayerNet("ShufflePixel", {{"upscale_factor", 2}}, {{1, 6, 2, 2}})),
+      p + "input \"x0\" of shape [1, 6, 2, 2] has 6 channels, not a multiple of "
+          "upscale_factor^2 = 4");
+  test::ExpectBadParamsHandled("ShufflePixel", {{"upscale_factor", 2}}, {{1, 8, 2, 2}});
+}
+
 TEST(SpaceDepthLayers, SameBitsWithOneOrTwoThreads) {
   const Tensor x = test::RandomTensor({2, 16, 60, 40}, 82);
   test::ExpectThreadIndependent("DepthToSpace", {{"blocksize", 2}}, {x});
   test::ExpectThreadIndependent("DepthToSpace", {{"blocksize", 4}, {"mode", "CRD"}}, {x});
   test::ExpectThreadIndependent("SpaceToDepth", {{"blocksize", 4}}, {x});
+  test::ExpectThreadIndependent("ShufflePixel", {{"upscale_factor", 2}}, {x});
 }
 
 }  // namespace
