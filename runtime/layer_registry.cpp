@@ -80,6 +80,7 @@ std::map<std::string, LayerFactory<float>>& FloatTable() {
       // recurrent
       {"LSTM", &Make<LSTMLayer<float>>},
       {"BiLSTM", &Make<LSTMLayer<float>>},
+      {"Gru", &Make<GruLayer<float>>},
       // reduce
       {"ReduceMean", &Make<ReduceMeanLayer<float>>},
       {"Reduce", &Make<ReduceLayer<float>>},

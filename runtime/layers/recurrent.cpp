@@ -162,4 +162,125 @@ void LSTMLayer<float>::Run() {
   }
 }
 
+// ---- Gru -------------------------------------------------------------------
+
+template <>
+void GruLayer<float>::LoadParam(const ParamReader& param) {
+  this->ExpectCounts(1, 2, 1, 2);
+  hidden_ = param.RequiredInt("hidden_size");
+  if (hidden_ < 1 || hidden_ > kMaxHidden)
+    param.Fail("param \"hidden_size\" must be in [1, " + std::to_string(kMaxHidden) + "], got " +
+               std::to_string(hidden_));
+  direction_ = param.Choice("direction", "forward", {"forward", "reverse", "bidirectional"});
+  directions_ = direction_ == "bidirectional" ? 2 : 1;
+  clip_ = param.Float("clip", 0.0f);
+  if (!(clip_ >= 0.0f) || !std::isfinite(clip_))
+    param.Fail("param \"clip\" must be a finite number >= 0 (0: no clipping), got " +
+               std::to_string(clip_));
+  linear_before_reset_ = param.Bool("linear_before_reset", false);
+  bias_term_ = param.Bool("bias_term", true);
+}
+
+template <>
+std::string GruLayer<float>::GetTypeDetail() {
+  return "Gru(" + direction_ + ")";
+}
+
+template <>
+void GruLayer<float>::Reshape() {
+  const Data<float>* x = this->in(0);
+  if (x->NumAxes() != 3)
+    this->Fail("input \"" + x->GetName() + "\" has shape " + DimsToString(x->GetDims()) +
+               "; it must be [sequence, batch, input]");
+  const int input = x->GetDim(2);
+  if (!this->GetWeights().empty() && input != input_)
+    this->Fail("input \"" + x->GetName() + "\" now has " + std::to_string(input) +
+               " features, the weights were made for " + std::to_string(input_));
+  seq_ = x->GetDim(0);
+  batch_ = x->GetDim(1);
+  input_ = input;
+  const std::vector<int> state = {directions_, batch_, hidden_};
+  if (this->GetInputs().size() > 1 && this->in(1)->GetDims() != state)
+    this->Fail("input \"" + this->in(1)->GetName() + "\" (the initial hidden state) has shape " +
+               DimsToString(this->in(1)->GetDims()) + "; it must be " + DimsToString(state));
+  this->out(0)->Resize({seq_, directions_, batch_, hidden_});
+  if (this->GetOutputs().size() > 1) this->out(1)->Resize(state);
+  gates_.assign(static_cast<size_t>(batch_) * 4 * hidden_, 0.0f);
+  h_.assign(static_cast<size_t>(batch_) * hidden_, 0.0f);
+}
+
+template <>
+std::vector<WeightSpec> GruLayer<float>::WeightSpecs() {
+  std::vector<WeightSpec> specs = {{"W", {directions_, 3 * hidden_, input_}},
+                                   {"R", {directions_, 3 * hidden_, hidden_}}};
+  if (bias_term_) specs.push_back({"B", {directions_, 6 * hidden_}});
+  return specs;
+}
+
+template <>
+void GruLayer<float>::Run() {
+  const float* x = this->in(0)->GetCpuData();
+  const float* h0 = this->GetInputs().size() > 1 ? this->in(1)->GetCpuData() : nullptr;
+  float* y = this->out(0)->GetCpuData();
+  float* yh = this->GetOutputs().size() > 1 ? this->out(1)->GetCpuData() : nullptr;
+  const int H = hidden_, B = batch_, I = input_, D = directions_;
+  const float* W = this->weight(0)->GetCpuData();
+  const float* R = this->weight(1)->GetCpuData();
+  const float* bias = bias_term_ ? this->weight(2)->GetCpuData() : nullptr;
+  const double clip = clip_;
+  const bool lbr = linear_before_reset_;
+  // Per item, 4H values: the input parts of z, r and n (with Wb), then the
+  // recurrent part of n (with Rbh) as linear_before_reset reads it.
+  float* gates = gates_.data();
+  float* hs = h_.data();
+  auto clipped = [clip](double v) { return clip > 0 ? std::min(clip, std::max(-clip, v)) : v; };
+  for (int d = 0; d < D; ++d) {
+    const bool backward = d == 1 || direction_ == "reverse";
+    const float* Wd = W + int64_t(d) * 3 * H * I;
+    const float* Rd = R + int64_t(d) * 3 * H * H;
+    const float* bd = bias != nullptr ? bias + int64_t(d) * 6 * H : nullptr;
+    const size_t state = static_cast<size_t>(B) * H;
+    for (size_t k = 0; k < state; ++k) hs[k] = h0 != nullptr ? h0[d * state + k] : 0.0f;
+    for (int s = 0; s < seq_; ++s) {
+      const int t = backward ? seq_ - 1 - s : s;
+      ParallelFor(B, [=](int64_t begin, int64_t end) {
+        for (int64_t b = begin; b < end; ++b) {
+          const float* xt = x + (int64_t(t) * B + b) * I;
+          float* hb = hs + b * H;
+          float* a = gates + b * 4 * H;
+          // z and r: input and recurrent parts together.
+          for (int g = 0; g < 2 * H; ++g) {
+            double acc = bd != nullptr ? double(bd[g]) + double(bd[3 * H + g]) : 0.0;
+            for (int k = 0; k < I; ++k) acc += double(Wd[int64_t(g) * I + k]) * xt[k];
+            for (int j = 0; j < H; ++j) acc += double(Rd[int64_t(g) * H + j]) * hb[j];
+            a[g] = static_cast<float>(1.0 / (1.0 + std::exp(-clipped(acc))));
+          }
+          for (int j = 0; j < H; ++j) {
+            const int g = 2 * H + j;
+            double in = bd != nullptr ? double(bd[g]) : 0.0;
+            for (int k = 0; k < I; ++k) in += double(Wd[int64_t(g) * I + k]) * xt[k];
+            double rec = bd != nullptr ? double(bd[3 * H + g]) : 0.0;
+            const float* rg = Rd + int64_t(g) * H;
+            if (lbr) {
+              double sum = 0.0;
+              for (int m = 0; m < H; ++m) sum += double(rg[m]) * hb[m];
+              rec = a[H + j] * (sum + rec);
+            } else {
+              for (int m = 0; m < H; ++m) rec += double(rg[m]) * (double(a[H + m]) * hb[m]);
+            }
+            a[2 * H + j] = static_cast<float>(std::tanh(clipped(in + rec)));
+          }
+          // The new state only after every gate has read the old one.
+          for (int j = 0; j < H; ++j) {
+            const double z = a[j];
+            hb[j] = static_cast<float>((1.0 - z) * a[2 * H + j] + z * hb[j]);
+          }
+          std::copy(hb, hb + H, y + ((int64_t(t) * D + d) * B + b) * H);
+        }
+      });
+    }
+    if (yh != nullptr) std::copy(hs, hs + state, yh + d * state);
+  }
+}
+
 }  // namespace qzdl

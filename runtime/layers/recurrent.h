@@ -1,6 +1,7 @@
-// Recurrent layers: "LSTM" (one direction, forward or reverse) and
-// "BiLSTM" (both directions), with the gate order and equations of ONNX's
-// LSTM (input, output, forget, cell; sigmoid, tanh, tanh):
+// Recurrent layers: "LSTM" (one direction, forward or reverse), "BiLSTM"
+// (both directions) and "Gru" (any of the three), with the gate orders and
+// equations of ONNX's LSTM and GRU. LSTM (input, output, forget, cell;
+// sigmoid, tanh, tanh):
 //   i = sigmoid(Wi x + Ri h + Wbi + Rbi + Pi . c)
 //   f = sigmoid(Wf x + Rf h + Wbf + Rbf + Pf . c)    (1 - i with input_forget)
 //   g = tanh(Wc x + Rc h + Wbc + Rbc)
@@ -48,6 +49,40 @@ class LSTMLayer : public Layer<T> {
   // Set at Reshape.
   int seq_ = 0, batch_ = 0, input_ = 0;
   std::vector<float> gates_, h_, c_;
+};
+
+// "Gru": ONNX's GRU (gates update z, reset r, hidden h; sigmoid, tanh):
+//   z = sigmoid(Wz x + Rz h + Wbz + Rbz)
+//   r = sigmoid(Wr x + Rr h + Wbr + Rbr)
+//   n = tanh(Wh x + Rh (r . h) + Rbh + Wbh)      linear_before_reset false
+//   n = tanh(Wh x + r . (Rh h + Rbh) + Wbh)      linear_before_reset true
+//   h' = (1 - z) . n + z . h
+// Inputs: x [seq, batch, input], optionally the initial hidden state
+// [directions, batch, hidden]. Outputs: y [seq, directions, batch, hidden],
+// optionally the last hidden state. Weights: "W" [directions, 3 * hidden,
+// input], "R" [directions, 3 * hidden, hidden], with bias_term "B"
+// [directions, 6 * hidden].
+template <typename T>
+class GruLayer : public Layer<T> {
+ public:
+  void LoadParam(const ParamReader& param) override;
+  void Reshape() override;
+  std::vector<WeightSpec> WeightSpecs() override;
+  // "Gru(forward)", "Gru(reverse)" or "Gru(bidirectional)".
+  std::string GetTypeDetail() override;
+
+ protected:
+  void Run() override;
+
+ private:
+  int hidden_ = 0;
+  std::string direction_ = "forward";
+  int directions_ = 1;
+  float clip_ = 0.0f;
+  bool linear_before_reset_ = false;
+  bool bias_term_ = true;
+  int seq_ = 0, batch_ = 0, input_ = 0;
+  std::vector<float> gates_, h_;
 };
 
 }  // namespace qzdl

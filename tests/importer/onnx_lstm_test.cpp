@@ -1,7 +1,8 @@
-// LSTM exported by PyTorch (scripts/fixtures/make_lstm_fixtures.py):
-// bidirectional with the last hidden state, and one direction with initial
-// states fed as inputs, against PyTorch's outputs; attributes the layers
-// cannot express are refused naming the node.
+// LSTM and GRU exported by PyTorch
+// (scripts/fixtures/make_recurrent_fixtures.py): bidirectional with the last
+// hidden state, and one direction with initial states fed as inputs,
+// against PyTorch's outputs; attributes the layers cannot express are
+// refused naming the node.
 #include <gtest/gtest.h>
 #include <onnx/onnx_pb.h>
 
@@ -29,6 +30,17 @@ TEST(OnnxLSTM, BidirectionalMatchesPyTorch) {
   ASSERT_EQ(out.size(), 2u);
   EXPECT_LE(ToleranceRatio(out[0], Values("lstm_bi_y.pb"), 1e-6, 1e-5), 1.0);
   EXPECT_LE(ToleranceRatio(out[1], Values("lstm_bi_h.pb"), 1e-6, 1e-5), 1.0);
+}
+
+TEST(OnnxLSTM, BidirectionalGruMatchesPyTorch) {
+  const OnnxImportResult r = ImportOnnxFile(Fixture("gru_bi.onnx"));
+  EXPECT_NE(r.net_json.find("\"type\": \"Gru\""), std::string::npos) << r.net_json;
+  EXPECT_NE(r.net_json.find("\"linear_before_reset\": true"), std::string::npos);
+  auto net = BuildNet(r);
+  const auto out = RunNet(net.get(), {Values("lstm_bi_x.pb")});
+  ASSERT_EQ(out.size(), 2u);
+  EXPECT_LE(ToleranceRatio(out[0], Values("gru_bi_y.pb"), 1e-6, 1e-5), 1.0);
+  EXPECT_LE(ToleranceRatio(out[1], Values("gru_bi_h.pb"), 1e-6, 1e-5), 1.0);
 }
 
 TEST(OnnxLSTM, InitialStatesAsInputs) {

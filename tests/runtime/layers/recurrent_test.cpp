@@ -1,5 +1,6 @@
-// LSTM and BiLSTM against the ONNX node data (test_lstm_defaults,
-// test_lstm_with_initial_bias, test_lstm_with_peepholes: W, R, B and P as
+// LSTM, BiLSTM and Gru against the ONNX node data (test_lstm_defaults,
+// test_lstm_with_initial_bias, test_lstm_with_peepholes, test_gru_defaults,
+// test_gru_with_initial_bias, test_gru_seq_length: W, R, B and P as
 // weights, the initial states as inputs), a plain reference on longer
 // sequences in both directions, params and errors.
 #include "runtime/layers/recurrent.h"
@@ -55,6 +56,56 @@ TEST(LSTMLayer, MatchesOnnxCases) {
                                    kAtol, kRtol),
               1.0);
   }
+}
+
+TEST(GruLayer, MatchesOnnxCases) {
+  struct Case {
+    std::string name;
+    int hidden;
+    bool bias;
+  };
+  for (const Case& c : {Case{"test_gru_defaults", 5, false}, Case{"test_gru_with_initial_bias", 3, true},
+                        Case{"test_gru_seq_length", 5, true}}) {
+    SCOPED_TRACE(c.name);
+    auto in = [&](int i) { return test::OnnxData("node", c.name, "input_" + std::to_string(i)); };
+    std::vector<WeightInit> w = {W("W", in(1)), W("R", in(2))};
+    if (c.bias) w.push_back(W("B", in(3)));
+    test::NetBuilder nb;
+    const Tensor x = test::ToTensor(in(0));
+    nb.Input("x", x.dims)
+        .Layer("l", "Gru", {"x"}, {"y", "yh"}, {{"hidden_size", c.hidden}, {"bias_term", c.bias}});
+    for (const WeightInit& wi : w) nb.Weight("l", wi.blob, wi.dims, wi.values);
+    auto net = nb.Build();
+    std::vector<float> xv = x.values;
+    net->SetFloatInputData(xv.data(), 0);
+    net->ForwardAll();
+    const Data<float>* yh = net->GetOutputData(1);
+    const test::OnnxTensor want = test::OnnxData("node", c.name, "output_0");
+    EXPECT_EQ(yh->GetDims(), want.IntDims());
+    EXPECT_LE(test::ToleranceRatio(std::vector<float>(yh->GetCpuData(), yh->GetCpuData() + want.Count()),
+                                   want.values, kAtol, kRtol),
+              1.0);
+  }
+}
+
+TEST(GruLayer, ParamsAndErrors) {
+  const std::vector<WeightInit> w = {{"W", {2, 6, 3}, std::vector<float>(36, 0.1f)},
+                                     {"R", {2, 6, 2}, std::vector<float>(24, 0.1f)},
+                                     {"B", {2, 12}, std::vector<float>(24, 0.0f)}};
+  auto net = test::OneLayerNet("Gru", {{"hidden_size", 2}, {"direction", "bidirectional"}},
+                               {{4, 1, 3}}, w)
+                 .Build();
+  EXPECT_EQ(net->GetLayer("l")->GetTypeDetail(), "Gru(bidirectional)");
+  const std::string prefix = "net description: layer \"l\" (Gru): ";
+  EXPECT_EQ(test::BuildError(test::OneLayerNet("Gru", {{"hidden_size", 2}, {"direction", "up"}},
+                                               {{4, 1, 3}})),
+            prefix +
+                "param \"direction\" is \"up\", expected one of \"forward\", \"reverse\", "
+                "\"bidirectional\"");
+  EXPECT_EQ(test::BuildError(test::OneLayerNet("Gru", {{"hidden_size", 70000}}, {{4, 1, 3}})),
+            prefix + "param \"hidden_size\" must be in [1, 65536], got 70000");
+  test::ExpectBadParamsHandled("Gru", {{"hidden_size", 2}, {"direction", "bidirectional"}},
+                               {{4, 1, 3}}, w);
 }
 
 // One direction of a plain LSTM, step by step, in double.
