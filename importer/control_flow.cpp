@@ -6,6 +6,7 @@
 #include <string>
 
 #include "importer/const_tensor.h"
+#include "importer/graph_passes.h"
 
 namespace qzdl::onnx_import {
 
@@ -63,6 +64,8 @@ bool InlineConstantIfs(onnx::GraphProto* graph, MappingContext* c) {
     for (const auto& init : branch->initializer()) {
       try {
         c->consts[init.name()] = TensorFromProto(init, c->BaseDir());
+        // Shape inference reads constants from the graph's initializers.
+        graph->add_initializer()->CopyFrom(ToProto(c->consts[init.name()], init.name()));
       } catch (const std::exception& e) {
         throw OnnxImportError(title + ": initializer " + Quote(init.name()) + " of " + which +
                               " " + e.what());

@@ -103,6 +103,57 @@ TEST(OnnxIf, ConstantConditionTakesItsBranch) {
   }
 }
 
+TEST(OnnxIf, ConditionFromTheShapeOfABranchResult) {
+  // The branch pads x by its own constant pads; a second If's condition
+  // compares the padded width with 6, which only those pads tell.
+  onnx::ModelProto m = EmptyModel();
+  onnx::GraphProto* g = m.mutable_graph();
+  AddFloatInput(g, "x", {1, 1, 1, 4});
+  BoolInit(g, "c", true);
+  onnx::NodeProto* node = Node(g, "If", "if", {"c"}, "p");
+  for (const char* name : {"then_branch", "else_branch"}) {
+    auto* attr = node->add_attribute();
+    attr->set_name(name);
+    attr->set_type(onnx::AttributeProto::GRAPH);
+    onnx::GraphProto* b = attr->mutable_g();
+    const std::string tag = name[0] == 't' ? "then" : "else";
+    auto* pads = b->add_initializer();
+    pads->set_name(tag + "_pads");
+    pads->set_data_type(onnx::TensorProto::INT64);
+    pads->add_dims(8);
+    for (int64_t d : {0, 0, 0, 1, 0, 0, 0, 1}) pads->add_int64_data(d);
+    Node(b, "Pad", tag + "_pad", {"x", tag + "_pads"}, tag + "_p");
+    b->add_output()->set_name(tag + "_p");
+  }
+  auto* index = g->add_initializer();
+  index->set_name("three");
+  index->set_data_type(onnx::TensorProto::INT64);
+  index->add_int64_data(3);
+  auto* six = g->add_initializer();
+  six->set_name("six");
+  six->set_data_type(onnx::TensorProto::INT64);
+  six->add_int64_data(6);
+  Node(g, "Shape", "shape", {"p"}, "dims");
+  Node(g, "Gather", "width", {"dims", "three"}, "w");
+  Node(g, "Equal", "is6", {"w", "six"}, "c2");
+  onnx::NodeProto* second = Node(g, "If", "if2", {"c2"}, "y");
+  for (const char* name : {"then_branch", "else_branch"}) {
+    auto* attr = second->add_attribute();
+    attr->set_name(name);
+    attr->set_type(onnx::AttributeProto::GRAPH);
+    onnx::GraphProto* b = attr->mutable_g();
+    const std::string tag = name[0] == 't' ? "then2" : "else2";
+    Node(b, name[0] == 't' ? "Relu" : "Sigmoid", tag, {"p"}, tag + "_y");
+    b->add_output()->set_name(tag + "_y");
+  }
+  AddOutput(&m, "y");
+  const OnnxImportResult r = ImportOnnxBytes(m.SerializeAsString(), "m.onnx", ".");
+  EXPECT_NE(r.net_json.find("\"if2/then2\""), std::string::npos) << r.net_json;
+  auto net = BuildNet(r);
+  const auto out = RunNet(net.get(), {kX});
+  EXPECT_EQ(out[0], (std::vector<float>{0.0f, 0.0f, 0.0f, 2.0f, 0.25f, 0.0f}));
+}
+
 TEST(OnnxIf, ConditionFromAConstantInput) {
   // c = (sr == 16000) with sr an int64 graph input given as a constant, as a
   // voice-activity detector takes its sample rate.
