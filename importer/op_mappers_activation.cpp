@@ -50,6 +50,19 @@ void MapClip(MappingContext& c) {
   if (c.Opset() < 11) {
     lo = c.Float("min", -FLT_MAX);
     hi = c.Float("max", FLT_MAX);
+  } else if ((c.HasInput(1) && !c.IsConst(1)) || (c.HasInput(2) && !c.IsConst(2))) {
+    // A bound computed by the net (from the data's own maximum, say): the
+    // element-wise maximum with min, then the minimum with max, broadcast.
+    std::string x = c.In(0);
+    const bool has_max = c.HasInput(2);
+    if (c.HasInput(1)) {
+      const std::string lower = has_max ? c.NewTensor("lower") : c.Out(0);
+      c.Emit("BroadcastOp", {x, c.In(1)}, {lower}, {{"operation", "max"}},
+             has_max ? c.NewLayerName("min") : "");
+      x = lower;
+    }
+    if (has_max) c.Emit("BroadcastOp", {x, c.In(2)}, {c.Out(0)}, {{"operation", "min"}});
+    return;
   } else {
     // min and max are scalars: one value each.
     auto bound = [&c](int k, const char* what) {

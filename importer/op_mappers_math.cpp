@@ -201,10 +201,27 @@ void MapReduce(MappingContext& c) {
   if (set.empty()) {
     for (int64_t k = 0; k < rank; ++k) set.insert(k);
   }
-  if (!keepdims && static_cast<int64_t>(set.size()) == rank) {
+  // A reduction of every axis without keepdims gives an ONNX scalar; the
+  // net holds it as one element of shape [1], which broadcasts the same way
+  // in the element-wise operators that usually follow.
+  const bool to_scalar = !keepdims && static_cast<int64_t>(set.size()) == rank;
+  if (to_scalar && op != "ReduceMax" && op != "ReduceMin" && op != "ReduceProd" &&
+      op != "ReduceMean") {
     c.Fail(
         "the output would be a scalar, which the runtime does not hold (keepdims is 0 and "
         "every axis is reduced)");
+  }
+  if (to_scalar) {
+    Json::object p = {{"axes", JsonInts(std::vector<int64_t>(set.begin(), set.end()))},
+                      {"keepdims", true}};
+    p["operation"] = op == "ReduceMax"   ? "max"
+                     : op == "ReduceMin" ? "min"
+                     : op == "ReduceProd" ? "prod"
+                                          : "mean";
+    const std::string kept = c.NewTensor("kept");
+    c.Emit("Reduce", {c.In(0)}, {kept}, p, c.NewLayerName("reduce"));
+    c.Emit("Reshape", {kept}, {c.Out(0)}, {{"shapes", Json::array{1}}});
+    return;
   }
   if (op == "ReduceMean" && rank == 4 && set == std::set<int64_t>{2, 3}) {
     // The mean over H and W is global average pooling.

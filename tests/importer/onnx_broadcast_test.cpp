@@ -99,5 +99,33 @@ TEST(OnnxBroadcast, PowWithAComputedExponent) {
   }
 }
 
+TEST(OnnxBroadcast, ScalarReductionAndComputedClipBound) {
+  // y = clip(x, max(x) - 1, 0.5), as a log-mel front end limits its range:
+  // ReduceMax of every axis without keepdims gives a scalar (held as [1]),
+  // and Clip's lower bound is computed.
+  onnx::ModelProto m = EmptyModel();
+  AddFloatInput(m.mutable_graph(), "x", {2, 3});
+  Init(m.mutable_graph(), "one", {}, {1.0f});
+  Init(m.mutable_graph(), "half", {}, {0.5f});
+  onnx::NodeProto* reduce = AddNode(&m, "ReduceMax", "top", {"x"}, {"top"});
+  auto* keep = reduce->add_attribute();
+  keep->set_name("keepdims");
+  keep->set_type(onnx::AttributeProto::INT);
+  keep->set_i(0);
+  AddNode(&m, "Sub", "floor", {"top", "one"}, {"floor"});
+  AddNode(&m, "Clip", "clip", {"x", "floor", "half"}, {"y"});
+  AddOutput(&m, "y");
+  const OnnxImportResult r = ImportOnnxBytes(m.SerializeAsString(), "m.onnx", ".");
+  EXPECT_EQ(Types(r), "Reduce Reshape Constant BroadcastOp BroadcastOp Constant BroadcastOp ")
+      << r.net_json;
+  auto net = BuildNet(r);
+  const std::vector<float> x = {-2.0f, 0.25f, 1.5f, 0.75f, 0.0f, 1.0f};
+  const auto out = RunNet(net.get(), {x});
+  EXPECT_EQ(out[0], (std::vector<float>{0.5f, 0.5f, 0.5f, 0.5f, 0.5f, 0.5f}));
+  const std::vector<float> x2 = {-2.0f, 0.25f, 0.3f, 0.45f, 0.0f, -0.25f};
+  EXPECT_EQ(RunNet(net.get(), {x2})[0],
+            (std::vector<float>{-0.55f, 0.25f, 0.3f, 0.45f, 0.0f, -0.25f}));
+}
+
 }  // namespace
 }  // namespace qzdl::test
