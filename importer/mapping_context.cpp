@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "importer/control_flow.h"
+#include "importer/integer_ops.h"
 #include "runtime/layer_registry.h"
 
 namespace qzdl::onnx_import {
@@ -316,6 +317,7 @@ const MapperTable& Mappers() {
     AddShapeMappers(t);
     AddControlFlowMappers(t);
     AddRecurrentMappers(t);
+    AddIntegerMappers(t);
     return t;
   }();
   return table;

@@ -19,6 +19,7 @@
 #include "importer/graph_checks.h"
 #include "importer/graph_order.h"
 #include "importer/graph_passes.h"
+#include "importer/integer_ops.h"
 
 namespace qzdl {
 
@@ -226,6 +227,7 @@ OnnxImportResult Import(onnx::ModelProto& model, const std::string& source,
   onnx_import::CheckNodes(*graph, opset);
   onnx_import::FoldConstants(&model, opset, &c);
   onnx_import::RefuseComputedIfs(*graph);
+  onnx_import::LowerIntegerOps(graph, &c);
   onnx_import::FusePatterns(graph, &c);
 
   std::vector<std::string> outputs;

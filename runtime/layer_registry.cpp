@@ -20,6 +20,7 @@
 #include "runtime/layers/gather_tile.h"
 #include "runtime/layers/inner_product.h"
 #include "runtime/layers/instance_norm.h"
+#include "runtime/layers/dynamic_quantize.h"
 #include "runtime/layers/layer_norm.h"
 #include "runtime/layers/recurrent.h"
 #include "runtime/layers/log_softmax.h"
@@ -77,6 +78,8 @@ std::map<std::string, LayerFactory<float>>& FloatTable() {
       {"InstanceNormalization", &Make<InstanceNormalizationLayer<float>>},
       // layer_norm
       {"LayerNorm", &Make<LayerNormLayer<float>>},
+      // dynamic_quantize
+      {"DynamicQuantizeLinear", &Make<DynamicQuantizeLinearLayer<float>>},
       // recurrent
       {"LSTM", &Make<LSTMLayer<float>>},
       {"BiLSTM", &Make<LSTMLayer<float>>},

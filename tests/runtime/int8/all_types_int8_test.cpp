@@ -69,6 +69,7 @@ std::map<std::string, TypeCase> Cases() {
   c["Reduce"].param = {{"operation", "max"}, {"axes", Json::array{1}}};
   c["ReduceArgs"].param = {{"operation", "argmax"}, {"axis", 1}};
   c["LayerNorm"].param = {{"axis", 2}};
+  c["DynamicQuantizeLinear"].outputs = 3;
   for (const char* lstm : {"LSTM", "BiLSTM", "Gru"}) {
     c[lstm].inputs = {{3, 2, 4}};
     c[lstm].param = {{"hidden_size", 3}};

@@ -1,0 +1,91 @@
+#include "importer/integer_ops.h"
+
+#include <onnx/onnx_pb.h>
+
+#include <string>
+
+#include "importer/graph_passes.h"
+
+namespace qzdl::onnx_import {
+
+void LowerIntegerOps(onnx::GraphProto* graph, MappingContext* c) {
+  for (int k = 0; k < graph->node_size(); ++k) {
+    onnx::NodeProto* node = graph->mutable_node(k);
+    if (node->op_type() != "ConvInteger" || node->input_size() < 2 || node->output_size() < 1)
+      continue;
+    auto w = c->consts.find(node->input(1));
+    if (w == c->consts.end()) continue;  // the mapping refuses it, naming the input
+    const std::string title = NodeTitle(*node, k);
+    const ConstTensor& weights = w->second;
+    if (weights.dims.empty() || weights.dims[0] < 1)
+      throw OnnxImportError(title + ": weights " + Quote(node->input(1)) + " have shape " +
+                            DimsString(weights.dims));
+    const int64_t out = weights.dims[0], per = weights.Count() / out;
+    std::vector<double> zero(static_cast<size_t>(out), 0.0);
+    if (node->input_size() > 3 && !node->input(3).empty()) {
+      auto z = c->consts.find(node->input(3));
+      if (z == c->consts.end())
+        throw OnnxImportError(title + ": the weights' zero point " + Quote(node->input(3)) +
+                              " must be a constant");
+      const ConstTensor& zt = z->second;
+      if (zt.Count() != 1 && zt.Count() != out)
+        throw OnnxImportError(title + ": the weights' zero point has " + std::to_string(zt.Count()) +
+                              " values for " + std::to_string(out) + " output channels");
+      for (int64_t o = 0; o < out; ++o) zero[o] = zt.Get(zt.Count() == 1 ? 0 : o);
+    }
+    ConstTensor centred = ConstTensor::Sized(kFloat, weights.dims);
+    for (int64_t o = 0; o < out; ++o)
+      for (int64_t j = 0; j < per; ++j) centred.f[o * per + j] = weights.Get(o * per + j) - zero[o];
+    const std::string weight_name = node->output(0) + "/weight";
+    c->consts[weight_name] = centred;
+    std::string x = node->input(0);
+    onnx::NodeProto sub;
+    const bool has_zero = node->input_size() > 2 && !node->input(2).empty();
+    if (has_zero) {
+      const std::string centred_x = node->output(0) + "/centred";
+      sub.set_op_type("Sub");
+      sub.set_name(NodeName(*node, k) + "/centre");
+      sub.add_input(x);
+      sub.add_input(node->input(2));
+      sub.add_output(centred_x);
+      c->shapes[centred_x] = c->ShapeOf(x);
+      x = centred_x;
+    }
+    onnx::NodeProto conv;
+    conv.set_op_type("Conv");
+    conv.set_name(NodeName(*node, k));
+    conv.add_input(x);
+    conv.add_input(weight_name);
+    conv.add_output(node->output(0));
+    for (const auto& attr : node->attribute()) conv.add_attribute()->CopyFrom(attr);
+    google::protobuf::RepeatedPtrField<onnx::NodeProto> nodes;
+    for (int j = 0; j < graph->node_size(); ++j) {
+      if (j != k) {
+        nodes.Add()->CopyFrom(graph->node(j));
+        continue;
+      }
+      if (has_zero) nodes.Add()->CopyFrom(sub);
+      nodes.Add()->CopyFrom(conv);
+    }
+    graph->mutable_node()->Swap(&nodes);
+    if (has_zero) ++k;
+  }
+}
+
+void AddIntegerMappers(MapperTable& t) {
+  t["DynamicQuantizeLinear"] = [](MappingContext& c) {
+    std::vector<std::string> outs;
+    int last = 0;
+    for (int k = 0; k < 3 && k < c.NumOutputs(); ++k)
+      if (c.OutputUsed(k)) last = k;
+    for (int k = 0; k <= last; ++k)
+      outs.push_back(c.OutputUsed(k) ? c.Out(k) : c.NewTensor(k == 0 ? "y" : k == 1 ? "scale" : "zero"));
+    c.Emit("DynamicQuantizeLinear", {c.In(0)}, outs);
+  };
+  // Reached only when LowerIntegerOps could not rewrite the node.
+  t["ConvInteger"] = [](MappingContext& c) {
+    c.Fail("the weights " + Quote(c.InputName(1)) + " must be a constant");
+  };
+}
+
+}  // namespace qzdl::onnx_import
