@@ -360,7 +360,8 @@ bool CanEvaluate(const std::string& op) {
       "Constant",  "Identity",        "Cast",       "Gather",  "Unsqueeze",  "Squeeze",
       "Concat",    "ConstantOfShape", "Reshape",    "Flatten", "Transpose",  "Slice",
       "Range",     "Expand",          "Where",      "Tile",    "ReduceProd", "ReduceSum",
-      "ReduceMax", "ReduceMin",       "ReduceMean", "Dropout", "CastLike"};
+      "ReduceMax", "ReduceMin",       "ReduceMean", "Dropout", "CastLike",
+      "DequantizeLinear", "QuantizeLinear"};
   return other.count(op) || UnaryOps().count(op) || BinaryOps().count(op);
 }
 
@@ -481,6 +482,40 @@ std::vector<ConstTensor> EvaluateNode(const onnx::NodeProto& node, int opset, co
     BroadcastWalk wx(dims, x.dims);
     for (int64_t k = 0, total = out.Count(); k < total; ++k, wx.Next()) {
       CopyElement(x, wx.offset(), &out, k);
+    }
+    return One(std::move(out));
+  }
+  if (op == "DequantizeLinear" || op == "QuantizeLinear") {
+    // y = (x - zero) * scale, or x quantized: saturate(round(x / scale) +
+    // zero) to the zero point's type (uint8 without one); one scale for the
+    // tensor or one per index of `axis`.
+    const ConstTensor &x = Need(in, 0), &scale = Need(in, 1);
+    const ConstTensor* zero = in.size() > 2 ? in[2] : nullptr;
+    const int64_t rank = static_cast<int64_t>(x.dims.size());
+    const bool per_axis = scale.Count() != 1;
+    const int64_t axis = per_axis ? NormAxis(AttrInt(node, "axis", 1), rank) : 0;
+    if (per_axis && (scale.dims.size() != 1 || scale.dims[0] != x.dims[axis]))
+      throw FoldError("scale of shape " + DimsString(scale.dims) + " does not fit input " +
+                      DimsString(x.dims) + " at axis " + std::to_string(axis));
+    if (zero != nullptr && zero->Count() != scale.Count())
+      throw FoldError("zero point of shape " + DimsString(zero->dims) + " does not match the scale");
+    const bool dequantize = op == "DequantizeLinear";
+    const int32_t out_type = dequantize ? kFloat : zero != nullptr ? zero->type : kUint8;
+    ConstTensor out = ConstTensor::Make(out_type, x.dims);
+    int64_t inner = 1;
+    for (int64_t k = axis + 1; per_axis && k < rank; ++k) inner *= x.dims[k];
+    const int64_t channels = per_axis ? x.dims[axis] : 1;
+    for (int64_t e = 0, total = x.Count(); e < total; ++e) {
+      const int64_t ch = per_axis ? e / inner % channels : 0;
+      const double s = static_cast<float>(scale.Get(ch));
+      const double z = zero != nullptr ? zero->Get(ch) : 0.0;
+      if (dequantize) {
+        out.Set(e, static_cast<float>(static_cast<float>(x.Get(e) - z) * static_cast<float>(s)));
+      } else {
+        const double lo = out_type == kInt8 ? -128 : 0, hi = out_type == kInt8 ? 127 : 255;
+        const double q = std::nearbyint(static_cast<float>(x.Get(e)) / static_cast<float>(s)) + z;
+        out.Set(e, std::min(hi, std::max(lo, q)));
+      }
     }
     return One(std::move(out));
   }

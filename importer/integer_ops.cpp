@@ -72,7 +72,39 @@ void LowerIntegerOps(onnx::GraphProto* graph, MappingContext* c) {
   }
 }
 
+namespace {
+
+// QuantizeLinear and DequantizeLinear of values the net computes (the
+// activations of a QDQ model): the net computes in float, so both pass
+// values through; the grid they describe becomes a preset range of the
+// tensor (OnnxImportResult::preset_json). Constant ones were folded.
+void MapQdq(MappingContext& c) {
+  const ConstTensor& scale = c.Const(1, "scale");
+  if (scale.Count() != 1) c.Fail("a scale per axis of a computed tensor is not supported");
+  int32_t type = kUint8;
+  double zero = 0.0;
+  if (c.HasInput(2)) {
+    const ConstTensor& z = c.Const(2, "zero point");
+    if (z.Count() != 1) c.Fail("a zero point per axis of a computed tensor is not supported");
+    type = z.type;
+    zero = z.Get(0);
+  }
+  c.Int("axis", 1);
+  c.Int("saturate", 1);
+  if (type != kInt8 && type != kUint8)
+    c.Fail("a zero point of type " + TypeName(type) + " is not supported (int8 or uint8)");
+  const double qmin = type == kInt8 ? -128 : 0, qmax = type == kInt8 ? 127 : 255;
+  const std::string x = c.In(0);
+  const double s = static_cast<float>(scale.Get(0));
+  c.preset_ranges[x] = {(qmin - zero) * s, (qmax - zero) * s};
+  c.Alias(0, x);
+}
+
+}  // namespace
+
 void AddIntegerMappers(MapperTable& t) {
+  t["QuantizeLinear"] = MapQdq;
+  t["DequantizeLinear"] = MapQdq;
   t["DynamicQuantizeLinear"] = [](MappingContext& c) {
     std::vector<std::string> outs;
     int last = 0;

@@ -45,6 +45,9 @@ class MappingContext {
 
   // Graph-wide tables, filled by the importer before mapping.
   std::map<std::string, ConstTensor> consts;
+  // Grids of tensors that a QDQ model quantizes (QuantizeLinear and
+  // DequantizeLinear of computed values), by net tensor: [min, max].
+  std::map<std::string, std::pair<double, double>> preset_ranges;
   std::map<std::string, Shape> shapes;
   std::map<std::string, int> consumers;  // uses by nodes still to map, +1 for graph outputs
   std::set<std::string> graph_outputs;

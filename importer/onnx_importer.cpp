@@ -275,6 +275,20 @@ OnnxImportResult Import(onnx::ModelProto& model, const std::string& source,
   if (c.Layers().empty()) throw OnnxImportError(Quote(source) + ": the model maps to no layers");
 
   OnnxImportResult result;
+  json11::Json::array data;
+  for (const auto& kv : c.preset_ranges) {
+    data.push_back(json11::Json::object{{"dataName", kv.first},
+                                        {"axis", 0},
+                                        {"min", json11::Json::array{kv.second.first}},
+                                        {"max", json11::Json::array{kv.second.second}}});
+  }
+  result.preset_count = static_cast<int>(data.size());
+  result.preset_json =
+      json11::Json(json11::Json::object{
+                       {"presetConfig",
+                        json11::Json::object{{"data", data}, {"weight", json11::Json::array{}}}}})
+          .dump() +
+      "\n";
   result.net_json = NetText(inputs, outputs, c.Layers());
   result.blobs = std::move(c.Blobs());
   result.layer_count = static_cast<int>(c.Layers().size());
@@ -325,6 +339,7 @@ OnnxImportResult ConvertOnnxFile(const std::string& onnx_path, const std::string
   files.emplace_back(json_path, result.net_json);
   files.emplace_back(weights_path, SerializeWeights(result.blobs));
   if (!serial_path.empty()) files.emplace_back(serial_path, SerializeSerialWeights(result.blobs));
+  if (!options.preset_path.empty()) files.emplace_back(options.preset_path, result.preset_json);
   // All files are written before any is renamed into place.
   std::string error;
   if (!WriteFilesAtomically(files, &error)) throw OnnxImportError(error);

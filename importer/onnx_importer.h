@@ -34,12 +34,19 @@ struct OnnxImportOptions {
   std::map<std::string, std::string> constant_input_files;
   // The limit on each constant computed while importing, in bytes.
   int64_t max_constant_bytes = kDefaultMaxConstantBytes;
+  // ConvertOnnxFile: where to write the preset ranges (empty: nowhere).
+  std::string preset_path;
 };
 
 struct OnnxImportResult {
   std::string net_json;           // the net description, ready to write
   std::vector<WeightBlob> blobs;  // the weights, in layer order
   int layer_count = 0;
+  // The grids a QDQ model gives its activations, as the converter's preset
+  // file (-l): {"presetConfig": {"data": [{"dataName", "axis", "min",
+  // "max"}...], "weight": []}}; no data entries for other models.
+  std::string preset_json;
+  int preset_count = 0;
 };
 
 // Imports the model in `path`. Throws OnnxImportError.

@@ -2,8 +2,11 @@
 //
 //   qzdl_onnx2net model.onnx out.json out.bin [--input-shape NAME=D0,D1,...]...
 //                 [--serial out.fb] [--constant-input NAME=TENSOR.pb]...
-//                 [--max-constant-mib N]
+//                 [--max-constant-mib N] [--preset-ranges out_preset.json]
 //
+// --preset-ranges: writes the ranges that a QDQ model's QuantizeLinear and
+// DequantizeLinear nodes give its activations, as a preset file for the
+// converter's -l (docs/onnx-import.md).
 // --max-constant-mib: the most memory (MiB) one constant computed while
 // importing may take (default 1024): weights that a model computes from
 // ConstantOfShape, Expand, Tile and the like.
@@ -24,7 +27,8 @@ namespace {
 int Usage() {
   fprintf(stderr,
           "usage: qzdl_onnx2net model.onnx out.json out.bin [--input-shape NAME=D0,D1,...]... "
-          "[--serial out.fb] [--constant-input NAME=TENSOR.pb]... [--max-constant-mib N]\n");
+          "[--serial out.fb] [--constant-input NAME=TENSOR.pb]... [--max-constant-mib N] "
+          "[--preset-ranges out_preset.json]\n");
   return 2;
 }
 
@@ -54,6 +58,8 @@ int main(int argc, char** argv) {
         }
         options.constant_inputs[item.substr(0, eq)] = bytes;
         options.constant_input_files[item.substr(0, eq)] = path;
+      } else if (arg == "--preset-ranges" && i + 1 < argc) {
+        options.preset_path = argv[++i];
       } else if (arg == "--max-constant-mib" && i + 1 < argc) {
         const std::string value = argv[++i];
         char* end = nullptr;
@@ -75,9 +81,12 @@ int main(int argc, char** argv) {
     if (count != 3) return Usage();
     const qzdl::OnnxImportResult result =
         qzdl::ConvertOnnxFile(positional[0], positional[1], positional[2], serial, options);
-    printf("qzdl_onnx2net: %s -> %s (%d layers), %s (%zu blobs)%s%s\n", positional[0].c_str(),
+    printf("qzdl_onnx2net: %s -> %s (%d layers), %s (%zu blobs)%s%s", positional[0].c_str(),
            positional[1].c_str(), result.layer_count, positional[2].c_str(), result.blobs.size(),
            serial.empty() ? "" : ", ", serial.c_str());
+    if (!options.preset_path.empty())
+      printf(", %s (%d ranges)", options.preset_path.c_str(), result.preset_count);
+    printf("\n");
     return 0;
   } catch (const qzdl::OnnxImportError& e) {
     fprintf(stderr, "qzdl_onnx2net: %s\n", e.what());

@@ -1,12 +1,14 @@
 // A dynamically quantized convolution as quantizing exporters write it:
 // DynamicQuantizeLinear, ConvInteger with constant int8 weights and zero
 // points, Cast, Mul by the two scales; against the integer arithmetic ONNX
-// defines, computed here.
+// defines, computed here. And a QDQ model: weights dequantized at import,
+// activation grids written as the converter's preset ranges.
 #include <gtest/gtest.h>
 #include <onnx/onnx_pb.h>
 
 #include <algorithm>
 #include <cmath>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -90,6 +92,70 @@ TEST(OnnxIntegerOps, DynamicallyQuantizedConvolution) {
       }
   auto net = BuildNet(r);
   EXPECT_EQ(RunNet(net.get(), {x})[0], want);
+}
+
+TEST(OnnxIntegerOps, QdqModelDequantizesWeightsAndPresetsRanges) {
+  // x -> QuantizeLinear(0.05, 128) -> DequantizeLinear -> Conv 1x1 with
+  // weights DequantizeLinear(int8 codes, per-channel scales 0.5 and 0.25)
+  // -> Relu.
+  onnx::ModelProto m = EmptyModel(13);
+  onnx::GraphProto* g = m.mutable_graph();
+  AddFloatInput(g, "x", {1, 2, 2, 2});
+  auto add = [g](const std::string& name, int type, const std::vector<int64_t>& dims,
+                 const std::string& raw) {
+    auto* t = g->add_initializer();
+    t->set_name(name);
+    t->set_data_type(type);
+    for (int64_t d : dims) t->add_dims(d);
+    t->set_raw_data(raw);
+  };
+  const float s_x = 0.05f, s_w[2] = {0.5f, 0.25f};
+  add("s_x", onnx::TensorProto::FLOAT, {}, std::string(reinterpret_cast<const char*>(&s_x), 4));
+  add("z_x", onnx::TensorProto::UINT8, {}, std::string(1, static_cast<char>(128)));
+  const int8_t w[4] = {2, -4, 8, 1};
+  add("w_q", onnx::TensorProto::INT8, {2, 2, 1, 1}, std::string(reinterpret_cast<const char*>(w), 4));
+  add("s_w", onnx::TensorProto::FLOAT, {2}, std::string(reinterpret_cast<const char*>(s_w), 8));
+  add("z_w", onnx::TensorProto::INT8, {2}, std::string(2, '\0'));
+  AddNode(&m, "QuantizeLinear", "q", {"x", "s_x", "z_x"}, {"xq"});
+  AddNode(&m, "DequantizeLinear", "dq", {"xq", "s_x", "z_x"}, {"xd"});
+  auto* wdq = AddNode(&m, "DequantizeLinear", "wdq", {"w_q", "s_w", "z_w"}, {"w"});
+  auto* axis = wdq->add_attribute();
+  axis->set_name("axis");
+  axis->set_type(onnx::AttributeProto::INT);
+  axis->set_i(0);
+  AddNode(&m, "Conv", "conv", {"xd", "w"}, {"c"});
+  AddNode(&m, "Relu", "relu", {"c"}, {"y"});
+  AddOutput(&m, "y");
+  const OnnxImportResult r = ImportOnnxBytes(m.SerializeAsString(), "m.onnx", ".");
+  std::string types;
+  const json11::Json layers = Layers(r);
+  for (const auto& l : layers.array_items()) types += l["type"].string_value() + " ";
+  EXPECT_EQ(types, "Convolution ReLU ") << r.net_json;
+  ASSERT_EQ(r.blobs.size(), 1u);
+  EXPECT_EQ(r.blobs[0].values, (std::vector<float>{1.0f, -2.0f, 2.0f, 0.25f}));
+  // The grid of x: codes 0..255 around 128 at 0.05.
+  EXPECT_EQ(r.preset_count, 1);
+  EXPECT_EQ(r.preset_json,
+            "{\"presetConfig\": {\"data\": [{\"axis\": 0, \"dataName\": \"x\", \"max\": "
+            "[6.3500000946223736], \"min\": [-6.4000000953674316]}], \"weight\": []}}\n");
+  // The tool writes the same ranges with the net, for the converter's -l.
+  const std::string dir = TempDir("qdq");
+  {
+    std::ofstream f(dir + "/qdq.onnx", std::ios::binary);
+    f << m.SerializeAsString();
+  }
+  const ToolRun run = RunOnnx2Net("'" + dir + "/qdq.onnx' '" + dir + "/net.json' '" + dir +
+                                  "/net.bin' --preset-ranges '" + dir + "/preset.json'");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find(", " + dir + "/preset.json (1 ranges)"), std::string::npos) << run.out;
+  EXPECT_EQ(ReadFile(dir + "/preset.json"), r.preset_json);
+  auto net = BuildNet(r);
+  const std::vector<float> x = {1, -1, 2, 0.5f, 0.25f, 3, -2, 1};
+  const auto out = RunNet(net.get(), {x});
+  for (int p = 0; p < 4; ++p) {
+    EXPECT_EQ(out[0][p], std::max(0.0f, 1.0f * x[p] - 2.0f * x[4 + p])) << p;
+    EXPECT_EQ(out[0][4 + p], std::max(0.0f, 2.0f * x[p] + 0.25f * x[4 + p])) << p;
+  }
 }
 
 }  // namespace
