@@ -9,28 +9,62 @@
 namespace qzdl {
 
 namespace {
+
 constexpr int kMaxHidden = 65536;
+
+// hidden_size and clip, as every recurrent layer reads them. Recurrent
+// layers of real models have at most a few thousand units; the bound keeps
+// the weight shapes and the gate buffers far inside int.
+void ReadUnits(const ParamReader& param, int* hidden, float* clip) {
+  *hidden = param.RequiredInt("hidden_size");
+  if (*hidden < 1 || *hidden > kMaxHidden)
+    param.Fail("param \"hidden_size\" must be in [1, " + std::to_string(kMaxHidden) + "], got " +
+               std::to_string(*hidden));
+  *clip = param.Float("clip", 0.0f);
+  if (!(*clip >= 0.0f) || !std::isfinite(*clip))
+    param.Fail("param \"clip\" must be a finite number >= 0 (0: no clipping), got " +
+               std::to_string(*clip));
+}
+
+// Checks the sequence input x [sequence, batch, input] (and its feature
+// count against the weights, once they exist) and the state inputs after
+// it; sizes the outputs.
+void ShapeSequence(Layer<float>* layer, int directions, int hidden, int* seq, int* batch,
+                   int* input) {
+  const Data<float>* x = layer->GetInputs()[0];
+  if (x->NumAxes() != 3)
+    layer->Fail("input \"" + x->GetName() + "\" has shape " + DimsToString(x->GetDims()) +
+                "; it must be [sequence, batch, input]");
+  if (!layer->GetWeights().empty() && x->GetDim(2) != *input)
+    layer->Fail("input \"" + x->GetName() + "\" now has " + std::to_string(x->GetDim(2)) +
+                " features, the weights were made for " + std::to_string(*input));
+  *seq = x->GetDim(0);
+  *batch = x->GetDim(1);
+  *input = x->GetDim(2);
+  const std::vector<int> state = {directions, *batch, hidden};
+  for (size_t k = 1; k < layer->GetInputs().size(); ++k) {
+    const Data<float>* s = layer->GetInputs()[k];
+    if (s->GetDims() != state)
+      layer->Fail("input \"" + s->GetName() + "\" (the initial " + (k == 1 ? "hidden" : "cell") +
+                  " state) has shape " + DimsToString(s->GetDims()) + "; it must be " +
+                  DimsToString(state));
+  }
+  layer->GetOutputs()[0]->Resize({*seq, directions, *batch, hidden});
+  for (size_t k = 1; k < layer->GetOutputs().size(); ++k) layer->GetOutputs()[k]->Resize(state);
+}
+
 }  // namespace
 
 template <>
 void LSTMLayer<float>::LoadParam(const ParamReader& param) {
   this->ExpectCounts(1, 3, 1, 3);
-  hidden_ = param.RequiredInt("hidden_size");
-  // Recurrent layers of real models have at most a few thousand units; the
-  // bound keeps the weight shapes and the gate buffer far inside int.
-  if (hidden_ < 1 || hidden_ > kMaxHidden)
-    param.Fail("param \"hidden_size\" must be in [1, " + std::to_string(kMaxHidden) + "], got " +
-               std::to_string(hidden_));
+  ReadUnits(param, &hidden_, &clip_);
   if (this->GetType() == "BiLSTM") {
     if (param.Has("direction")) param.Fail("param \"direction\" does not apply to BiLSTM");
     directions_ = 2;
   } else {
     reverse_ = param.Choice("direction", "forward", {"forward", "reverse"}) == "reverse";
   }
-  clip_ = param.Float("clip", 0.0f);
-  if (!(clip_ >= 0.0f) || !std::isfinite(clip_))
-    param.Fail("param \"clip\" must be a finite number >= 0 (0: no clipping), got " +
-               std::to_string(clip_));
   input_forget_ = param.Bool("input_forget", false);
   bias_term_ = param.Bool("bias_term", true);
   peepholes_ = param.Bool("has_peepholes", false);
@@ -44,27 +78,7 @@ std::string LSTMLayer<float>::GetTypeDetail() {
 
 template <>
 void LSTMLayer<float>::Reshape() {
-  const Data<float>* x = this->in(0);
-  if (x->NumAxes() != 3)
-    this->Fail("input \"" + x->GetName() + "\" has shape " + DimsToString(x->GetDims()) +
-               "; it must be [sequence, batch, input]");
-  const int input = x->GetDim(2);
-  if (!this->GetWeights().empty() && input != input_)
-    this->Fail("input \"" + x->GetName() + "\" now has " + std::to_string(input) +
-               " features, the weights were made for " + std::to_string(input_));
-  seq_ = x->GetDim(0);
-  batch_ = x->GetDim(1);
-  input_ = input;
-  const std::vector<int> state = {directions_, batch_, hidden_};
-  for (size_t k = 1; k < this->GetInputs().size(); ++k) {
-    const Data<float>* s = this->in(static_cast<int>(k));
-    if (s->GetDims() != state)
-      this->Fail("input \"" + s->GetName() + "\" (the initial " + (k == 1 ? "hidden" : "cell") +
-                 " state) has shape " + DimsToString(s->GetDims()) + "; it must be " +
-                 DimsToString(state));
-  }
-  this->out(0)->Resize({seq_, directions_, batch_, hidden_});
-  for (size_t k = 1; k < this->GetOutputs().size(); ++k) this->out(static_cast<int>(k))->Resize(state);
+  ShapeSequence(this, directions_, hidden_, &seq_, &batch_, &input_);
   gates_.assign(static_cast<size_t>(batch_) * 4 * hidden_, 0.0f);
   h_.assign(static_cast<size_t>(batch_) * hidden_, 0.0f);
   c_.assign(h_.size(), 0.0f);
@@ -167,16 +181,9 @@ void LSTMLayer<float>::Run() {
 template <>
 void GruLayer<float>::LoadParam(const ParamReader& param) {
   this->ExpectCounts(1, 2, 1, 2);
-  hidden_ = param.RequiredInt("hidden_size");
-  if (hidden_ < 1 || hidden_ > kMaxHidden)
-    param.Fail("param \"hidden_size\" must be in [1, " + std::to_string(kMaxHidden) + "], got " +
-               std::to_string(hidden_));
+  ReadUnits(param, &hidden_, &clip_);
   direction_ = param.Choice("direction", "forward", {"forward", "reverse", "bidirectional"});
   directions_ = direction_ == "bidirectional" ? 2 : 1;
-  clip_ = param.Float("clip", 0.0f);
-  if (!(clip_ >= 0.0f) || !std::isfinite(clip_))
-    param.Fail("param \"clip\" must be a finite number >= 0 (0: no clipping), got " +
-               std::to_string(clip_));
   linear_before_reset_ = param.Bool("linear_before_reset", false);
   bias_term_ = param.Bool("bias_term", true);
 }
@@ -188,23 +195,7 @@ std::string GruLayer<float>::GetTypeDetail() {
 
 template <>
 void GruLayer<float>::Reshape() {
-  const Data<float>* x = this->in(0);
-  if (x->NumAxes() != 3)
-    this->Fail("input \"" + x->GetName() + "\" has shape " + DimsToString(x->GetDims()) +
-               "; it must be [sequence, batch, input]");
-  const int input = x->GetDim(2);
-  if (!this->GetWeights().empty() && input != input_)
-    this->Fail("input \"" + x->GetName() + "\" now has " + std::to_string(input) +
-               " features, the weights were made for " + std::to_string(input_));
-  seq_ = x->GetDim(0);
-  batch_ = x->GetDim(1);
-  input_ = input;
-  const std::vector<int> state = {directions_, batch_, hidden_};
-  if (this->GetInputs().size() > 1 && this->in(1)->GetDims() != state)
-    this->Fail("input \"" + this->in(1)->GetName() + "\" (the initial hidden state) has shape " +
-               DimsToString(this->in(1)->GetDims()) + "; it must be " + DimsToString(state));
-  this->out(0)->Resize({seq_, directions_, batch_, hidden_});
-  if (this->GetOutputs().size() > 1) this->out(1)->Resize(state);
+  ShapeSequence(this, directions_, hidden_, &seq_, &batch_, &input_);
   gates_.assign(static_cast<size_t>(batch_) * 4 * hidden_, 0.0f);
   h_.assign(static_cast<size_t>(batch_) * hidden_, 0.0f);
 }

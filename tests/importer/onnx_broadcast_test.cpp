@@ -18,15 +18,6 @@
 namespace qzdl::test {
 namespace {
 
-void Init(onnx::GraphProto* g, const std::string& name, const std::vector<int64_t>& dims,
-          const std::vector<float>& v) {
-  auto* t = g->add_initializer();
-  t->set_name(name);
-  t->set_data_type(onnx::TensorProto::FLOAT);
-  for (int64_t d : dims) t->add_dims(d);
-  for (float x : v) t->add_float_data(x);
-}
-
 std::string Types(const OnnxImportResult& r) {
   std::string types;
   const json11::Json layers = Layers(r);
@@ -38,7 +29,7 @@ TEST(OnnxBroadcast, MaxWithAOneElementConstant) {
   // y = max(x, 0.25) for x [1, 2, 3]: the constant broadcasts.
   onnx::ModelProto m = EmptyModel();
   AddFloatInput(m.mutable_graph(), "x", {1, 2, 3});
-  Init(m.mutable_graph(), "c", {1}, {0.25f});
+  AddFloatInit(m.mutable_graph(), "c", {1}, {0.25f});
   AddNode(&m, "Max", "max", {"x", "c"}, {"y"});
   AddOutput(&m, "y");
   const OnnxImportResult r = ImportOnnxBytes(m.SerializeAsString(), "m.onnx", ".");
@@ -82,7 +73,7 @@ TEST(OnnxBroadcast, PowWithAComputedExponent) {
   onnx::ModelProto m = EmptyModel();
   AddFloatInput(m.mutable_graph(), "x", {4});
   AddFloatInput(m.mutable_graph(), "e", {4});
-  Init(m.mutable_graph(), "two", {}, {2.0f});
+  AddFloatInit(m.mutable_graph(), "two", {}, {2.0f});
   AddNode(&m, "Relu", "relu", {"e"}, {"re"});
   AddNode(&m, "Pow", "pow", {"x", "re"}, {"y"});
   AddNode(&m, "Pow", "exp2", {"two", "x"}, {"z"});
@@ -105,8 +96,8 @@ TEST(OnnxBroadcast, ScalarReductionAndComputedClipBound) {
   // and Clip's lower bound is computed.
   onnx::ModelProto m = EmptyModel();
   AddFloatInput(m.mutable_graph(), "x", {2, 3});
-  Init(m.mutable_graph(), "one", {}, {1.0f});
-  Init(m.mutable_graph(), "half", {}, {0.5f});
+  AddFloatInit(m.mutable_graph(), "one", {}, {1.0f});
+  AddFloatInit(m.mutable_graph(), "half", {}, {0.5f});
   onnx::NodeProto* reduce = AddNode(&m, "ReduceMax", "top", {"x"}, {"top"});
   auto* keep = reduce->add_attribute();
   keep->set_name("keepdims");

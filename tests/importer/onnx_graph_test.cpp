@@ -59,15 +59,6 @@ TEST(OnnxGraph, GeluAndSiluPatternsFuse) {
   EXPECT_LE(ToleranceRatio(out[0], y.values, 1e-6, 1e-5), 1.0);
 }
 
-void AddInit(onnx::GraphProto* g, const std::string& name, const std::vector<int64_t>& dims,
-             const std::vector<float>& v) {
-  auto* t = g->add_initializer();
-  t->set_name(name);
-  t->set_data_type(onnx::TensorProto::FLOAT);
-  for (int64_t d : dims) t->add_dims(d);
-  for (float x : v) t->add_float_data(x);
-}
-
 void AddNode(onnx::GraphProto* g, const std::string& op, const std::vector<std::string>& in,
              const std::string& out) {
   auto* n = g->add_node();
@@ -84,10 +75,10 @@ TEST(OnnxGraph, ConstantOperands) {
   onnx::GraphProto* g = m.mutable_graph();
   AddFloatInput(g, "x", {2, 3, 2, 2});
   g->add_output()->set_name("y");
-  AddInit(g, "c3", {3, 1, 1}, {2, -1, 0.5f});
-  AddInit(g, "d3", {1, 3, 1, 1}, {1, 2, 3});
-  AddInit(g, "four", {}, {4});
-  AddInit(g, "w2", {2}, {10, 20});
+  AddFloatInit(g, "c3", {3, 1, 1}, {2, -1, 0.5f});
+  AddFloatInit(g, "d3", {1, 3, 1, 1}, {1, 2, 3});
+  AddFloatInit(g, "four", {}, {4});
+  AddFloatInit(g, "w2", {2}, {10, 20});
   AddNode(g, "Mul", {"x", "c3"}, "mul");
   AddNode(g, "Sub", {"d3", "mul"}, "sub");
   AddNode(g, "Div", {"sub", "four"}, "div");

@@ -16,22 +16,13 @@
 namespace qzdl::test {
 namespace {
 
-void Init(onnx::GraphProto* g, const std::string& name, const std::vector<int64_t>& dims,
-          const std::vector<float>& v) {
-  auto* t = g->add_initializer();
-  t->set_name(name);
-  t->set_data_type(onnx::TensorProto::FLOAT);
-  for (int64_t d : dims) t->add_dims(d);
-  for (float x : v) t->add_float_data(x);
-}
-
 onnx::ModelProto Model(bool mean_output) {
   // x [2, 3, 4] normalized over the last two axes; scale [4] and bias [1, 4]
   // broadcast over the 3 rows of each item.
   onnx::ModelProto m = EmptyModel(17);
   AddFloatInput(m.mutable_graph(), "x", {2, 3, 4});
-  Init(m.mutable_graph(), "w", {4}, {1.0f, -2.0f, 0.5f, 3.0f});
-  Init(m.mutable_graph(), "b", {1, 4}, {0.0f, 0.25f, -1.0f, 2.0f});
+  AddFloatInit(m.mutable_graph(), "w", {4}, {1.0f, -2.0f, 0.5f, 3.0f});
+  AddFloatInit(m.mutable_graph(), "b", {1, 4}, {0.0f, 0.25f, -1.0f, 2.0f});
   std::vector<std::string> outs = {"y"};
   if (mean_output) outs.push_back("mean");
   onnx::NodeProto* n = AddNode(&m, "LayerNormalization", "ln", {"x", "w", "b"}, outs);

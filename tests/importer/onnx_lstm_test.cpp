@@ -51,15 +51,6 @@ TEST(OnnxLSTM, InitialStatesAsInputs) {
   EXPECT_LE(ToleranceRatio(out[0], Values("lstm_state_y.pb"), 1e-6, 1e-5), 1.0);
 }
 
-std::string ImportError(const onnx::ModelProto& m) {
-  try {
-    ImportOnnxBytes(m.SerializeAsString(), "m.onnx", ".");
-  } catch (const OnnxImportError& e) {
-    return e.what();
-  }
-  return "no error";
-}
-
 TEST(OnnxLSTM, UnsupportedAttributesAreRefused) {
   onnx::ModelProto base;
   ASSERT_TRUE(base.ParseFromString(ReadFile(Fixture("lstm_state.onnx"))));
@@ -69,7 +60,7 @@ TEST(OnnxLSTM, UnsupportedAttributesAreRefused) {
     a->set_name("activations");
     a->set_type(onnx::AttributeProto::STRINGS);
     for (const char* s : {"Sigmoid", "Relu", "Tanh"}) a->add_strings(s);
-    EXPECT_EQ(ImportError(m),
+    EXPECT_EQ(ImportErrorOf(m),
               "node \"/lstm/LSTM\" (LSTM): attribute \"activations\" value [\"Sigmoid\", \"Relu\", "
               "\"Tanh\"] is not supported (only Sigmoid, Tanh, Tanh per direction)");
   }
@@ -79,7 +70,7 @@ TEST(OnnxLSTM, UnsupportedAttributesAreRefused) {
     a->set_name("layout");
     a->set_type(onnx::AttributeProto::INT);
     a->set_i(1);
-    EXPECT_EQ(ImportError(m),
+    EXPECT_EQ(ImportErrorOf(m),
               "node \"/lstm/LSTM\" (LSTM): attribute \"layout\" value 1 is not supported (only 0, "
               "[sequence, batch, input], is supported)");
   }

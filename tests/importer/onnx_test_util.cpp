@@ -32,6 +32,24 @@ void AddFloatInput(onnx::GraphProto* g, const std::string& name, const std::vect
   for (int64_t d : dims) tt->mutable_shape()->add_dim()->set_dim_value(d);
 }
 
+void AddFloatInit(onnx::GraphProto* g, const std::string& name, const std::vector<int64_t>& dims,
+                  const std::vector<float>& values) {
+  auto* t = g->add_initializer();
+  t->set_name(name);
+  t->set_data_type(onnx::TensorProto::FLOAT);
+  for (int64_t d : dims) t->add_dims(d);
+  for (float x : values) t->add_float_data(x);
+}
+
+std::string ImportErrorOf(const onnx::ModelProto& m, const OnnxImportOptions& options) {
+  try {
+    ImportOnnxBytes(m.SerializeAsString(), "m.onnx", ".", options);
+  } catch (const OnnxImportError& e) {
+    return e.what();
+  }
+  return "no error";
+}
+
 void AddOutput(onnx::ModelProto* m, const std::string& name) {
   auto* out = m->mutable_graph()->add_output();
   out->set_name(name);

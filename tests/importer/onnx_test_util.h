@@ -24,6 +24,12 @@ json11::Json Layers(const OnnxImportResult& r);
 onnx::ModelProto EmptyModel(int opset = 13);
 // Declares the float graph input `name` with fixed `dims`.
 void AddFloatInput(onnx::GraphProto* g, const std::string& name, const std::vector<int64_t>& dims);
+// Adds a float initializer `name` of `dims` holding `values`.
+void AddFloatInit(onnx::GraphProto* g, const std::string& name, const std::vector<int64_t>& dims,
+                  const std::vector<float>& values);
+// The message of the OnnxImportError that importing `m` throws, or
+// "no error".
+std::string ImportErrorOf(const onnx::ModelProto& m, const OnnxImportOptions& options = {});
 // Declares the float graph output `name` (shape left to inference).
 void AddOutput(onnx::ModelProto* m, const std::string& name);
 // Appends node `name` of operator `op`.
