@@ -115,6 +115,7 @@ std::map<std::string, LayerFactory<float>>& FloatTable() {
       // eltwise
       {"Eltwise", &Make<EltwiseLayer<float>>},
       {"BroadcastOp", &Make<BroadcastOpLayer<float>>},
+      {"BinaryOp", &Make<BroadcastOpLayer<float>>},  // the same layer under the other name
       {"Mean", &Make<MeanLayer<float>>},
       // concat
       {"Concat", &Make<ConcatLayer<float>>},
@@ -186,6 +187,7 @@ const std::map<std::string, LayerFactory<unsigned char>>& Int8Table() {
       {"InnerProduct", &Make8<InnerProductInt8Layer>},
       {"Eltwise", &Make8<EltwiseInt8Layer>},
       {"BroadcastOp", &Make8<BroadcastOpInt8Layer>},  // div, equal: float island
+      {"BinaryOp", &Make8<BroadcastOpInt8Layer>},
       {"Pooling", &Make8<PoolingInt8Layer>},          // ave in integers, max moves codes
       // unary activations: a table of 256 codes
       {"ReLU", &Make8<TableInt8Layer>},

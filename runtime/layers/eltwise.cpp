@@ -210,7 +210,7 @@ void BroadcastOpLayer<float>::Reshape() {
 
 template <>
 std::string BroadcastOpLayer<float>::GetTypeDetail() {
-  return "BroadcastOp(" + op_name_ + ")";
+  return this->GetType() + "(" + op_name_ + ")";
 }
 
 namespace {

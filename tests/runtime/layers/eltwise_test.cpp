@@ -318,6 +318,20 @@ TEST(BroadcastOpLayer, MaxAndMinPropagateNaN) {
   }
 }
 
+TEST(BroadcastOpLayer, BinaryOpIsTheSameLayer) {
+  // "BinaryOp" serves the same operations under its own type name.
+  const Tensor a = test::RandomTensor({2, 3, 4}, 41), b = test::RandomTensor({3, 1}, 42);
+  for (const std::string op : {"add", "sub", "mul", "div", "max", "min", "greater"}) {
+    SCOPED_TRACE(op);
+    EXPECT_EQ(test::RunLayer("BinaryOp", {{"operation", op}}, {a, b}).values,
+              test::RunLayer("BroadcastOp", {{"operation", op}}, {a, b}).values);
+  }
+  auto net = test::OneLayerNet("BinaryOp", {{"operation", "mul"}}, {{2, 3}, {3}}).Build();
+  EXPECT_EQ(net->GetLayer("l")->GetTypeDetail(), "BinaryOp(mul)");
+  EXPECT_EQ(test::BuildError(test::OneLayerNet("BinaryOp", {}, {{3}, {3}})),
+            "net description: layer \"l\" (BinaryOp): missing param \"operation\"");
+}
+
 TEST(BroadcastOpLayer, TypeDetail) {
   for (const std::string op : {"add", "sub", "mul", "div", "equal", "max", "min", "pow",
                                "greater", "less", "greater_equal", "less_equal"}) {
