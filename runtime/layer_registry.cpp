@@ -112,6 +112,7 @@ std::map<std::string, LayerFactory<float>>& FloatTable() {
       {"Pooling", &Make<PoolingLayer<float>>},
       // softmax
       {"Softmax", &Make<SoftmaxLayer<float>>},
+      {"SoftmaxMask", &Make<SoftmaxMaskLayer<float>>},
       // eltwise
       {"Eltwise", &Make<EltwiseLayer<float>>},
       {"BroadcastOp", &Make<BroadcastOpLayer<float>>},

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "runtime/kernels/parallel.h"
 
@@ -9,7 +10,9 @@ namespace qzdl {
 
 template <>
 void SoftmaxLayer<float>::LoadParam(const ParamReader& param) {
-  this->ExpectCounts(1, 1, 1, 1);
+  // "SoftmaxMask" takes the mask as a second input.
+  const int inputs = this->GetType() == "SoftmaxMask" ? 2 : 1;
+  this->ExpectCounts(inputs, inputs, 1, 1);
   axis_ = param.Int("axis", 1);
 }
 
@@ -67,6 +70,77 @@ void SoftmaxLayer<float>::Run() {
         }
       },
       std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(1, dim * std::min(kBlock, inner))));
+}
+
+// ---- SoftmaxMask -----------------------------------------------------------
+
+template <>
+void SoftmaxMaskLayer<float>::Reshape() {
+  SoftmaxLayer<float>::Reshape();
+  const Data<float>* x = this->in(0);
+  const Data<float>* mask = this->in(1);
+  const int rank = x->NumAxes(), mrank = mask->NumAxes();
+  // The mask broadcasts to x: aligned on the trailing axes, each of its dims
+  // equal to x's or 1.
+  bool fits = mrank <= rank;
+  mask_strides_.assign(static_cast<size_t>(rank), 0);
+  int64_t stride = 1;
+  for (int k = mrank - 1; fits && k >= 0; --k) {
+    const int xk = rank - mrank + k;
+    const int md = mask->GetDim(k);
+    if (md != 1 && md != x->GetDim(xk)) fits = false;
+    mask_strides_[xk] = md == 1 ? 0 : stride;
+    stride *= md;
+  }
+  if (!fits)
+    this->Fail("mask \"" + mask->GetName() + "\" of shape " + DimsToString(mask->GetDims()) +
+               " does not broadcast to input \"" + x->GetName() + "\" of shape " +
+               DimsToString(x->GetDims()));
+  const std::vector<int> dims = x->GetDims();
+  dims_.assign(dims.begin(), dims.end());
+}
+
+template <>
+void SoftmaxMaskLayer<float>::Run() {
+  const float* x = this->in(0)->GetCpuData();
+  const float* mask = this->in(1)->GetCpuData();
+  float* y = this->out()->GetCpuData();
+  const int64_t dim = dim_, inner = inner_;
+  const std::vector<int64_t> dims = dims_, strides = mask_strides_;
+  // The mask's element of x's element e.
+  auto mask_at = [&dims, &strides, mask](int64_t e) {
+    int64_t offset = 0;
+    for (size_t k = dims.size(); k-- > 0;) {
+      offset += e % dims[k] * strides[k];
+      e /= dims[k];
+    }
+    return mask[offset];
+  };
+  // One task per column: the maximum and the sum over the kept positions
+  // (mask not 0), in order; masked positions give 0, and so does a column
+  // with no kept position.
+  ParallelFor(outer_ * inner, [=](int64_t begin, int64_t end) {
+    for (int64_t t = begin; t < end; ++t) {
+      const int64_t o = t / inner, i = t % inner;
+      const int64_t base = o * dim * inner + i;
+      float mx = -std::numeric_limits<float>::infinity();
+      bool any = false;
+      for (int64_t d = 0; d < dim; ++d) {
+        if (mask_at(base + d * inner) == 0.0f) continue;
+        mx = any ? std::max(mx, x[base + d * inner]) : x[base + d * inner];
+        any = true;
+      }
+      float sum = 0.0f;
+      for (int64_t d = 0; d < dim; ++d) {
+        const int64_t e = base + d * inner;
+        const float v = any && mask_at(e) != 0.0f ? std::exp(x[e] - mx) : 0.0f;
+        y[e] = v;
+        sum += v;
+      }
+      if (!any) continue;
+      for (int64_t d = 0; d < dim; ++d) y[base + d * inner] /= sum;
+    }
+  });
 }
 
 }  // namespace qzdl

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "runtime/layer.h"
 
@@ -24,6 +25,24 @@ class SoftmaxLayer : public Layer<T> {
 
  private:
   int axis_ = 1;
+};
+
+// "SoftmaxMask": Softmax over `axis` of the positions whose mask (the second
+// input, broadcast to the first) is not 0; masked positions give 0, and a
+// column with no unmasked position gives 0 everywhere. The same as filling
+// the masked scores with -infinity first, without the NaN of an all-masked
+// column.
+template <typename T>
+class SoftmaxMaskLayer : public SoftmaxLayer<T> {
+ public:
+  void Reshape() override;
+  bool InPlaceSafe() const override { return false; }
+
+ protected:
+  void Run() override;
+
+ private:
+  std::vector<int64_t> dims_, mask_strides_;
 };
 
 }  // namespace qzdl

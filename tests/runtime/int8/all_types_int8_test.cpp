@@ -47,6 +47,8 @@ std::map<std::string, TypeCase> Cases() {
   c["BroadcastOp"].inputs = {{2, 3, 4, 5}, {4, 1}};
   c["BroadcastOp"].param = {{"operation", "add"}};
   c["BinaryOp"].inputs = {{2, 3, 4, 5}, {4, 1}};
+  c["SoftmaxMask"].inputs = {{2, 3, 4, 5}, {2, 1, 1, 5}};
+  c["SoftmaxMask"].param = {{"axis", 3}};
   c["BinaryOp"].param = {{"operation", "sub"}};
   // Attention-like: heads [2, 3] broadcast against one [3], b transposed.
   c["BatchMatrixMul"].inputs = {{2, 3, 4, 5}, {3, 6, 5}};

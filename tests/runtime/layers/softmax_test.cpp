@@ -125,3 +125,66 @@ TEST(SoftmaxLayer, InPlaceAndThreadCount) {
 
 }  // namespace
 }  // namespace qzdl
+
+namespace qzdl {
+namespace {
+
+// Softmax of the unmasked scores in double, as filling masked ones with
+// -infinity does; all-masked columns give 0.
+std::vector<float> MaskedReference(const test::Tensor& x, const test::Tensor& mask) {
+  const int n = x.dims[0], h = x.dims[1], q = x.dims[2], k = x.dims[3];
+  std::vector<float> y(x.values.size(), 0.0f);
+  for (int a = 0; a < n; ++a)
+    for (int b = 0; b < h; ++b)
+      for (int i = 0; i < q; ++i) {
+        const int64_t row = ((int64_t(a) * h + b) * q + i) * k;
+        double mx = -INFINITY, sum = 0;
+        for (int j = 0; j < k; ++j)
+          if (mask.values[size_t(a) * k + j] != 0) mx = std::max<double>(mx, x.values[row + j]);
+        if (mx == -INFINITY) continue;
+        for (int j = 0; j < k; ++j)
+          if (mask.values[size_t(a) * k + j] != 0) sum += std::exp(double(x.values[row + j]) - mx);
+        for (int j = 0; j < k; ++j)
+          if (mask.values[size_t(a) * k + j] != 0)
+            y[row + j] = static_cast<float>(std::exp(double(x.values[row + j]) - mx) / sum);
+      }
+  return y;
+}
+
+TEST(SoftmaxMaskLayer, AttentionMaskBroadcastOverHeadsAndQueries) {
+  // Scores [2, 3, 4, 5] and a padding mask [2, 1, 1, 5]: item 0 keeps every
+  // key, item 1 masks its last two.
+  const test::Tensor x = test::RandomTensor({2, 3, 4, 5}, 301, -3.0f, 3.0f);
+  const test::Tensor mask{{2, 1, 1, 5}, {1, 1, 1, 1, 1, 1, 1, 1, 0, 0}};
+  const test::Tensor got = test::RunLayer("SoftmaxMask", {{"axis", -1}}, {x, mask});
+  EXPECT_EQ(got.dims, x.dims);
+  EXPECT_LE(test::ToleranceRatio(got.values, MaskedReference(x, mask), 1e-6, 1e-6), 1.0);
+  // Masked keys give exactly 0.
+  EXPECT_EQ(got.values[60 + 3], 0.0f);
+  EXPECT_EQ(got.values[60 + 4], 0.0f);
+}
+
+TEST(SoftmaxMaskLayer, AFullyMaskedRowGivesZeros) {
+  const test::Tensor x{{1, 1, 2, 3}, {1, 2, 3, 4, 5, 6}};
+  const test::Tensor mask{{1, 1, 2, 3}, {0, 0, 0, 1, 0, 1}};
+  const test::Tensor got = test::RunLayer("SoftmaxMask", {{"axis", 3}}, {x, mask});
+  const float e = static_cast<float>(1.0 / (1.0 + std::exp(2.0)));
+  EXPECT_EQ(got.values[0], 0.0f);
+  EXPECT_EQ(got.values[2], 0.0f);
+  EXPECT_FLOAT_EQ(got.values[3], e);
+  EXPECT_EQ(got.values[4], 0.0f);
+  EXPECT_FLOAT_EQ(got.values[5], 1.0f - e);
+}
+
+TEST(SoftmaxMaskLayer, Errors) {
+  const std::string prefix = "net description: layer \"l\" (SoftmaxMask): ";
+  EXPECT_EQ(test::BuildError(test::OneLayerNet("SoftmaxMask", {}, {{2, 3}, {3, 2}})),
+            prefix +
+                "mask \"x1\" of shape [3, 2] does not broadcast to input \"x0\" of shape [2, 3]");
+  EXPECT_EQ(test::BuildError(test::OneLayerNet("SoftmaxMask", {}, {{2, 3}})),
+            prefix + "expects 2 input(s), has 1");
+  test::ExpectBadParamsHandled("SoftmaxMask", {{"axis", 1}}, {{2, 3}, {1, 3}});
+}
+
+}  // namespace
+}  // namespace qzdl
