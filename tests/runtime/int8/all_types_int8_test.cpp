@@ -48,6 +48,8 @@ std::map<std::string, TypeCase> Cases() {
   c["BroadcastOp"].param = {{"operation", "add"}};
   c["BinaryOp"].inputs = {{2, 3, 4, 5}, {4, 1}};
   c["SoftmaxMask"].inputs = {{2, 3, 4, 5}, {2, 1, 1, 5}};
+  c["Gemm"].inputs = {{4, 6}};
+  c["Gemm"].param = {{"num_output", 3}, {"transB", true}};
   c["SoftmaxMask"].param = {{"axis", 3}};
   c["BinaryOp"].param = {{"operation", "sub"}};
   // Attention-like: heads [2, 3] broadcast against one [3], b transposed.
