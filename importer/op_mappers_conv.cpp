@@ -169,7 +169,70 @@ std::vector<float> BiasOf(MappingContext& c, int k, int64_t m) {
   return b.Floats();
 }
 
+// Conv of [N, C, D, H, W] data: "Conv3D".
+void MapConv3D(MappingContext& c) {
+  const ConstTensor& w = c.Const(1, "weights");
+  if (w.dims.size() != 5) {
+    c.Fail("weights " + c.InputName(1) + " have shape " + Ints(w.dims) + ", expected 5 axes");
+  }
+  const std::vector<int64_t> kernel = KernelShape(c, w.dims);
+  auto list = [&](const std::string& name, int64_t def, size_t n) {
+    std::vector<int64_t> v = c.Ints(name);
+    if (v.empty()) v.assign(n, def);
+    if (v.size() != n) c.BadAttr(name, Ints(v), "expected " + std::to_string(n) + " entries");
+    CheckEntries(c, name, v, name == "pads" ? 0 : 1);
+    return v;
+  };
+  const std::vector<int64_t> strides = list("strides", 1, 3), dil = list("dilations", 1, 3);
+  std::vector<int64_t> pads = list("pads", 0, 6);
+  const std::string auto_pad = c.Str("auto_pad", "NOTSET");
+  if (auto_pad == "VALID") {
+    pads.assign(6, 0);
+  } else if (auto_pad == "SAME_UPPER" || auto_pad == "SAME_LOWER") {
+    for (size_t k = 0; k < 3; ++k) {
+      const int64_t size = c.InShape(0)[2 + k];
+      const int64_t out = CheckedAdd(size, strides[k] - 1) / strides[k];
+      const int64_t extent = CheckedAdd(CheckedMul(kernel[k] - 1, dil[k]), 1);
+      const int64_t total =
+          std::max<int64_t>(CheckedAdd(CheckedMul(out - 1, strides[k]), extent - size), 0);
+      const int64_t small = total / 2, large = total - small;
+      pads[k] = auto_pad == "SAME_UPPER" ? small : large;
+      pads[k + 3] = auto_pad == "SAME_UPPER" ? large : small;
+    }
+  } else if (auto_pad != "NOTSET" && !auto_pad.empty()) {
+    c.BadAttr("auto_pad", "\"" + auto_pad + "\"");
+  }
+  const int64_t group = c.Int("group", 1);
+  if (group < 1) c.BadAttr("group", std::to_string(group), "must be positive");
+  const int64_t m = w.dims[0];
+  CheckInputChannels(c, w.dims, w.dims[1], group);
+  if (m % group != 0) {
+    c.BadAttr("group", std::to_string(group),
+              "does not divide the " + std::to_string(m) + " output channels");
+  }
+  Json::object p = {{"num_output", static_cast<int>(m)}, {"group", static_cast<int>(group)}};
+  static const char* kAxis[3] = {"d", "h", "w"};
+  static const char* kBegin[3] = {"pad_front", "pad_top", "pad_left"};
+  static const char* kEnd[3] = {"pad_back", "pad_bottom", "pad_right"};
+  for (int a = 0; a < 3; ++a) {
+    p[std::string("kernel_") + kAxis[a]] = static_cast<int>(kernel[a]);
+    p[std::string("stride_") + kAxis[a]] = static_cast<int>(strides[a]);
+    p[std::string("dilation_") + kAxis[a]] = static_cast<int>(dil[a]);
+    p[kBegin[a]] = static_cast<int>(pads[a]);
+    p[kEnd[a]] = static_cast<int>(pads[a + 3]);
+  }
+  const bool bias = c.HasInput(2);
+  p["bias_term"] = bias;
+  std::vector<float> b = bias ? BiasOf(c, 2, m) : std::vector<float>{};
+  const std::string layer = c.Emit("Conv3D", {c.In(0)}, {c.Out(0)}, p);
+  std::vector<int> wdims;
+  for (int64_t d : w.dims) wdims.push_back(static_cast<int>(d));
+  c.Weight(layer, "weight", wdims, w.Floats());
+  if (bias) c.Weight(layer, "bias", {static_cast<int>(m)}, b);
+}
+
 void MapConv(MappingContext& c) {
+  if (c.InRank(0) == 5) return MapConv3D(c);
   const int sr = SpatialRank(c);
   const ConstTensor& w = c.Const(1, "weights");
   if (static_cast<int>(w.dims.size()) != sr + 2) {

@@ -21,6 +21,7 @@
 #include "runtime/layers/inner_product.h"
 #include "runtime/layers/instance_norm.h"
 #include "runtime/layers/dynamic_quantize.h"
+#include "runtime/layers/conv3d.h"
 #include "runtime/layers/gemm_layer.h"
 #include "runtime/layers/layer_norm.h"
 #include "runtime/layers/recurrent.h"
@@ -79,6 +80,8 @@ std::map<std::string, LayerFactory<float>>& FloatTable() {
       {"InstanceNormalization", &Make<InstanceNormalizationLayer<float>>},
       // layer_norm
       {"LayerNorm", &Make<LayerNormLayer<float>>},
+      // conv3d
+      {"Conv3D", &Make<Conv3DLayer<float>>},
       // gemm_layer
       {"Gemm", &Make<GemmLayer<float>>},
       // dynamic_quantize

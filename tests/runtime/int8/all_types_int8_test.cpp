@@ -48,6 +48,8 @@ std::map<std::string, TypeCase> Cases() {
   c["BroadcastOp"].param = {{"operation", "add"}};
   c["BinaryOp"].inputs = {{2, 3, 4, 5}, {4, 1}};
   c["SoftmaxMask"].inputs = {{2, 3, 4, 5}, {2, 1, 1, 5}};
+  c["Conv3D"].inputs = {{1, 2, 3, 4, 5}};
+  c["Conv3D"].param = {{"num_output", 3}, {"kernel_d", 2}, {"kernel_h", 2}, {"kernel_w", 2}};
   c["Gemm"].inputs = {{4, 6}};
   c["Gemm"].param = {{"num_output", 3}, {"transB", true}};
   c["SoftmaxMask"].param = {{"axis", 3}};
