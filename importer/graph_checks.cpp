@@ -208,6 +208,7 @@ using Check = void (*)(const InferenceView&);
 const std::map<std::string, Check>& Checks() {
   static const std::map<std::string, Check> checks = {
       {"Conv", [](const InferenceView& v) { CheckConvLike(v, true); }},
+      {"ConvInteger", [](const InferenceView& v) { CheckConvLike(v, true); }},
       {"ConvTranspose", [](const InferenceView& v) { CheckConvLike(v, true); }},
       {"MaxPool", [](const InferenceView& v) { CheckConvLike(v, false); }},
       {"AveragePool", [](const InferenceView& v) { CheckConvLike(v, false); }},

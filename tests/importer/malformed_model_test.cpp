@@ -239,6 +239,21 @@ TEST(MalformedModel, DilationsForAnotherRank) {
             "axes after N and C, so it needs 2");
 }
 
+// A finding of the fuzzer once ConvInteger was imported: the library's
+// inference of ConvInteger indexed its per-axis tables by attributes of
+// another rank (SEGV); it gets the checks of Conv.
+TEST(MalformedModel, ConvIntegerAttributesForAnotherRank) {
+  onnx::ModelProto m = EmptyModel();
+  AddInput(&m, "x", {1, 1, 4, 4});
+  AddInit(&m, "w", {1, 1, 3, 3});
+  AddNode(&m, "ConvInteger", "conv", {"x", "w"}, {"y"});
+  SetInts(m.mutable_graph()->mutable_node(0), "pads", {1, 1, 1, 1, 1, 1, 1, 1, 1, 1});
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m),
+            "node \"conv\" (ConvInteger): attribute \"pads\" has 10 values; input 0 (\"x\") has "
+            "2 axes after N and C, so it needs 4");
+}
+
 TEST(MalformedModel, LayerNormalizationAxisOutOfRange) {
   onnx::ModelProto m = EmptyModel(17);
   AddInput(&m, "x", {1, 4});
