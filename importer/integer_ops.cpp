@@ -48,7 +48,13 @@ void LowerIntegerOps(onnx::GraphProto* graph, MappingContext* c) {
       sub.add_input(x);
       sub.add_input(node->input(2));
       sub.add_output(centred_x);
-      c->shapes[centred_x] = c->ShapeOf(x);
+      // Unknown shapes stay unknown: the Conv's mapping then says so, naming
+      // the node.
+      auto shape = c->shapes.find(x);
+      if (shape != c->shapes.end()) {
+        const Shape dims = shape->second;
+        c->shapes[centred_x] = dims;
+      }
       x = centred_x;
     }
     onnx::NodeProto conv;

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "importer/integer_ops.h"
 #include "importer/onnx_test_util.h"
 #include "runtime/json11.h"
 #include "support/net_builder.h"
@@ -156,6 +157,25 @@ TEST(OnnxIntegerOps, QdqModelDequantizesWeightsAndPresetsRanges) {
     EXPECT_EQ(out[0][p], std::max(0.0f, 1.0f * x[p] - 2.0f * x[4 + p])) << p;
     EXPECT_EQ(out[0][4 + p], std::max(0.0f, 2.0f * x[p] + 0.25f * x[4 + p])) << p;
   }
+}
+
+// A fuzzer finding: LowerIntegerOps asked for the shape of an input that
+// shape inference did not give, outside any node's mapping (a null node in
+// the error path). The shape now stays unknown for the mapping to report.
+TEST(OnnxIntegerOps, LoweringLeavesUnknownShapesToTheMapping) {
+  onnx::ModelProto m = EmptyModel(13);
+  onnx::GraphProto* g = m.mutable_graph();
+  Node(&m, "ConvInteger", "conv", {"q", "w", "q_zero"}, {"acc"});
+  onnx_import::MappingContext c(13, ".");
+  onnx_import::ConstTensor w = onnx_import::ConstTensor::Sized(onnx_import::kInt8, {1, 1, 1, 1});
+  w.i = {2};
+  c.consts["w"] = w;
+  onnx_import::LowerIntegerOps(g, &c);
+  ASSERT_EQ(g->node_size(), 2);
+  EXPECT_EQ(g->node(0).op_type(), "Sub");
+  EXPECT_EQ(g->node(1).op_type(), "Conv");
+  EXPECT_EQ(c.shapes.count("acc/centred"), 0u);
+  EXPECT_EQ(c.consts.at("acc/weight").Floats(), (std::vector<float>{2.0f}));
 }
 
 }  // namespace
