@@ -45,21 +45,24 @@ void CheckEntries(MappingContext& c, const std::string& name, const std::vector<
   }
 }
 
-// Reads strides, dilations and pads (with auto_pad) for `kernel` (ONNX
-// order, 1 or 2 entries).
-Window ReadWindow(MappingContext& c, const std::vector<int64_t>& kernel, bool has_dilations) {
+// The per-axis entries of attribute `name` (n of them, `def` when absent),
+// each checked by CheckEntries.
+std::vector<int64_t> AxisList(MappingContext& c, const std::string& name, int64_t def, size_t n) {
+  std::vector<int64_t> v = c.Ints(name);
+  if (v.empty()) v.assign(n, def);
+  if (v.size() != n) c.BadAttr(name, Ints(v), "expected " + std::to_string(n) + " entries");
+  CheckEntries(c, name, v, name == "pads" ? 0 : 1);
+  return v;
+}
+
+// The pads (begins, then ends) of `kernel` with `strides` and `dil`, from
+// the pads attribute or auto_pad.
+std::vector<int64_t> ReadPads(MappingContext& c, const std::vector<int64_t>& kernel,
+                              const std::vector<int64_t>& strides,
+                              const std::vector<int64_t>& dil) {
   const size_t sr = kernel.size();
   const Shape& in = c.InShape(0);
-  auto list = [&](const std::string& name, int64_t def, size_t n) {
-    std::vector<int64_t> v = c.Ints(name);
-    if (v.empty()) v.assign(n, def);
-    if (v.size() != n) c.BadAttr(name, Ints(v), "expected " + std::to_string(n) + " entries");
-    CheckEntries(c, name, v, name == "pads" ? 0 : 1);
-    return v;
-  };
-  const std::vector<int64_t> strides = list("strides", 1, sr);
-  const std::vector<int64_t> dil = has_dilations ? list("dilations", 1, sr) : Shape(sr, 1);
-  std::vector<int64_t> pads = list("pads", 0, 2 * sr);
+  std::vector<int64_t> pads = AxisList(c, "pads", 0, 2 * sr);
   const std::string auto_pad = c.Str("auto_pad", "NOTSET");
   if (auto_pad == "VALID") {
     pads.assign(2 * sr, 0);
@@ -79,6 +82,16 @@ Window ReadWindow(MappingContext& c, const std::vector<int64_t>& kernel, bool ha
   } else if (auto_pad != "NOTSET" && !auto_pad.empty()) {
     c.BadAttr("auto_pad", "\"" + auto_pad + "\"");
   }
+  return pads;
+}
+
+// Reads strides, dilations and pads (with auto_pad) for `kernel` (ONNX
+// order, 1 or 2 entries).
+Window ReadWindow(MappingContext& c, const std::vector<int64_t>& kernel, bool has_dilations) {
+  const size_t sr = kernel.size();
+  const std::vector<int64_t> strides = AxisList(c, "strides", 1, sr);
+  const std::vector<int64_t> dil = has_dilations ? AxisList(c, "dilations", 1, sr) : Shape(sr, 1);
+  const std::vector<int64_t> pads = ReadPads(c, kernel, strides, dil);
   Window w;
   w.one_d = sr == 1;
   const size_t h = w.one_d ? SIZE_MAX : 0, x = sr - 1;
@@ -176,32 +189,9 @@ void MapConv3D(MappingContext& c) {
     c.Fail("weights " + c.InputName(1) + " have shape " + Ints(w.dims) + ", expected 5 axes");
   }
   const std::vector<int64_t> kernel = KernelShape(c, w.dims);
-  auto list = [&](const std::string& name, int64_t def, size_t n) {
-    std::vector<int64_t> v = c.Ints(name);
-    if (v.empty()) v.assign(n, def);
-    if (v.size() != n) c.BadAttr(name, Ints(v), "expected " + std::to_string(n) + " entries");
-    CheckEntries(c, name, v, name == "pads" ? 0 : 1);
-    return v;
-  };
-  const std::vector<int64_t> strides = list("strides", 1, 3), dil = list("dilations", 1, 3);
-  std::vector<int64_t> pads = list("pads", 0, 6);
-  const std::string auto_pad = c.Str("auto_pad", "NOTSET");
-  if (auto_pad == "VALID") {
-    pads.assign(6, 0);
-  } else if (auto_pad == "SAME_UPPER" || auto_pad == "SAME_LOWER") {
-    for (size_t k = 0; k < 3; ++k) {
-      const int64_t size = c.InShape(0)[2 + k];
-      const int64_t out = CheckedAdd(size, strides[k] - 1) / strides[k];
-      const int64_t extent = CheckedAdd(CheckedMul(kernel[k] - 1, dil[k]), 1);
-      const int64_t total =
-          std::max<int64_t>(CheckedAdd(CheckedMul(out - 1, strides[k]), extent - size), 0);
-      const int64_t small = total / 2, large = total - small;
-      pads[k] = auto_pad == "SAME_UPPER" ? small : large;
-      pads[k + 3] = auto_pad == "SAME_UPPER" ? large : small;
-    }
-  } else if (auto_pad != "NOTSET" && !auto_pad.empty()) {
-    c.BadAttr("auto_pad", "\"" + auto_pad + "\"");
-  }
+  const std::vector<int64_t> strides = AxisList(c, "strides", 1, 3);
+  const std::vector<int64_t> dil = AxisList(c, "dilations", 1, 3);
+  const std::vector<int64_t> pads = ReadPads(c, kernel, strides, dil);
   const int64_t group = c.Int("group", 1);
   if (group < 1) c.BadAttr("group", std::to_string(group), "must be positive");
   const int64_t m = w.dims[0];
