@@ -101,16 +101,17 @@ void Conv3DLayer<float>::Run() {
               const float* xc = x + (int64_t(n) * channels_ + int64_t(g) * cin_g + c) * in_plane;
               const float* wc = wm + int64_t(c) * taps;
               for (int kd = 0; kd < K[0]; ++kd) {
-                const int id = od * S[0] - P[0] + kd * Dl[0];
+                // int64: the padded axis may pass 2^31 - 1.
+                const int64_t id = int64_t(od) * S[0] - P[0] + int64_t(kd) * Dl[0];
                 if (id < 0 || id >= I[0]) continue;
                 for (int kh = 0; kh < K[1]; ++kh) {
-                  const int ih = oh * S[1] - P[1] + kh * Dl[1];
+                  const int64_t ih = int64_t(oh) * S[1] - P[1] + int64_t(kh) * Dl[1];
                   if (ih < 0 || ih >= I[1]) continue;
                   for (int kw = 0; kw < K[2]; ++kw) {
-                    const int iw = ow * S[2] - P[2] + kw * Dl[2];
+                    const int64_t iw = int64_t(ow) * S[2] - P[2] + int64_t(kw) * Dl[2];
                     if (iw < 0 || iw >= I[2]) continue;
                     acc += double(wc[(int64_t(kd) * K[1] + kh) * K[2] + kw]) *
-                           xc[(int64_t(id) * I[1] + ih) * I[2] + iw];
+                           xc[(id * I[1] + ih) * I[2] + iw];
                   }
                 }
               }
