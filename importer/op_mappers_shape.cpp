@@ -293,32 +293,34 @@ bool NearestMatches(int64_t in, int64_t out, double scale, const std::string& ct
   if (scale == 0.0) scale = static_cast<double>(out) / in;
   const double length = in * scale;  // ONNX aligns corners on the unrounded length
   const float r = static_cast<float>(in) / static_cast<float>(out);
+  // The names looked up once, not per pixel.
+  const int transform = ctm == "half_pixel" || ctm == "half_pixel_symmetric" ? 0
+                        : ctm == "pytorch_half_pixel"                         ? 1
+                        : ctm == "align_corners"                              ? 2
+                        : ctm == "asymmetric"                                 ? 3
+                        : ctm == "tf_half_pixel_for_nn"                       ? 4
+                                                                              : -1;
+  const int rounding = mode == "floor"                ? 0
+                       : mode == "ceil"               ? 1
+                       : mode == "round_prefer_floor" ? 2
+                       : mode == "round_prefer_ceil"  ? 3
+                                                      : -1;
+  if (transform < 0 || rounding < 0) return false;
   for (int64_t dst = 0; dst < out; ++dst) {
     double x;
-    if (ctm == "half_pixel" || ctm == "half_pixel_symmetric") {
-      x = (dst + 0.5) / scale - 0.5;
-    } else if (ctm == "pytorch_half_pixel") {
-      x = out > 1 ? (dst + 0.5) / scale - 0.5 : 0.0;
-    } else if (ctm == "align_corners") {
-      x = length == 1.0 ? 0.0 : dst * static_cast<double>(in - 1) / (length - 1);
-    } else if (ctm == "asymmetric") {
-      x = dst / scale;
-    } else if (ctm == "tf_half_pixel_for_nn") {
-      x = (dst + 0.5) / scale;
-    } else {
-      return false;
+    switch (transform) {
+      case 0: x = (dst + 0.5) / scale - 0.5; break;
+      case 1: x = out > 1 ? (dst + 0.5) / scale - 0.5 : 0.0; break;
+      case 2: x = length == 1.0 ? 0.0 : dst * static_cast<double>(in - 1) / (length - 1); break;
+      case 3: x = dst / scale; break;
+      default: x = (dst + 0.5) / scale; break;
     }
     double src;
-    if (mode == "floor") {
-      src = std::floor(x);
-    } else if (mode == "ceil") {
-      src = std::ceil(x);
-    } else if (mode == "round_prefer_floor") {
-      src = x - std::floor(x) == 0.5 ? std::floor(x) : std::round(x);
-    } else if (mode == "round_prefer_ceil") {
-      src = x - std::floor(x) == 0.5 ? std::ceil(x) : std::round(x);
-    } else {
-      return false;
+    switch (rounding) {
+      case 0: src = std::floor(x); break;
+      case 1: src = std::ceil(x); break;
+      case 2: src = x - std::floor(x) == 0.5 ? std::floor(x) : std::round(x); break;
+      default: src = x - std::floor(x) == 0.5 ? std::ceil(x) : std::round(x); break;
     }
     src = std::clamp<double>(src, 0, in - 1);
     const int64_t ours = std::min<int64_t>(SaturatingInt(std::floor(dst * r)), in - 1);
@@ -387,6 +389,13 @@ void MapResize(MappingContext& c) {
   }
   const int64_t oh = sizes.empty() ? SaturatingInt(std::floor(in[2] * scales[2])) : sizes[2];
   const int64_t ow = sizes.empty() ? SaturatingInt(std::floor(in[3] * scales[3])) : sizes[3];
+  // The nearest mapping is checked pixel by pixel along each axis; real
+  // pictures stay far below a million pixels a side.
+  constexpr int64_t kMaxResizedAxis = int64_t{1} << 20;
+  if (oh > kMaxResizedAxis || ow > kMaxResizedAxis) {
+    c.Fail("output of H x W " + DimsString({oh, ow}) + " is larger than " +
+           std::to_string(kMaxResizedAxis) + " along an axis, which resizing supports");
+  }
   if (c.Int("antialias", 0) != 0 && (oh < in[2] || ow < in[3])) {
     c.BadAttr("antialias", "1", "when downsampling");
   }

@@ -242,6 +242,23 @@ TEST(MalformedModel, DilationsForAnotherRank) {
 // A finding of the fuzzer once ConvInteger was imported: the library's
 // inference of ConvInteger indexed its per-axis tables by attributes of
 // another rank (SEGV); it gets the checks of Conv.
+// A fuzzer timeout: a nearest Resize to millions of pixels a side made the
+// importer check the mapping pixel by pixel (comparing names each time).
+TEST(MalformedModel, ResizeToAHugeSizeIsRefusedAtOnce) {
+  onnx::ModelProto m = EmptyModel(13);
+  AddInput(&m, "x", {1, 1, 4, 4});
+  auto* sizes = m.mutable_graph()->add_initializer();
+  sizes->set_name("sizes");
+  sizes->set_data_type(onnx::TensorProto::INT64);
+  sizes->add_dims(4);
+  for (int64_t d : {1, 1, 4, 2000000000}) sizes->add_int64_data(d);
+  AddNode(&m, "Resize", "resize", {"x", "", "", "sizes"}, {"y"});
+  AddOutput(&m, "y");
+  EXPECT_EQ(ImportMessage(m),
+            "node \"resize\" (Resize): output of H x W [4, 2000000000] is larger than 1048576 "
+            "along an axis, which resizing supports");
+}
+
 TEST(MalformedModel, ConvIntegerAttributesForAnotherRank) {
   onnx::ModelProto m = EmptyModel();
   AddInput(&m, "x", {1, 1, 4, 4});
