@@ -43,6 +43,32 @@ std::string EltwiseLayer<float>::GetTypeDetail() {
   return op_ == Op::kSum ? "Eltwise(sum)" : (op_ == Op::kProd ? "Eltwise(prod)" : "Eltwise(max)");
 }
 
+namespace {
+
+// acc[i] = sum over inputs k of coeff[k] * src[k][s + i] for i < n, in input
+// order (without coefficients when `coeff` is null): the sums of Eltwise and
+// Mean.
+void SumBlock(const float* const* src, const float* coeff, int64_t num, int64_t s, int64_t n,
+              float* acc) {
+  const float* x0 = src[0] + s;
+  if (coeff == nullptr) {
+    std::copy(x0, x0 + n, acc);
+  } else {
+    for (int64_t i = 0; i < n; ++i) acc[i] = coeff[0] * x0[i];
+  }
+  for (int64_t k = 1; k < num; ++k) {
+    const float* xk = src[k] + s;
+    if (coeff == nullptr) {
+      for (int64_t i = 0; i < n; ++i) acc[i] += xk[i];
+    } else {
+      const float c = coeff[k];
+      for (int64_t i = 0; i < n; ++i) acc[i] += c * xk[i];
+    }
+  }
+}
+
+}  // namespace
+
 template <>
 void EltwiseLayer<float>::Run() {
   const auto& inputs = this->GetInputs();
@@ -62,12 +88,7 @@ void EltwiseLayer<float>::Run() {
       const float* x0 = src[0] + s;
       switch (op) {
         case Op::kSum:
-          for (int64_t i = 0; i < n; ++i) acc[i] = coeff[0] * x0[i];
-          for (int64_t k = 1; k < num; ++k) {
-            const float* xk = src[k] + s;
-            const float c = coeff[k];
-            for (int64_t i = 0; i < n; ++i) acc[i] += c * xk[i];
-          }
+          SumBlock(src, coeff, num, s, n, acc);
           break;
         case Op::kProd:
           for (int64_t i = 0; i < n; ++i) acc[i] = x0[i];
@@ -127,11 +148,7 @@ void MeanLayer<float>::Run() {
     float acc[kBlock];
     for (int64_t s = begin; s < end; s += kBlock) {
       const int64_t n = std::min(kBlock, end - s);
-      std::copy(src[0] + s, src[0] + s + n, acc);
-      for (int64_t k = 1; k < num; ++k) {
-        const float* xk = src[k] + s;
-        for (int64_t i = 0; i < n; ++i) acc[i] += xk[i];
-      }
+      SumBlock(src, nullptr, num, s, n, acc);
       for (int64_t i = 0; i < n; ++i) y[s + i] = acc[i] / divisor;
     }
   });

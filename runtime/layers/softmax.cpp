@@ -106,11 +106,14 @@ void SoftmaxMaskLayer<float>::Run() {
   const float* mask = this->in(1)->GetCpuData();
   float* y = this->out()->GetCpuData();
   const int64_t dim = dim_, inner = inner_;
-  const std::vector<int64_t> dims = dims_, strides = mask_strides_;
+  // Read through pointers: Run allocates nothing.
+  const int64_t* dims = dims_.data();
+  const int64_t* strides = mask_strides_.data();
+  const size_t rank = dims_.size();
   // The mask's element of x's element e.
-  auto mask_at = [&dims, &strides, mask](int64_t e) {
+  auto mask_at = [dims, strides, rank, mask](int64_t e) {
     int64_t offset = 0;
-    for (size_t k = dims.size(); k-- > 0;) {
+    for (size_t k = rank; k-- > 0;) {
       offset += e % dims[k] * strides[k];
       e /= dims[k];
     }
