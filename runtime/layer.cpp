@@ -234,6 +234,7 @@ void Layer<T>::SyncStaging() {
 
 template <typename T>
 void Layer<T>::Forward() {
+  if (fused_away_) return;
   // A net reshaped to an empty batch has nothing to compute.
   for (Data<T>* t : inputs_)
     if (t->Count(0) == 0) return;

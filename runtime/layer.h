@@ -9,6 +9,7 @@
 #include "runtime/data.h"
 #include "runtime/errors.h"
 #include "runtime/json11.h"
+#include "runtime/kernels/epilogue.h"
 #include "runtime/quant_config.h"
 
 namespace qzdl {
@@ -55,6 +56,12 @@ struct NetContext {
   bool frugal = false;
   // 8-bit nets: requantize with double multipliers (docs/int8.md).
   bool high_accuracy = false;
+  // Inference mode (Net::SetInferenceMode): the weights change only through
+  // the net's loading functions or a new call to SetInferenceMode, each of
+  // which steps the epoch; a layer may keep weights it prepared (reordered
+  // for a library) while the epoch stays.
+  bool inference = false;
+  uint64_t weights_epoch = 0;
 };
 
 template <typename T>
@@ -95,6 +102,15 @@ class Layer {
   virtual bool InPlaceSafe() const { return false; }
   // True when the call changed the layer's quantization record.
   virtual bool AdjustInt8Config() { return false; }
+  // Fused execution (Net::SetInferenceMode): asks the layer to apply `e` to
+  // its only output and to write the result into `dst` instead, at every run
+  // until it is called again with an inactive epilogue. False when the layer
+  // cannot; it then stays as it was.
+  virtual bool FuseEpilogue(const Epilogue&, Data<T>*) { return false; }
+
+  // An activation whose work the layer before it does: Forward skips it.
+  void SetFusedAway(bool fused) { fused_away_ = fused; }
+  bool FusedAway() const { return fused_away_; }
 
   std::string GetName() const { return name_; }
   std::string GetType() const { return type_; }
@@ -170,6 +186,7 @@ class Layer {
   std::map<std::string, Data<float>*> float_attrs_;
   std::map<std::string, Data<int>*> int32_attrs_;
   std::string output_data_type_;
+  bool fused_away_ = false;
 };
 
 extern template class Layer<float>;

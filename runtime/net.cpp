@@ -9,6 +9,7 @@
 #include "runtime/checked_math.h"
 #include "runtime/errors.h"
 #include "runtime/file_read.h"
+#include "runtime/fusion.h"
 #include "runtime/int8/grid.h"
 #include "runtime/layer_registry.h"
 #include "runtime/serial_weights.h"
@@ -406,6 +407,27 @@ void Net<T>::ReshapeBatchNum(int batch, int) {
 template <typename T>
 void Net<T>::SetFrugalMode(bool frugal) {
   context_.frugal = frugal;
+  // Frugal mode gives tensors storage when their producer runs, and a fused
+  // layer writes into its activation's output: the two do not mix.
+  ApplyFusion();
+}
+
+template <typename T>
+int Net<T>::SetInferenceMode(bool on) {
+  inference_mode_ = context_.inference = on;
+  // Weights written since the last call are read again.
+  ++context_.weights_epoch;
+  return ApplyFusion();
+}
+
+template <typename T>
+int Net<T>::ApplyFusion() {
+  if constexpr (std::is_same_v<T, float>) {
+    std::vector<std::string> keep(input_names_);
+    keep.insert(keep.end(), output_names_.begin(), output_names_.end());
+    return PlanFusion(layers_, keep, inference_mode_ && !context_.frugal);
+  }
+  return 0;
 }
 
 template <typename T>
@@ -454,6 +476,7 @@ void Net<T>::CheckAllWeightsLoaded(const LoadedBlobs& loaded) {
 
 template <typename T>
 void Net<T>::ApplyWeights(const std::vector<WeightBlob>& blobs) {
+  ++context_.weights_epoch;  // layers that keep prepared weights redo them
   LoadedBlobs loaded;
   for (const WeightBlob& blob : blobs) {
     Data<T>* w = WeightFor(blob.layer, blob.name, blob.dims, loaded);

@@ -64,6 +64,18 @@ class Net {
   // reader has run, and tensors get storage when their producer runs.
   void SetFrugalMode(bool frugal);
   bool GetFrugalMode() const { return context_.frugal; }
+  // Inference mode, for callers that read only the net's outputs (and the
+  // tensors that no fusion skips): an activation that alone reads a
+  // convolution's or an element-wise layer's output is computed on that
+  // layer's output tiles, and the activation layer does not run; the tensor
+  // between them then holds nothing meaningful (docs/runtime.md, "Fused
+  // execution"). Off by default; fusion is left out in frugal mode and in
+  // 8-bit nets. In this mode layers may also keep weights they prepared
+  // (reordered) until weights are loaded again or the mode is set again: a
+  // caller that writes weights directly calls SetInferenceMode after. Returns
+  // the number of fused pairs.
+  int SetInferenceMode(bool on);
+  bool GetInferenceMode() const { return inference_mode_; }
 
   // The current configuration: the net's own empty one until SetInt8Config
   // hands it another, which stays owned by the caller.
@@ -123,6 +135,7 @@ class Net {
  private:
   void ComputeOutputsAndLifetimes(const json11::Json& net);
   void AllocateStorage();
+  int ApplyFusion();
 
   std::string data_type_;
   // The files the net was created from, named again by errors of later
@@ -141,6 +154,7 @@ class Net {
   bool high_accuracy_flag_ = false;
   bool high_accuracy_ = false;
   bool hybrid_mode_ = false;
+  bool inference_mode_ = false;
   json11::Json description_;
 };
 

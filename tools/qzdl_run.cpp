@@ -6,7 +6,7 @@
 //
 //   qzdl_run net.json weights.bin [--batch N] [--input NAME=FILE]...
 //            [--inputs-dir DIR] [--out-dir DIR] [--compare-dir DIR]
-//            [--warmup N] [--repeat N] [--profile]
+//            [--warmup N] [--repeat N] [--profile] [--unfused]
 //
 // Input and reference files are "<tensor>.npy" (float32) or "<tensor>.f32"
 // (raw little-endian float32) for the whole batch, the tensor name with
@@ -15,7 +15,10 @@
 // without a file are an error when --inputs-dir is given, otherwise they get
 // a fixed pattern, so that two runs print the same numbers. --out-dir (alias
 // --outputs-dir) writes "<output>.npy" per net output, the folder made when
-// it does not exist; files are replaced whole. See docs/command-line.md.
+// it does not exist; files are replaced whole. A float net runs with its
+// activations fused into the layers before them where only they read those
+// layers' outputs (--unfused: every layer on its own). See
+// docs/command-line.md.
 //
 //   qzdl_run --compare float.json float.bin quant_hybrid.json quant.bin
 //            (--list LIST | --dir DIR | -s LIST [-t img|npy] [-r 0|1] | -b FILE
@@ -54,6 +57,7 @@ struct Options {
   std::string json, model;
   int batch = 0, warmup = 1, repeat = 1;
   bool profile = false;
+  bool unfused = false;  // every layer on its own, as calibration runs them
   std::map<std::string, std::string> input_files;
   std::string inputs_dir, out_dir, compare_dir;
 };
@@ -62,7 +66,7 @@ int Usage() {
   fprintf(stderr,
           "usage: qzdl_run net.json weights.bin [--batch N] [--input NAME=FILE]... "
           "[--inputs-dir DIR] [--out-dir DIR] [--compare-dir DIR] [--warmup N] [--repeat N] "
-          "[--profile]\n"
+          "[--profile] [--unfused]\n"
           "       qzdl_run --compare float.json float.bin quant_hybrid.json quant.bin "
           "(--list LIST | --dir DIR | -s LIST [-t img|npy] [-r 0|1] | -b FILE | -T FILE | -a N) "
           "[-x N] [--json REPORT] [--worst N]\n");
@@ -93,6 +97,10 @@ int Parse(int argc, char** argv, Options* o) {
     const std::string arg = argv[i];
     if (arg == "--profile") {
       o->profile = true;
+      continue;
+    }
+    if (arg == "--unfused") {
+      o->unfused = true;
       continue;
     }
     if (i + 1 >= argc) return Usage();
@@ -369,6 +377,7 @@ int CompareMain(int argc, char** argv) {
 
   std::unique_ptr<qzdl::Net<float>> float_net(CreateFloatNet(float_json, float_model));
   if (!float_net) return 1;
+  float_net->SetInferenceMode(true);
   std::unique_ptr<qzdl::Net<unsigned char>> quant_net;
   try {
     quant_net.reset(qzdl::CreateQuantizedNet(quant_json, quant_model));
@@ -435,6 +444,10 @@ int main(int argc, char** argv) {
   }
   qzdl::Net<float>* net = CreateFloatNet(o.json, o.model);
   if (net == nullptr) return 1;
+  // Only the outputs are read here: activations may run inside the layers
+  // before them.
+  const int fused = net->SetInferenceMode(!o.unfused);
+  if (o.profile) printf("profile: %d activation layers fused into the layer before them\n", fused);
   const int status = Run(o, net);
   delete net;
   return status;

@@ -5,6 +5,7 @@
 #include <cstddef>
 
 #include "runtime/kernels/conv_geometry.h"
+#include "runtime/kernels/epilogue.h"
 
 namespace qzdl {
 
@@ -18,8 +19,9 @@ size_t DepthwiseScratchFloats(const ConvGeometry& g);
 // w is [out_c, 1, kernel_h, kernel_w]; b may be null. `scratch` holds
 // `slots` per-thread buffers of DepthwiseScratchFloats(g); at most `slots`
 // threads run. Planes are spread over the threads; each output element is
-// summed by one thread, bias first, then the taps in (ky, kx) order.
+// summed by one thread, bias first, then the taps in (ky, kx) order; `e` is
+// applied to each output plane once it is complete.
 void DepthwiseConvolution(const ConvGeometry& g, const float* x, const float* w, const float* b,
-                          float* y, float* scratch, int slots);
+                          float* y, float* scratch, int slots, const Epilogue& e = {});
 
 }  // namespace qzdl

@@ -91,6 +91,7 @@ struct DnnlConvolution::Impl {
   dnnl::reorder src_reorder;
   AlignedBuffer src_buf;  // every image in oneDNN's layout
   std::string impl_name;
+  const float* reordered_from = nullptr;  // the weights of the last run
 
   // Creates the primitive for `channels` output channels; src_md may be
   // "any" (first part) or the layout the first part chose.
@@ -253,7 +254,8 @@ bool DnnlConvolution::Configure(const ConvGeometry& g, bool bias) {
   return true;
 }
 
-void DnnlConvolution::Run(const float* x, const float* w, const float* b, float* y) {
+void DnnlConvolution::Run(const float* x, const float* w, const float* b, float* y,
+                          const Epilogue& e, bool same_weights) {
   Impl& m = *impl_;
   const ConvGeometry& g = m.g;
   auto handle = [](const float* p) { return const_cast<float*>(p); };
@@ -271,6 +273,8 @@ void DnnlConvolution::Run(const float* x, const float* w, const float* b, float*
   // stream is waited for before its thread leaves the item.
   bool reorder_wei = false;
   for (const Impl::Part& p : m.parts) reorder_wei |= p.reorder_wei;
+  if (same_weights && m.reordered_from == w) reorder_wei = false;
+  m.reordered_from = w;
   if (reorder_wei) {
     ParallelItems(chunks, threads, [&](int64_t c, int slot) {
       Impl::Slot& s = *m.slots[slot];
@@ -302,6 +306,7 @@ void DnnlConvolution::Run(const float* x, const float* w, const float* b, float*
     p.conv.execute(s.stream, s.conv_args[c]);
     if (p.reorder_dst) p.dst_reorder.execute(s.stream, s.dst_args[c]);
     s.stream.wait();
+    ApplyEpilogue(e, y + n * out_image + m.chunks[c].first * plane, int64_t(p.channels) * plane);
   });
 }
 
@@ -318,7 +323,8 @@ DnnlConvolution::DnnlConvolution() = default;
 DnnlConvolution::~DnnlConvolution() = default;
 bool DnnlConvolution::Available() { return false; }
 bool DnnlConvolution::Configure(const ConvGeometry&, bool) { return false; }
-void DnnlConvolution::Run(const float*, const float*, const float*, float*) {}
+void DnnlConvolution::Run(const float*, const float*, const float*, float*, const Epilogue&, bool) {
+}
 std::string DnnlConvolution::ImplName() const { return ""; }
 
 #endif

@@ -8,14 +8,15 @@
 //
 // Each image is reordered into the layout oneDNN picks for the machine
 // (channel-blocked on AVX-512) and each output back to NCHW; the weights are
-// reordered on every run, because callers may rewrite a layer's weights
-// between runs. Available only in builds with oneDNN.
+// reordered on every run unless the caller promises they are unchanged,
+// because callers may rewrite a layer's weights between runs. Available only in builds with oneDNN.
 #pragma once
 
 #include <memory>
 #include <string>
 
 #include "runtime/kernels/conv_geometry.h"
+#include "runtime/kernels/epilogue.h"
 
 namespace qzdl {
 
@@ -31,8 +32,12 @@ class DnnlConvolution {
   // Creates the primitives and the workspace for g. False when oneDNN is
   // missing or has only its slow reference implementation for g.
   bool Configure(const ConvGeometry& g, bool bias);
-  // x [N, C, H, W], w [M, C/group, kh, kw], b [M] (null without bias).
-  void Run(const float* x, const float* w, const float* b, float* y);
+  // x [N, C, H, W], w [M, C/group, kh, kw], b [M] (null without bias); `e`
+  // goes over each chunk of outputs as soon as it is in NCHW. With
+  // `same_weights` (w holds what it held at the last run) the weights
+  // reordered then are used again.
+  void Run(const float* x, const float* w, const float* b, float* y, const Epilogue& e = {},
+           bool same_weights = false);
   // oneDNN's implementation name, e.g. "brgconv:avx512_core", and the
   // number of output-channel chunks.
   std::string ImplName() const;

@@ -169,21 +169,23 @@ std::string ConvKernel::Describe() const {
   }
 }
 
-void ConvKernel::Run(const float* x, const float* w, const float* b, float* y) {
+void ConvKernel::Run(const float* x, const float* w, const float* b, float* y, const Epilogue& e,
+                     bool same_weights) {
   if (!bias_) b = nullptr;
   switch (algorithm_) {
     case ConvAlgorithm::kDepthwise:
-      DepthwiseConvolution(g_, x, w, b, y, static_cast<float*>(cols_.get()), slots_);
+      DepthwiseConvolution(g_, x, w, b, y, static_cast<float*>(cols_.get()), slots_, e);
       break;
     case ConvAlgorithm::kDnnl:
-      dnnl_->Run(x, w, b, y);
+      dnnl_->Run(x, w, b, y, e, same_weights);
       break;
     default:
-      RunGemm(x, w, b, y);
+      RunGemm(x, w, b, y, e);
   }
 }
 
-void ConvKernel::RunGemm(const float* x, const float* w, const float* b, float* y) {
+void ConvKernel::RunGemm(const float* x, const float* w, const float* b, float* y,
+                         const Epilogue& e) {
   const ConvGeometry& g = g_;
   const int plane = static_cast<int>(g.OutPlane());
   const int cin_g = g.InPerGroup(), cout_g = g.OutPerGroup();
@@ -208,18 +210,17 @@ void ConvKernel::RunGemm(const float* x, const float* w, const float* b, float* 
     const int o0 = grp * cout_g + m0;
     const float* xg = x + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * g.InPlane();
     float* yt = y + (int64_t(n) * g.out_c + o0) * plane + p0;
-    float beta = 0.0f;
-    if (b != nullptr) {
-      FillRows(yt, plane, mb, np, b + o0);
-      beta = 1.0f;
-    }
     const float* wt = w + int64_t(o0) * k;
     if (im2col) {
       Im2colTile(g, xg, p0, np, col);
-      SgemmTile(false, false, mb, np, k, 1.0f, wt, k, col, np, beta, yt, plane);
+      SgemmTile(false, false, mb, np, k, 1.0f, wt, k, col, np, 0.0f, yt, plane);
     } else {
-      SgemmTile(false, false, mb, np, k, 1.0f, wt, k, xg + p0, plane, beta, yt, plane);
+      SgemmTile(false, false, mb, np, k, 1.0f, wt, k, xg + p0, plane, 0.0f, yt, plane);
     }
+    // The bias and the activation on the tile while it is in cache, rather
+    // than a pass over the output before the GEMM and one after it.
+    if (b != nullptr || e.Active())
+      BiasAndEpilogue(e, b != nullptr ? b + o0 : nullptr, yt, plane, mb, np);
   });
 }
 

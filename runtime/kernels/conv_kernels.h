@@ -13,6 +13,7 @@
 #include "runtime/data.h"
 #include "runtime/kernels/conv_dnnl.h"
 #include "runtime/kernels/conv_geometry.h"
+#include "runtime/kernels/epilogue.h"
 
 namespace qzdl {
 
@@ -45,11 +46,15 @@ class ConvKernel {
   std::string Describe() const;
 
   // x [N, C, H, W], w [M, C/group, kh, kw], b [M] or null, y [N, M, OH, OW].
-  void Run(const float* x, const float* w, const float* b, float* y);
+  // `e` is applied to every output after the bias, while it is in cache.
+  // `same_weights` promises that w holds what it held at the last run, so
+  // that weights prepared then may be used again.
+  void Run(const float* x, const float* w, const float* b, float* y, const Epilogue& e = {},
+           bool same_weights = false);
 
  private:
   void PlanTiles();
-  void RunGemm(const float* x, const float* w, const float* b, float* y);
+  void RunGemm(const float* x, const float* w, const float* b, float* y, const Epilogue& e);
 
   ConvGeometry g_;
   bool bias_ = false;

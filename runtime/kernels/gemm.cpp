@@ -54,18 +54,6 @@ void U8S8GemmTile(bool trans_a, bool trans_b, int m, int n, int k, const uint8_t
 #endif
 }
 
-// Vectorized for AVX-512 / AVX2 on x86-64 (picked at load time).
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-__attribute__((target_clones("avx512f", "avx2", "default")))
-#endif
-void FillRows(float* c, int64_t ldc, int rows, int cols, const float* v) {
-  for (int r = 0; r < rows; ++r) {
-    float* __restrict row = c + r * ldc;
-    const float value = v[r];
-    for (int j = 0; j < cols; ++j) row[j] = value;
-  }
-}
-
 const char* GemmBackendName() {
 #if defined(QZDL_HAVE_DNNL)
   static const std::string name = [] {

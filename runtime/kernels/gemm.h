@@ -16,10 +16,6 @@ namespace qzdl {
 void SgemmTile(bool trans_a, bool trans_b, int m, int n, int k, float alpha, const float* a,
                int lda, const float* b, int ldb, float beta, float* c, int ldc);
 
-// Sets rows [0, rows) x columns [0, cols) of c (row stride ldc) to v[row]:
-// the bias of a tile before SgemmTile with beta 1.
-void FillRows(float* c, int64_t ldc, int rows, int cols, const float* v);
-
 // Whether U8S8GemmTile may run here: oneDNN on a CPU with the AVX-512 VNNI
 // dot product (vpdpbusd sums u8 x s8 products into int32 without rounding or
 // saturating). Without it oneDNN pairs products in saturating 16-bit sums,

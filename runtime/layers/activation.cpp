@@ -5,29 +5,12 @@
 #include <cstdint>
 #include <cstring>
 
+#include "runtime/kernels/epilogue.h"
 #include "runtime/kernels/parallel.h"
 
 namespace qzdl {
 
 namespace {
-
-// x > 0 ? x : x * slope (NaN gives x * slope, a NaN), as a select of bits.
-// Written as `x > 0 ? x : x * slope`, GCC keeps a branch per element: under
-// the default trapping-math rules it may not compute x * slope for elements
-// that do not need it, so the loop is not vectorized, and the branch
-// mispredicts on data of mixed signs. Here the product is always computed and
-// the result picked by a mask: the same bits, and the loop vectorizes.
-inline float PositiveOrScaled(float x, float slope) {
-  const float scaled = x * slope;
-  const uint32_t keep = 0u - static_cast<uint32_t>(x > 0.0f);
-  uint32_t bits_x, bits_scaled;
-  std::memcpy(&bits_x, &x, sizeof bits_x);
-  std::memcpy(&bits_scaled, &scaled, sizeof bits_scaled);
-  const uint32_t bits = (bits_x & keep) | (bits_scaled & ~keep);
-  float y;
-  std::memcpy(&y, &bits, sizeof y);
-  return y;
-}
 
 // y[i] = fn(x[i]) over the whole tensor; x and y may be the same buffer.
 template <typename Fn>
@@ -74,14 +57,7 @@ void ReluXLayer<float>::LoadParam(const ParamReader& param) {
 template <>
 void ReluXLayer<float>::Run() {
   const float t = threshold_;
-  // NaN stays NaN, as with ReLU: both comparisons are false for it. Two
-  // plain selects vectorize into a compare and a blend each; the nested form
-  // x > 0 ? (x < t ? x : t) : (x <= 0 ? 0 : x) gives the same bits but ran
-  // at less than half the speed.
-  MapElements(this->in(), this->out(), [t](float x) {
-    const float capped = x >= t ? t : x;
-    return x <= 0.0f ? 0.0f : capped;
-  });
+  MapElements(this->in(), this->out(), [t](float x) { return ClipZeroTo(x, t); });
 }
 
 // ---- LeakyRelu ------------------------------------------------------------
@@ -204,10 +180,7 @@ void SwishLayer<float>::LoadParam(const ParamReader& param) {
 template <>
 void SwishLayer<float>::Run() {
   if (hard_) {
-    MapElements(this->in(), this->out(), [](float x) {
-      const float r6 = std::min(std::max(x + 3.0f, 0.0f), 6.0f);
-      return x * r6 / 6.0f;
-    });
+    MapElements(this->in(), this->out(), [](float x) { return HardSwishValue(x); });
     return;
   }
   const float beta = beta_;

@@ -179,10 +179,22 @@ std::vector<WeightSpec> ConvolutionLayer<float>::WeightSpecs() {
 }
 
 template <>
+bool ConvolutionLayer<float>::FuseEpilogue(const Epilogue& e, Data<float>* dst) {
+  epilogue_ = e;
+  fused_dst_ = e.Active() ? dst : nullptr;
+  return true;
+}
+
+template <>
 void ConvolutionLayer<float>::Run() {
   const float* bias = params_.bias_term ? this->weight(1)->GetCpuData() : nullptr;
-  kernel_.Run(this->in()->GetCpuData(), this->weight(0)->GetCpuData(), bias,
-              this->out()->GetCpuData());
+  Data<float>* y = fused_dst_ != nullptr ? fused_dst_ : this->out();
+  const NetContext* ctx = this->context();
+  const bool same_weights =
+      ctx != nullptr && ctx->inference && ctx->weights_epoch == weights_epoch_;
+  kernel_.Run(this->in()->GetCpuData(), this->weight(0)->GetCpuData(), bias, y->GetCpuData(),
+              epilogue_, same_weights);
+  if (ctx != nullptr) weights_epoch_ = ctx->weights_epoch;
 }
 
 // ---------------------------------------------------------------------------

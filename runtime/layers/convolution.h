@@ -33,6 +33,7 @@ class ConvolutionLayer : public Layer<T> {
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   std::vector<WeightSpec> WeightSpecs() override;
+  bool FuseEpilogue(const Epilogue& e, Data<T>* dst) override;
 
   const ConvParams& params() const { return params_; }
   const ConvGeometry& geometry() const { return geometry_; }
@@ -46,6 +47,9 @@ class ConvolutionLayer : public Layer<T> {
   ConvParams params_;
   ConvGeometry geometry_;
   ConvKernel kernel_;
+  Epilogue epilogue_;
+  Data<T>* fused_dst_ = nullptr;           // where the output goes while fused
+  uint64_t weights_epoch_ = ~uint64_t(0);  // of the last run
 };
 
 // "Deconvolution": the transpose of a convolution with the same params; the

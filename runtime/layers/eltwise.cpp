@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "runtime/kernels/broadcast.h"
+#include "runtime/kernels/epilogue.h"
 #include "runtime/kernels/parallel.h"
 
 namespace qzdl {
@@ -70,6 +71,13 @@ void SumBlock(const float* const* src, const float* coeff, int64_t num, int64_t 
 }  // namespace
 
 template <>
+bool EltwiseLayer<float>::FuseEpilogue(const Epilogue& e, Data<float>* dst) {
+  epilogue_ = e;
+  fused_dst_ = e.Active() ? dst : nullptr;
+  return true;
+}
+
+template <>
 void EltwiseLayer<float>::Run() {
   const auto& inputs = this->GetInputs();
   for (size_t k = 0; k < inputs.size(); ++k) sources_[k] = inputs[k]->GetCpuData();
@@ -77,7 +85,8 @@ void EltwiseLayer<float>::Run() {
   const float* coeff = coeff_.data();
   const int64_t num = static_cast<int64_t>(sources_.size());
   const Op op = op_;
-  float* y = this->out()->GetCpuData();
+  const Epilogue epilogue = epilogue_;
+  float* y = (fused_dst_ != nullptr ? fused_dst_ : this->out())->GetCpuData();
   // Each block of elements is read from every input before it is written, so
   // the output may share its buffer with any input.
   ParallelFor(inputs[0]->Count(0), [=](int64_t begin, int64_t end) {
@@ -105,6 +114,7 @@ void EltwiseLayer<float>::Run() {
           }
           break;
       }
+      ApplyEpilogue(epilogue, acc, n);
       std::copy(acc, acc + n, y + s);
     }
   });
@@ -160,13 +170,12 @@ template <>
 void BroadcastOpLayer<float>::LoadParam(const ParamReader& param) {
   this->ExpectCounts(2, 2, 1, 1);
   if (!param.Has("operation")) param.Fail("missing param \"operation\"");
-  const std::vector<std::string> names = {"add", "sub",  "mul",     "div",  "equal",
-                                          "max", "min",  "pow",     "greater", "less",
-                                          "greater_equal", "less_equal"};
+  const std::vector<std::string> names = {"add",     "sub",  "mul",           "div",
+                                          "equal",   "max",  "min",           "pow",
+                                          "greater", "less", "greater_equal", "less_equal"};
   op_name_ = param.Choice("operation", "add", names);
-  const Op ops[] = {Op::kAdd,     Op::kSub,     Op::kMul,  Op::kDiv,
-                    Op::kEqual,   Op::kMax,     Op::kMin,  Op::kPow,
-                    Op::kGreater, Op::kLess,    Op::kGreaterEqual, Op::kLessEqual};
+  const Op ops[] = {Op::kAdd, Op::kSub, Op::kMul,     Op::kDiv,  Op::kEqual,        Op::kMax,
+                    Op::kMin, Op::kPow, Op::kGreater, Op::kLess, Op::kGreaterEqual, Op::kLessEqual};
   for (size_t i = 0; i < names.size(); ++i)
     if (names[i] == op_name_) op_ = ops[i];
 }

@@ -24,6 +24,7 @@ class EltwiseLayer : public Layer<T> {
   std::string GetTypeDetail() override;
   Op Operation() const { return op_; }
   const std::vector<float>& Coeffs() const { return coeff_; }
+  bool FuseEpilogue(const Epilogue& e, Data<T>* dst) override;
 
  protected:
   void Run() override;
@@ -32,6 +33,8 @@ class EltwiseLayer : public Layer<T> {
   Op op_ = Op::kSum;
   std::vector<float> coeff_;           // one per input; all 1 unless given
   std::vector<const float*> sources_;  // input pointers, refreshed at each Run
+  Epilogue epilogue_;
+  Data<T>* fused_dst_ = nullptr;  // where the output goes while fused
 };
 
 // "Mean": y = (x_1 + ... + x_N) / N over N >= 1 inputs of identical shape

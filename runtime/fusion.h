@@ -1,0 +1,28 @@
+// Fused execution of a float net (Net::SetInferenceMode): an activation whose
+// input only it reads is computed by the layer that writes that input, on
+// each output tile while it is in cache, and the activation layer does not
+// run. The fused-away tensor then holds nothing meaningful, so this is for
+// callers that read only the net's outputs; calibration, which observes every
+// tensor, runs unfused.
+#pragma once
+
+#include <vector>
+
+#include "runtime/layer.h"
+
+namespace qzdl {
+
+// Whether `layer` is an activation that an epilogue computes with the same
+// bits (ReLU, LeakyRelu, ReLUX, hard Swish); `e` gets it.
+bool EpilogueOf(Layer<float>* layer, Epilogue* e);
+
+// Undoes every fusion of `layers`, then with `on` fuses each pair of a
+// producer (a layer with one output whose FuseEpilogue accepts) and an
+// activation of EpilogueOf where the producer's output is no tensor named in
+// `keep` (the net's inputs and outputs), the activation is its first reader,
+// and no other layer reads it before the activation has rewritten it (in
+// place) or at all (out of place). Returns the number of pairs fused.
+int PlanFusion(const std::vector<Layer<float>*>& layers, const std::vector<std::string>& keep,
+               bool on);
+
+}  // namespace qzdl

@@ -1,0 +1,69 @@
+// Element functions of the simple activations, and the epilogue through which
+// a layer applies one of them to its own outputs when the activation layer
+// after it is fused into it (Net::SetInferenceMode). The activation layers
+// and the epilogues call the same functions, so a fused net gives the same
+// bits as the unfused one.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+namespace qzdl {
+
+// x > 0 ? x : x * slope (NaN gives x * slope, a NaN), as a select of bits.
+// Written as `x > 0 ? x : x * slope`, GCC keeps a branch per element: under
+// the default trapping-math rules it may not compute x * slope for elements
+// that do not need it, so the loop is not vectorized, and the branch
+// mispredicts on data of mixed signs. Here the product is always computed and
+// the result picked by a mask: the same bits, and the loop vectorizes.
+inline float PositiveOrScaled(float x, float slope) {
+  const float scaled = x * slope;
+  const uint32_t keep = 0u - static_cast<uint32_t>(x > 0.0f);
+  uint32_t bits_x, bits_scaled;
+  std::memcpy(&bits_x, &x, sizeof bits_x);
+  std::memcpy(&bits_scaled, &scaled, sizeof bits_scaled);
+  const uint32_t bits = (bits_x & keep) | (bits_scaled & ~keep);
+  float y;
+  std::memcpy(&y, &bits, sizeof y);
+  return y;
+}
+
+// min(max(x, 0), t); NaN stays NaN (both comparisons are false for it). Two
+// plain selects vectorize into a compare and a blend each; the nested form
+// x > 0 ? (x < t ? x : t) : (x <= 0 ? 0 : x) gives the same bits but ran at
+// less than half the speed.
+inline float ClipZeroTo(float x, float t) {
+  const float capped = x >= t ? t : x;
+  return x <= 0.0f ? 0.0f : capped;
+}
+
+// x * min(max(x + 3, 0), 6) / 6.
+inline float HardSwishValue(float x) {
+  const float r6 = std::min(std::max(x + 3.0f, 0.0f), 6.0f);
+  return x * r6 / 6.0f;
+}
+
+struct Epilogue {
+  enum class Kind {
+    kNone,
+    kRelu,       // PositiveOrScaled(x, param): ReLU and LeakyRelu
+    kClip,       // ClipZeroTo(x, param): ReLUX
+    kHardSwish,  // HardSwishValue(x)
+  };
+  Kind kind = Kind::kNone;
+  float param = 0.0f;
+
+  bool Active() const { return kind != Kind::kNone; }
+  bool operator==(const Epilogue& o) const { return kind == o.kind && param == o.param; }
+};
+
+// y[i] = e(y[i]) for i in [0, n), on the calling thread.
+void ApplyEpilogue(const Epilogue& e, float* y, int64_t n);
+
+// A block of `rows` rows of `cols` values (row stride ld): adds bias[r] to
+// row r when bias is not null, then applies e; on the calling thread.
+void BiasAndEpilogue(const Epilogue& e, const float* bias, float* y, int64_t ld, int rows,
+                     int cols);
+
+}  // namespace qzdl

@@ -1,0 +1,179 @@
+#include "runtime/fusion.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "runtime/net.h"
+#include "support/net_builder.h"
+
+namespace qzdl {
+namespace {
+
+using json11::Json;
+
+// Adds a convolution with random weights and a bias.
+void Conv(test::NetBuilder& b, const std::string& name, const std::string& in,
+          const std::string& out, int cin, int cout, int kernel, int group, uint32_t seed) {
+  const Json::object param{
+      {"num_output", cout}, {"kernel_size", kernel}, {"pad", kernel / 2}, {"group", group}};
+  b.Layer(name, "Convolution", {in}, {out}, param)
+      .Weight(name, "weight", {cout, cin / group, kernel, kernel},
+              test::RandomVector(size_t(cout) * cin / group * kernel * kernel, seed))
+      .Weight(name, "bias", {cout}, test::RandomVector(cout, seed + 1));
+}
+
+// A 3x3 convolution (oneDNN's primitive where the build has it: reordered
+// weights) and a 1x1 one, weights from `seed`.
+test::NetBuilder TwoConvs(uint32_t seed) {
+  test::NetBuilder b;
+  b.Input("data", {1, 16, 12, 12});
+  Conv(b, "a", "data", "a_out", 16, 32, 3, 1, seed);
+  Conv(b, "b", "a_out", "b_out", 32, 8, 1, 1, seed + 2);
+  return b;
+}
+
+// Every kind of convolution path (3x3, 1x1, depthwise) followed by each
+// fusable activation, a residual sum with a ReLU after it, and two pairs that
+// must stay apart: a convolution read by two layers, and a ReLU whose input
+// is a net output.
+test::NetBuilder FusableNet() {
+  test::NetBuilder b;
+  b.Input("data", {2, 8, 9, 7});
+  Conv(b, "c1", "data", "c1_out", 8, 16, 3, 1, 1);
+  b.Layer("relu1", "ReLU", {"c1_out"}, {"r1"});
+  Conv(b, "c2", "r1", "c2_out", 16, 16, 3, 16, 3);  // depthwise
+  b.Layer("clip2", "ReLUX", {"c2_out"}, {"r2"}, Json::object{{"threshold", 0.5}});
+  Conv(b, "c3", "r2", "c3_out", 16, 16, 1, 1, 5);
+  b.Layer("hs3", "Swish", {"c3_out"}, {"c3_out"}, Json::object{{"hard", true}});  // in place
+  b.Layer("sum", "Eltwise", {"c3_out", "r1"}, {"s"});
+  b.Layer("leaky", "LeakyRelu", {"s"}, {"l"}, Json::object{{"negative_slope", 0.125}});
+  Conv(b, "c4", "l", "c4_out", 16, 8, 1, 1, 7);
+  b.Layer("relu4", "ReLU", {"c4_out"}, {"r4"});
+  b.Layer("sig4", "Sigmoid", {"c4_out"}, {"g4"});  // a second reader of c4_out
+  Conv(b, "c5", "r4", "c5_out", 8, 8, 3, 1, 9);
+  b.Layer("relu5", "ReLU", {"c5_out"}, {"r5"});
+  b.Top("outputs", Json::array{"g4", "c5_out", "r5"});
+  return b;
+}
+
+std::vector<std::vector<float>> RunAll(Net<float>* net) {
+  const std::vector<float> x = test::RandomVector(net->GetInputData(0)->Count(0), 42, -2.0f, 2.0f);
+  net->SetFloatInputData(const_cast<float*>(x.data()), 0);
+  net->ForwardAll();
+  std::vector<std::vector<float>> outs;
+  for (int k = 0; k < net->GetOutCount(); ++k) {
+    const Data<float>* d = net->GetOutputData(k);
+    outs.emplace_back(d->GetCpuData(), d->GetCpuData() + d->Count(0));
+  }
+  return outs;
+}
+
+TEST(Fusion, FusesWhereOnlyTheActivationReadsAndGivesTheSameBits) {
+  auto unfused = FusableNet().Build();
+  const auto want = RunAll(unfused.get());
+  auto net = FusableNet().Build();
+  EXPECT_FALSE(net->GetInferenceMode());
+  EXPECT_EQ(net->SetInferenceMode(true), 4);
+  for (const char* name : {"relu1", "clip2", "hs3", "leaky"})
+    EXPECT_TRUE(net->GetLayer(name)->FusedAway()) << name;
+  for (const char* name : {"relu4", "sig4", "relu5", "c1", "sum"})
+    EXPECT_FALSE(net->GetLayer(name)->FusedAway()) << name;
+  const auto got = RunAll(net.get());
+  ASSERT_EQ(got.size(), want.size());
+  for (size_t k = 0; k < got.size(); ++k) {
+    ASSERT_EQ(got[k].size(), want[k].size());
+    EXPECT_EQ(std::memcmp(got[k].data(), want[k].data(), got[k].size() * sizeof(float)), 0)
+        << "output " << k;
+  }
+  // Tensors that no fusion skips hold what they hold unfused.
+  const Data<float>* r1 = net->GetData("r1");
+  EXPECT_EQ(std::memcmp(r1->GetCpuData(), unfused->GetData("r1")->GetCpuData(),
+                        r1->Count(0) * sizeof(float)),
+            0);
+}
+
+TEST(Fusion, OffAgainAndFrugalModeRunEveryLayer) {
+  auto net = FusableNet().Build();
+  ASSERT_EQ(net->SetInferenceMode(true), 4);
+  net->SetFrugalMode(true);
+  for (Layer<float>* l : net->GetLayers()) EXPECT_FALSE(l->FusedAway()) << l->GetName();
+  net->SetFrugalMode(false);
+  EXPECT_TRUE(net->GetLayer("relu1")->FusedAway());
+  EXPECT_EQ(net->SetInferenceMode(false), 0);
+  for (Layer<float>* l : net->GetLayers()) EXPECT_FALSE(l->FusedAway()) << l->GetName();
+  // Unfused again, the pre-activation tensor is computed.
+  RunAll(net.get());
+  auto reference = FusableNet().Build();
+  RunAll(reference.get());
+  const Data<float>* c1 = net->GetData("c1_out");
+  EXPECT_EQ(std::memcmp(c1->GetCpuData(), reference->GetData("c1_out")->GetCpuData(),
+                        c1->Count(0) * sizeof(float)),
+            0);
+}
+
+TEST(Fusion, InferenceModeReadsWeightsAgainAfterLoadingOrSettingTheMode) {
+  auto net = TwoConvs(1).Build();
+  net->SetInferenceMode(true);
+  RunAll(net.get());
+  RunAll(net.get());
+  // New weights through the loading function.
+  const test::NetBuilder second = TwoConvs(11);
+  std::string bytes = second.WeightsBytes();
+  net->LoadWeights(bytes.data(), static_cast<int>(bytes.size()));
+  auto fresh = second.Build();
+  EXPECT_EQ(RunAll(net.get()), RunAll(fresh.get()));
+  // Written directly, then the mode set again.
+  Data<float>* w = net->GetLayer("a")->GetWeights()[0];
+  Data<float>* w_fresh = fresh->GetLayer("a")->GetWeights()[0];
+  for (int64_t i = 0; i < w->Count(0); ++i) {
+    w->GetCpuData()[i] *= -0.5f;
+    w_fresh->GetCpuData()[i] *= -0.5f;
+  }
+  net->SetInferenceMode(true);
+  EXPECT_EQ(RunAll(net.get()), RunAll(fresh.get()));
+}
+
+TEST(Fusion, EpilogueOfNamesTheFusableActivations) {
+  auto net = FusableNet().Build();
+  Epilogue e;
+  ASSERT_TRUE(EpilogueOf(net->GetLayer("clip2"), &e));
+  EXPECT_EQ(e.kind, Epilogue::Kind::kClip);
+  EXPECT_EQ(e.param, 0.5f);
+  ASSERT_TRUE(EpilogueOf(net->GetLayer("leaky"), &e));
+  EXPECT_EQ(e.kind, Epilogue::Kind::kRelu);
+  EXPECT_EQ(e.param, 0.125f);
+  ASSERT_TRUE(EpilogueOf(net->GetLayer("hs3"), &e));
+  EXPECT_EQ(e.kind, Epilogue::Kind::kHardSwish);
+  EXPECT_FALSE(EpilogueOf(net->GetLayer("sig4"), &e));
+  EXPECT_FALSE(EpilogueOf(net->GetLayer("c1"), &e));
+}
+
+TEST(Fusion, EpilogueKeepsTheActivationBits) {
+  // Special values through the epilogue and through the layers' element
+  // functions: the same bits.
+  const std::vector<float> x = {-0.0f, 0.0f, -1e-30f, 3.0f, -3.0f, 0.5f, 6.0f, 1e30f, -1e30f};
+  for (const Epilogue& e :
+       {Epilogue{Epilogue::Kind::kRelu, 0.0f}, Epilogue{Epilogue::Kind::kRelu, 0.01f},
+        Epilogue{Epilogue::Kind::kClip, 0.5f}, Epilogue{Epilogue::Kind::kHardSwish, 0.0f}}) {
+    std::vector<float> y = x;
+    ApplyEpilogue(e, y.data(), static_cast<int64_t>(y.size()));
+    for (size_t i = 0; i < x.size(); ++i) {
+      const float want = e.kind == Epilogue::Kind::kRelu   ? PositiveOrScaled(x[i], e.param)
+                         : e.kind == Epilogue::Kind::kClip ? ClipZeroTo(x[i], e.param)
+                                                           : HardSwishValue(x[i]);
+      EXPECT_EQ(std::memcmp(&y[i], &want, sizeof(float)), 0) << i;
+    }
+  }
+  EXPECT_EQ(ClipZeroTo(-0.0f, 6.0f), 0.0f);
+  EXPECT_FALSE(std::signbit(ClipZeroTo(-0.0f, 6.0f)));
+  EXPECT_EQ(HardSwishValue(-3.0f), -0.0f);
+  EXPECT_EQ(HardSwishValue(3.0f), 3.0f);
+  EXPECT_EQ(PositiveOrScaled(-2.0f, 0.25f), -0.5f);
+}
+
+}  // namespace
+}  // namespace qzdl
