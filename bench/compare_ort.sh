@@ -1,61 +1,123 @@
 #!/usr/bin/env bash
-# Side by side with ONNX Runtime: imports an ONNX model, runs it on our float
-# runtime (qzdl_run) and on ONNX Runtime (Node package, sequential
-# execution, THREADS intra-op threads) on the same random input, and prints
-# per batch size: the largest absolute difference and the cosine similarity
-# of the outputs, images per second of each, and the ratio ours / ORT.
+# Side by side with ONNX Runtime: imports ONNX models, runs each on our float
+# runtime (qzdl_run, inference mode) and on ONNX Runtime (Node package,
+# sequential execution, THREADS intra-op threads) on the same random input,
+# and prints per model and batch size: the largest absolute difference and
+# the cosine similarity of the outputs, images per second of each and the
+# ratio ours / ORT, in one table headed by the CPU and its instruction sets.
 #
-#   bench/compare_ort.sh MODEL.onnx [--batches "1 8"] [--repeat N] [--threads 2]
-#                        [--input-shape NAME=D0,D1,...]
+#   bench/compare_ort.sh MODEL.onnx... [--batches "1 8"] [--repeat N] [--threads 2]
+#                        [--input-shape NAME=D0,D1,...] [--unfused]
+#   bench/compare_ort.sh --suite [MODEL.onnx...] [options as above]
 #
-# Our runtime runs with OMP_NUM_THREADS=THREADS. Each measurement is the mean
-# of N passes (default 40 at batch 1, N / batch for larger batches, at least
-# 10) after 3 warm-up passes. The load average is printed before and after:
-# the machine should be quiet (load < 2 on 2 cores) for the figures to mean
-# anything. BUILD_DIR (default build); ORT_NODE_MODULES as for
+# --suite first exports (once, into SUITE_DIR, default BUILD_DIR/bench_models)
+# torchvision's ResNet-18, MobileNetV2, ShuffleNet-V2 1.0, SqueezeNet 1.1,
+# the SSDlite 320 detector's backbone and head, and a YOLO-style detector
+# with random weights (scripts/export_torchvision.py, python3-torch and
+# python3-torchvision), and runs them before the models named.
+#
+# Each measurement is the mean of N passes (default 40 at batch 1, N / batch
+# for larger batches, at least 10) after 3 warm-up passes; the two runtimes
+# take turns per model and batch. The load average is printed before and
+# after: the machine should be quiet (load < 2 on 2 cores) for the figures
+# to mean anything. BUILD_DIR (default build); ORT_NODE_MODULES as for
 # scripts/ort_run.js.
 set -euo pipefail
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 BUILD_DIR=${BUILD_DIR:-build}
 [[ "$BUILD_DIR" = /* ]] || BUILD_DIR="$ROOT/$BUILD_DIR"
-MODEL=""
+SUITE_DIR=${SUITE_DIR:-$BUILD_DIR/bench_models}
+MODELS=()
 BATCHES="1 8"
 REPEAT=40
 THREADS=2
+SUITE=0
 IMPORT_ARGS=()
+RUN_ARGS=()
+usage() {
+  echo "usage: $0 [--suite] [MODEL.onnx...] [--batches \"1 8\"] [--repeat N] [--threads N]" \
+       "[--input-shape NAME=D0,D1,...] [--unfused]" >&2
+  exit 2
+}
 while (($#)); do
   case "$1" in
     --batches) BATCHES=$2; shift 2 ;;
     --repeat) REPEAT=$2; shift 2 ;;
     --threads) THREADS=$2; shift 2 ;;
     --input-shape) IMPORT_ARGS+=(--input-shape "$2"); shift 2 ;;
-    -*) echo "usage: $0 MODEL.onnx [--batches \"1 8\"] [--repeat N] [--threads N]" >&2; exit 2 ;;
-    *) MODEL=$1; shift ;;
+    --unfused) RUN_ARGS+=(--unfused); shift ;;
+    --suite) SUITE=1; shift ;;
+    -*) usage ;;
+    *) MODELS+=("$1"); shift ;;
   esac
 done
-[[ -n "$MODEL" ]] || { echo "usage: $0 MODEL.onnx [--batches \"1 8\"] [--repeat N]" >&2; exit 2; }
+
+if ((SUITE)); then
+  suite=(resnet18 mobilenet_v2 shufflenet_v2_x1_0 squeezenet1_1 ssdlite320 yolo_style)
+  missing=()
+  for m in "${suite[@]}"; do
+    [[ -f "$SUITE_DIR/${m}_op13.onnx" ]] || missing+=("$m")
+  done
+  if ((${#missing[@]})); then
+    mkdir -p "$SUITE_DIR"
+    models=$(IFS=,; echo "${missing[*]}")
+    /usr/bin/python3 "$ROOT/scripts/export_torchvision.py" "$SUITE_DIR" --models "$models" >&2
+  fi
+  listed=("${MODELS[@]}")
+  MODELS=()
+  for m in "${suite[@]}"; do MODELS+=("$SUITE_DIR/${m}_op13.onnx"); done
+  MODELS+=("${listed[@]}")
+fi
+((${#MODELS[@]})) || usage
 cmake --build "$BUILD_DIR" --target qzdl_onnx2net qzdl_run >/dev/null
 WORK=$(mktemp -d)
 trap 'rm -rf "$WORK"' EXIT
 
-"$BUILD_DIR/tools/qzdl_onnx2net" "$MODEL" "$WORK/net.json" "$WORK/net.bin" "${IMPORT_ARGS[@]}" >/dev/null
-echo "model $(basename "$MODEL"), $THREADS threads; load before: $(cut -d' ' -f1-3 /proc/loadavg)"
-printf '%6s %12s %12s %12s %12s %8s\n' batch max_abs cosine ours_img/s ort_img/s ratio
-for batch in $BATCHES; do
-  repeat=$(( REPEAT / batch > 10 ? REPEAT / batch : 10 ))
-  ort_json=$(node "$ROOT/scripts/ort_run.js" --model "$MODEL" --net-json "$WORK/net.json" \
-    --batch "$batch" --inputs-dir "$WORK/in$batch" --outputs-dir "$WORK/ort$batch" \
-    --threads "$THREADS" --warmup 3 --repeat "$repeat" 2>/dev/null)
-  ort_ips=$(node -e "console.log(JSON.parse(process.argv[1]).images_per_s.toFixed(2))" "$ort_json")
-  ours=$(OMP_NUM_THREADS=$THREADS "$BUILD_DIR/tools/qzdl_run" "$WORK/net.json" "$WORK/net.bin" \
-    --batch "$batch" --warmup 3 --repeat "$repeat" --inputs-dir "$WORK/in$batch" \
-    --compare-dir "$WORK/ort$batch")
-  ours_ips=$(sed -n 's/^forward: .* ms per pass, \([0-9.]*\) images\/s$/\1/p' <<<"$ours")
-  # Over all outputs: the largest difference and the smallest cosine.
-  max_abs=$(awk '/^compare:/ { for (i = 1; i < NF; ++i) if ($i == "max_abs" && $(i+1) + 0 > m + 0) m = $(i+1) + 0 }
-                 END { printf "%.3g", m }' <<<"$ours")
-  cosine=$(awk 'BEGIN { c = 2 } /^compare:/ { if ($NF < c) c = $NF } END { printf "%.7f", c }' <<<"$ours")
-  ratio=$(awk -v a="$ours_ips" -v b="$ort_ips" 'BEGIN { printf "%.2f", a / b }')
-  printf '%6d %12s %12s %12s %12s %8s\n' "$batch" "$max_abs" "$cosine" "$ours_ips" "$ort_ips" "$ratio"
-done
+isa=$(grep -m1 -E '^(flags|Features)' /proc/cpuinfo | cut -d: -f2 | tr ' ' '\n' |
+      grep -x -E 'sse4_2|avx|avx2|fma|avx512f|avx512bw|avx512_vnni|avx512vbmi|avx_vnni|asimd|asimddp' |
+      tr '\n' ' ')
+cpu=$(grep -m1 -E '^model name' /proc/cpuinfo | cut -d: -f2 | xargs || true)
+echo "CPU: ${cpu:-unknown} ($(nproc) cores); instruction sets: ${isa:-unknown}"
+echo "$THREADS threads; ours: qzdl_run${RUN_ARGS[*]:+ ${RUN_ARGS[*]}}; load before: $(cut -d' ' -f1-3 /proc/loadavg)"
+printf '%-24s %6s %10s %11s %11s %11s %7s\n' model batch max_abs cosine ours_img/s ort_img/s ratio
+
+# One model: imports it and prints a row per batch size.
+compare_one() {
+  local model=$1 name dir
+  name=$(basename "$model" .onnx)
+  dir="$WORK/$name"
+  mkdir -p "$dir"
+  if ! "$BUILD_DIR/tools/qzdl_onnx2net" "$model" "$dir/net.json" "$dir/net.bin" \
+      "${IMPORT_ARGS[@]}" >"$dir/import.log" 2>&1; then
+    printf '%-24s %s\n' "$name" "import failed: $(tail -n1 "$dir/import.log")"
+    return
+  fi
+  local batch repeat ort_json ort_ips ours ours_ips max_abs cosine ratio
+  for batch in $BATCHES; do
+    repeat=$(( REPEAT / batch > 10 ? REPEAT / batch : 10 ))
+    if ! ort_json=$(node "$ROOT/scripts/ort_run.js" --model "$model" --net-json "$dir/net.json" \
+        --batch "$batch" --inputs-dir "$dir/in$batch" --outputs-dir "$dir/ort$batch" \
+        --threads "$THREADS" --warmup 3 --repeat "$repeat" 2>"$dir/ort.log"); then
+      printf '%-24s %6d %s\n' "$name" "$batch" "ONNX Runtime failed: $(tail -n1 "$dir/ort.log")"
+      continue
+    fi
+    ort_ips=$(node -e "console.log(JSON.parse(process.argv[1]).images_per_s.toFixed(2))" "$ort_json")
+    if ! ours=$(OMP_NUM_THREADS=$THREADS "$BUILD_DIR/tools/qzdl_run" "$dir/net.json" \
+        "$dir/net.bin" --batch "$batch" --warmup 3 --repeat "$repeat" \
+        --inputs-dir "$dir/in$batch" --compare-dir "$dir/ort$batch" "${RUN_ARGS[@]}" 2>&1); then
+      printf '%-24s %6d %s\n' "$name" "$batch" "qzdl_run failed: $(tail -n1 <<<"$ours")"
+      continue
+    fi
+    ours_ips=$(sed -n 's/^forward: .* ms per pass, \([0-9.]*\) images\/s$/\1/p' <<<"$ours")
+    # Over all outputs: the largest difference and the smallest cosine.
+    max_abs=$(awk '/^compare:/ { for (i = 1; i < NF; ++i) if ($i == "max_abs" && $(i+1) + 0 > m + 0) m = $(i+1) + 0 }
+                   END { printf "%.3g", m }' <<<"$ours")
+    cosine=$(awk 'BEGIN { c = 2 } /^compare:/ { if ($NF < c) c = $NF } END { printf "%.7f", c }' <<<"$ours")
+    ratio=$(awk -v a="$ours_ips" -v b="$ort_ips" 'BEGIN { printf "%.2f", a / b }')
+    printf '%-24s %6d %10s %11s %11s %11s %7s\n' "$name" "$batch" "$max_abs" "$cosine" \
+      "$ours_ips" "$ort_ips" "$ratio"
+  done
+}
+
+for model in "${MODELS[@]}"; do compare_one "$model"; done
 echo "load after: $(cut -d' ' -f1-3 /proc/loadavg)"

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "runtime/layers/activation.h"
+#include "runtime/layers/normalization.h"
 
 namespace qzdl {
 
@@ -34,7 +35,7 @@ bool EpilogueOf(Layer<float>* layer, Epilogue* e) {
 int PlanFusion(const std::vector<Layer<float>*>& layers, const std::vector<std::string>& keep,
                bool on) {
   for (Layer<float>* l : layers) {
-    l->FuseEpilogue(Epilogue{}, nullptr);
+    l->FuseEpilogue(Epilogue{}, nullptr, nullptr);
     l->SetFusedAway(false);
   }
   if (!on) return 0;
@@ -46,34 +47,61 @@ int PlanFusion(const std::vector<Layer<float>*>& layers, const std::vector<std::
     for (Data<float>* t : layers[i]->GetOutputs()) writers[t->GetName()].push_back(i);
   }
   const std::set<std::string> kept(keep.begin(), keep.end());
-  std::vector<bool> taken(layers.size(), false);  // producers and fused activations
+  std::vector<bool> taken(layers.size(), false);  // producers and fused layers
   int fused = 0;
   for (int i = 0; i < count; ++i) {
     Layer<float>* producer = layers[i];
     if (taken[i] || producer->GetOutputs().size() != 1) continue;
-    const std::string t = producer->GetOutputs()[0]->GetName();
-    if (kept.count(t) != 0) continue;
-    const std::vector<int>& rd = readers[t];
-    if (rd.empty() || rd.front() <= i) continue;
-    const int j = rd.front();
-    Layer<float>* act = layers[j];
+    std::set<int> chain = {i};
+    ChannelAffine* affine = nullptr;
     Epilogue e;
-    if (taken[j] || !EpilogueOf(act, &e)) continue;
-    Data<float>* dst = act->GetOutputs()[0];
-    const std::string u = dst->GetName();
-    bool reads_dst = false;
-    for (Data<float>* x : producer->GetInputs()) reads_dst |= x->GetName() == u;
-    if (reads_dst) continue;
-    if (u == t) {
-      // In place: the activation rewrites t; readers after it read its result.
-      if (writers[t] != std::vector<int>{i, j}) continue;
-      if (std::count(rd.begin(), rd.end(), j) != 1) continue;
-    } else {
-      if (rd != std::vector<int>{j} || writers[t] != std::vector<int>{i}) continue;
+    Data<float>* dst = nullptr;
+    int last = i;
+    std::string t = producer->GetOutputs()[0]->GetName();
+    // Follow the output through at most a Scale or BatchNormal and then an
+    // activation, each the only reader of what the one before wrote.
+    while (true) {
+      if (kept.count(t) != 0) break;
+      const std::vector<int>& rd = readers[t];
+      auto after = std::upper_bound(rd.begin(), rd.end(), last);
+      if (after == rd.end()) break;
+      const int j = *after;
+      Layer<float>* next = layers[j];
+      if (taken[j] || next->GetInputs().size() != 1 || next->GetOutputs().size() != 1) break;
+      Epilogue act;
+      const bool is_act = EpilogueOf(next, &act);
+      auto* aff = dynamic_cast<ChannelAffine*>(next);
+      if (!is_act && (aff == nullptr || affine != nullptr)) break;
+      Data<float>* out = next->GetOutputs()[0];
+      const std::string u = out->GetName();
+      bool reads_u = false;
+      for (Data<float>* x : producer->GetInputs()) reads_u |= x->GetName() == u;
+      if (reads_u) break;
+      // Every writer of t is in the chain (or is `next`, in place), and no
+      // layer outside the chain reads t before `next` has run (out of
+      // place: at all).
+      bool ok = true;
+      for (int w : writers[t]) ok &= chain.count(w) != 0 || (w == j && u == t);
+      for (int r : rd) ok &= chain.count(r) != 0 || r == j || (u == t && r > j);
+      if (!ok) break;
+      if (is_act) {
+        e.kind = act.kind;
+        e.param = act.param;
+      } else {
+        affine = aff;
+      }
+      chain.insert(j);
+      last = j;
+      dst = out;
+      t = u;
+      if (is_act) break;
     }
-    if (!producer->FuseEpilogue(e, dst)) continue;
-    act->SetFusedAway(true);
-    taken[i] = taken[j] = true;
+    if (chain.size() < 2) continue;
+    if (!producer->FuseEpilogue(e, dst, affine)) continue;
+    for (int j : chain) {
+      taken[j] = true;
+      if (j != i) layers[j]->SetFusedAway(true);
+    }
     ++fused;
   }
   return fused;

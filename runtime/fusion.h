@@ -16,12 +16,14 @@ namespace qzdl {
 // bits (ReLU, LeakyRelu, ReLUX, hard Swish); `e` gets it.
 bool EpilogueOf(Layer<float>* layer, Epilogue* e);
 
-// Undoes every fusion of `layers`, then with `on` fuses each pair of a
-// producer (a layer with one output whose FuseEpilogue accepts) and an
-// activation of EpilogueOf where the producer's output is no tensor named in
-// `keep` (the net's inputs and outputs), the activation is its first reader,
-// and no other layer reads it before the activation has rewritten it (in
-// place) or at all (out of place). Returns the number of pairs fused.
+// Undoes every fusion of `layers`, then with `on` fuses into each producer
+// (a layer with one output whose FuseEpilogue accepts) the chain that
+// follows it: at most one "Scale" or "BatchNormal" (a ChannelAffine), then
+// at most one activation of EpilogueOf. Each link is the first reader of the
+// tensor before it, that tensor is none named in `keep` (the net's inputs and
+// outputs), every layer that writes it is in the chain, and no layer outside
+// the chain reads it before the link has rewritten it (in place) or at all
+// (out of place). Returns the number of chains fused.
 int PlanFusion(const std::vector<Layer<float>*>& layers, const std::vector<std::string>& keep,
                bool on);
 

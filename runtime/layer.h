@@ -14,6 +14,8 @@
 
 namespace qzdl {
 
+class ChannelAffine;  // runtime/layers/normalization.h
+
 // Reads a layer's "param" object with type checks. Every failure throws a
 // NetFormatError naming the file, the layer and the param.
 class ParamReader {
@@ -102,11 +104,12 @@ class Layer {
   virtual bool InPlaceSafe() const { return false; }
   // True when the call changed the layer's quantization record.
   virtual bool AdjustInt8Config() { return false; }
-  // Fused execution (Net::SetInferenceMode): asks the layer to apply `e` to
-  // its only output and to write the result into `dst` instead, at every run
-  // until it is called again with an inactive epilogue. False when the layer
-  // cannot; it then stays as it was.
-  virtual bool FuseEpilogue(const Epilogue&, Data<T>*) { return false; }
+  // Fused execution (Net::SetInferenceMode): asks the layer to apply
+  // `affine`'s per-channel arithmetic (when not null) and then `e` to its
+  // only output and to write the result into `dst` instead, at every run
+  // until it is called again with an inactive epilogue and no affine. False
+  // when the layer cannot; it then stays as it was.
+  virtual bool FuseEpilogue(const Epilogue&, Data<T>*, ChannelAffine* = nullptr) { return false; }
 
   // An activation whose work the layer before it does: Forward skips it.
   void SetFusedAway(bool fused) { fused_away_ = fused; }

@@ -176,7 +176,7 @@ void DepthwiseConvolution(const ConvGeometry& g, const float* x, const float* w,
             Rows(g, p, k, bias, yp);
             break;
         }
-        ApplyEpilogue(e, yp, out_plane);
+        ApplyEpilogue(e, yp, out_plane, o);
       });
 }
 

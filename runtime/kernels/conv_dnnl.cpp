@@ -306,7 +306,11 @@ void DnnlConvolution::Run(const float* x, const float* w, const float* b, float*
     p.conv.execute(s.stream, s.conv_args[c]);
     if (p.reorder_dst) p.dst_reorder.execute(s.stream, s.dst_args[c]);
     s.stream.wait();
-    ApplyEpilogue(e, y + n * out_image + m.chunks[c].first * plane, int64_t(p.channels) * plane);
+    if (e.Active()) {
+      const int first = m.chunks[c].first;
+      for (int ch = 0; ch < p.channels; ++ch)
+        ApplyEpilogue(e, y + n * out_image + int64_t(first + ch) * plane, plane, first + ch);
+    }
   });
 }
 

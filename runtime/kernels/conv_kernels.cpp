@@ -47,6 +47,11 @@ bool Is1x1Unpadded(const ConvGeometry& g) {
          g.pad_left == 0 && g.pad_right == 0;
 }
 
+bool IsDepthwise3x3(const ConvGeometry& g) {
+  return g.kernel_h == 3 && g.kernel_w == 3 && g.dilation_h == 1 && g.dilation_w == 1 &&
+         g.out_c == g.in_c;
+}
+
 bool Is1x1Plain(const ConvGeometry& g) {
   return Is1x1Unpadded(g) && g.stride_h == 1 && g.stride_w == 1;
 }
@@ -98,7 +103,14 @@ bool ConvKernel::Configure(const ConvGeometry& g, bool bias, ConvAlgorithm want)
   ConvAlgorithm a = Applies(want, g) ? want : ConvAlgorithm::kAuto;
   if (a == ConvAlgorithm::kAuto) {
     if (IsDepthwise(g)) {
+      // The direct kernel has its own loops for 3x3 taps only; other sizes
+      // ran 1.5x to 2.7x behind the library's primitive (5x5, 7x7, stride
+      // 2; bench/conv_shapes_bench). That primitive runs one image per
+      // thread, so it is taken from batch 2 up (a rule on the shape alone:
+      // results must not depend on the thread count).
       a = ConvAlgorithm::kDepthwise;
+      if (!IsDepthwise3x3(g) && g.batch >= 2 && Applies(ConvAlgorithm::kDnnl, g))
+        a = ConvAlgorithm::kDnnl;
     } else if (Is1x1Plain(g)) {
       a = ConvAlgorithm::kGemm1x1;
     } else if (Is1x1Unpadded(g)) {
@@ -220,7 +232,7 @@ void ConvKernel::RunGemm(const float* x, const float* w, const float* b, float* 
     // The bias and the activation on the tile while it is in cache, rather
     // than a pass over the output before the GEMM and one after it.
     if (b != nullptr || e.Active())
-      BiasAndEpilogue(e, b != nullptr ? b + o0 : nullptr, yt, plane, mb, np);
+      BiasAndEpilogue(e, b != nullptr ? b + o0 : nullptr, yt, plane, mb, np, o0);
   });
 }
 

@@ -44,6 +44,14 @@ inline float HardSwishValue(float x) {
   return x * r6 / 6.0f;
 }
 
+// (x - shift) * mult + add in three roundings: "Scale" and "BatchNormal" per
+// channel. The files that call it are built without contraction into fused
+// multiply-adds (runtime/CMakeLists.txt), so a fused affine has the bits of
+// the layer's own.
+inline float AffineValue(float x, float shift, float mult, float add) {
+  return (x - shift) * mult + add;
+}
+
 struct Epilogue {
   enum class Kind {
     kNone,
@@ -53,17 +61,23 @@ struct Epilogue {
   };
   Kind kind = Kind::kNone;
   float param = 0.0f;
+  // A per-channel affine applied before the activation (AffineValue), by
+  // output channel; all null without one.
+  const float* shift = nullptr;
+  const float* mult = nullptr;
+  const float* add = nullptr;
 
-  bool Active() const { return kind != Kind::kNone; }
-  bool operator==(const Epilogue& o) const { return kind == o.kind && param == o.param; }
+  bool Active() const { return kind != Kind::kNone || mult != nullptr; }
 };
 
-// y[i] = e(y[i]) for i in [0, n), on the calling thread.
-void ApplyEpilogue(const Epilogue& e, float* y, int64_t n);
+// y[i] = e(y[i]) for i in [0, n), all of output channel `channel`, on the
+// calling thread.
+void ApplyEpilogue(const Epilogue& e, float* y, int64_t n, int64_t channel = 0);
 
-// A block of `rows` rows of `cols` values (row stride ld): adds bias[r] to
-// row r when bias is not null, then applies e; on the calling thread.
-void BiasAndEpilogue(const Epilogue& e, const float* bias, float* y, int64_t ld, int rows,
-                     int cols);
+// A block of `rows` rows of `cols` values (row stride ld), row r of output
+// channel first_channel + r: adds bias[r] to row r when bias is not null,
+// then applies e; on the calling thread.
+void BiasAndEpilogue(const Epilogue& e, const float* bias, float* y, int64_t ld, int rows, int cols,
+                     int64_t first_channel = 0);
 
 }  // namespace qzdl

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <initializer_list>
 
+#include "runtime/layers/normalization.h"
+
 namespace qzdl {
 
 namespace {
@@ -179,9 +181,24 @@ std::vector<WeightSpec> ConvolutionLayer<float>::WeightSpecs() {
 }
 
 template <>
-bool ConvolutionLayer<float>::FuseEpilogue(const Epilogue& e, Data<float>* dst) {
+bool ConvolutionLayer<float>::FuseEpilogue(const Epilogue& e, Data<float>* dst,
+                                           ChannelAffine* affine) {
+  if (affine != nullptr && affine->AffineChannels() != params_.num_output) return false;
   epilogue_ = e;
-  fused_dst_ = e.Active() ? dst : nullptr;
+  affine_ = affine;
+  affine_epoch_ = ~uint64_t(0);
+  if (affine != nullptr) {
+    // Sized here, filled at the first run (and after weights change).
+    shift_.assign(params_.num_output, 0.0f);
+    mult_.assign(params_.num_output, 0.0f);
+    add_.assign(params_.num_output, 0.0f);
+    epilogue_.shift = shift_.data();
+    epilogue_.mult = mult_.data();
+    epilogue_.add = add_.data();
+  } else {
+    epilogue_.shift = epilogue_.mult = epilogue_.add = nullptr;
+  }
+  fused_dst_ = epilogue_.Active() ? dst : nullptr;
   return true;
 }
 
@@ -190,6 +207,11 @@ void ConvolutionLayer<float>::Run() {
   const float* bias = params_.bias_term ? this->weight(1)->GetCpuData() : nullptr;
   Data<float>* y = fused_dst_ != nullptr ? fused_dst_ : this->out();
   const NetContext* ctx = this->context();
+  if (affine_ != nullptr && ctx != nullptr && affine_epoch_ != ctx->weights_epoch) {
+    for (int c = 0; c < params_.num_output; ++c)
+      affine_->AffineOf(c, &shift_[c], &mult_[c], &add_[c]);
+    affine_epoch_ = ctx->weights_epoch;
+  }
   const bool same_weights =
       ctx != nullptr && ctx->inference && ctx->weights_epoch == weights_epoch_;
   kernel_.Run(this->in()->GetCpuData(), this->weight(0)->GetCpuData(), bias, y->GetCpuData(),

@@ -33,7 +33,7 @@ class ConvolutionLayer : public Layer<T> {
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   std::vector<WeightSpec> WeightSpecs() override;
-  bool FuseEpilogue(const Epilogue& e, Data<T>* dst) override;
+  bool FuseEpilogue(const Epilogue& e, Data<T>* dst, ChannelAffine* affine) override;
 
   const ConvParams& params() const { return params_; }
   const ConvGeometry& geometry() const { return geometry_; }
@@ -50,6 +50,11 @@ class ConvolutionLayer : public Layer<T> {
   Epilogue epilogue_;
   Data<T>* fused_dst_ = nullptr;           // where the output goes while fused
   uint64_t weights_epoch_ = ~uint64_t(0);  // of the last run
+  // A fused Scale or BatchNormal, its constants per output channel, and the
+  // weights epoch they were read at.
+  ChannelAffine* affine_ = nullptr;
+  std::vector<float> shift_, mult_, add_;
+  uint64_t affine_epoch_ = ~uint64_t(0);
 };
 
 // "Deconvolution": the transpose of a convolution with the same params; the

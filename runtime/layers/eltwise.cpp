@@ -71,7 +71,9 @@ void SumBlock(const float* const* src, const float* coeff, int64_t num, int64_t 
 }  // namespace
 
 template <>
-bool EltwiseLayer<float>::FuseEpilogue(const Epilogue& e, Data<float>* dst) {
+bool EltwiseLayer<float>::FuseEpilogue(const Epilogue& e, Data<float>* dst, ChannelAffine* affine) {
+  // Blocks of elements cross channels: no per-channel affine here.
+  if (affine != nullptr) return false;
   epilogue_ = e;
   fused_dst_ = e.Active() ? dst : nullptr;
   return true;

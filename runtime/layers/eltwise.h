@@ -24,7 +24,7 @@ class EltwiseLayer : public Layer<T> {
   std::string GetTypeDetail() override;
   Op Operation() const { return op_; }
   const std::vector<float>& Coeffs() const { return coeff_; }
-  bool FuseEpilogue(const Epilogue& e, Data<T>* dst) override;
+  bool FuseEpilogue(const Epilogue& e, Data<T>* dst, ChannelAffine* affine) override;
 
  protected:
   void Run() override;

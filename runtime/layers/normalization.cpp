@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "runtime/kernels/epilogue.h"
 #include "runtime/kernels/parallel.h"
 
 namespace qzdl {
@@ -40,7 +41,7 @@ void PerChannel(const Data<float>* in, Data<float>* out, Fn fn) {
           fn(p % channels, &shift, &mult, &add);
           const float* xp = x + p * inner;
           float* yp = y + p * inner;
-          for (int64_t i = 0; i < inner; ++i) yp[i] = (xp[i] - shift) * mult + add;
+          for (int64_t i = 0; i < inner; ++i) yp[i] = AffineValue(xp[i], shift, mult, add);
         }
       },
       std::max<int64_t>(1, kParallelGrain / inner));
@@ -76,17 +77,19 @@ std::vector<WeightSpec> BatchNormalLayer<float>::WeightSpecs() {
 }
 
 template <>
-void BatchNormalLayer<float>::Run() {
+void BatchNormalLayer<float>::AffineOf(int64_t c, float* shift, float* mult, float* add) {
   const float* mean = this->weight(0)->GetCpuData();
   const float* var = this->weight(1)->GetCpuData();
-  const float* scale = affine_ ? this->weight(2)->GetCpuData() : nullptr;
-  const float* bias = affine_ ? this->weight(3)->GetCpuData() : nullptr;
-  const double eps = eps_;
-  PerChannel(this->in(), this->out(), [=](int64_t c, float* shift, float* mult, float* add) {
-    const double s = scale ? scale[c] : 1.0;
-    *shift = mean[c];
-    *mult = static_cast<float>(s / std::sqrt(static_cast<double>(var[c]) + eps));
-    *add = bias ? bias[c] : 0.0f;
+  const double s = affine_ ? this->weight(2)->GetCpuData()[c] : 1.0;
+  *shift = mean[c];
+  *mult = static_cast<float>(s / std::sqrt(static_cast<double>(var[c]) + double(eps_)));
+  *add = affine_ ? this->weight(3)->GetCpuData()[c] : 0.0f;
+}
+
+template <>
+void BatchNormalLayer<float>::Run() {
+  PerChannel(this->in(), this->out(), [this](int64_t c, float* shift, float* mult, float* add) {
+    AffineOf(c, shift, mult, add);
   });
 }
 
@@ -112,13 +115,16 @@ std::vector<WeightSpec> ScaleLayer<float>::WeightSpecs() {
 }
 
 template <>
+void ScaleLayer<float>::AffineOf(int64_t c, float* shift, float* mult, float* add) {
+  *shift = 0.0f;
+  *mult = this->weight(0)->GetCpuData()[c];
+  *add = bias_term_ ? this->weight(1)->GetCpuData()[c] : 0.0f;
+}
+
+template <>
 void ScaleLayer<float>::Run() {
-  const float* scale = this->weight(0)->GetCpuData();
-  const float* bias = bias_term_ ? this->weight(1)->GetCpuData() : nullptr;
-  PerChannel(this->in(), this->out(), [=](int64_t c, float* shift, float* mult, float* add) {
-    *shift = 0.0f;
-    *mult = scale[c];
-    *add = bias ? bias[c] : 0.0f;
+  PerChannel(this->in(), this->out(), [this](int64_t c, float* shift, float* mult, float* add) {
+    AffineOf(c, shift, mult, add);
   });
 }
 

@@ -7,11 +7,25 @@
 
 namespace qzdl {
 
+// A layer that computes y = (x - shift[c]) * mult[c] + add[c] per channel c
+// of axis 1, with constants from its weights; a convolution before it can
+// apply the same arithmetic on its output tiles (runtime/fusion.h).
+class ChannelAffine {
+ public:
+  virtual ~ChannelAffine() = default;
+  // Channels the weights were made for.
+  virtual int AffineChannels() const = 0;
+  // The constants of channel c, exactly as the layer's own kernel uses them.
+  virtual void AffineOf(int64_t c, float* shift, float* mult, float* add) = 0;
+};
+
 // "BatchNormal": y = (x - mean[c]) / sqrt(variance[c] + eps) * scale[c] + bias[c],
 // with scale 1 and bias 0 unless `affine`.
 template <typename T>
-class BatchNormalLayer : public Layer<T> {
+class BatchNormalLayer : public Layer<T>, public ChannelAffine {
  public:
+  int AffineChannels() const override { return channels_; }
+  void AffineOf(int64_t c, float* shift, float* mult, float* add) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   std::vector<WeightSpec> WeightSpecs() override;
@@ -30,8 +44,10 @@ class BatchNormalLayer : public Layer<T> {
 
 // "Scale": y = x * scale[c] (+ bias[c] with `bias_term`).
 template <typename T>
-class ScaleLayer : public Layer<T> {
+class ScaleLayer : public Layer<T>, public ChannelAffine {
  public:
+  int AffineChannels() const override { return channels_; }
+  void AffineOf(int64_t c, float* shift, float* mult, float* add) override;
   void LoadParam(const ParamReader& param) override;
   void Reshape() override;
   std::vector<WeightSpec> WeightSpecs() override;

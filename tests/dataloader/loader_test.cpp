@@ -308,7 +308,7 @@ TEST_F(LoaderFileTest, MissingImageIsAClearError) {
         dup2(2, 1);  // make the log line visible to the death-test matcher
         loader->Load(out.data(), &handle);
       },
-      ::testing::ExitedWithCode(255), "ReadImg: cannot decode image file \".*absent\.png\"");
+      ::testing::ExitedWithCode(255), "ReadImg: cannot decode image file \".*absent\\.png\"");
 }
 
 TEST_F(LoaderFileTest, ThreePlanesIntoAGreyItemWithoutTransformsEndTheProcess) {

@@ -115,6 +115,55 @@ TEST(Fusion, OffAgainAndFrugalModeRunEveryLayer) {
             0);
 }
 
+// Scale and BatchNormal after convolutions of each path, with and without an
+// activation after them, in place and not; and one Scale after an Eltwise,
+// which takes activations only.
+test::NetBuilder AffineNet() {
+  test::NetBuilder b;
+  b.Input("data", {2, 8, 9, 7});
+  Conv(b, "c1", "data", "c1_out", 8, 16, 3, 1, 1);
+  b.Layer("bn1", "BatchNormal", {"c1_out"}, {"c1_out"}, Json::object{{"affine", true}})
+      .Weight("bn1", "mean", {16}, test::RandomVector(16, 20))
+      .Weight("bn1", "variance", {16}, test::RandomVector(16, 21, 0.5f, 2.0f))
+      .Weight("bn1", "scale", {16}, test::RandomVector(16, 22))
+      .Weight("bn1", "bias", {16}, test::RandomVector(16, 23));
+  b.Layer("relu1", "ReLU", {"c1_out"}, {"r1"});
+  Conv(b, "c2", "r1", "c2_out", 16, 16, 3, 16, 3);  // depthwise
+  b.Layer("sc2", "Scale", {"c2_out"}, {"s2"}, Json::object{{"bias_term", true}})
+      .Weight("sc2", "scale", {16}, test::RandomVector(16, 24))
+      .Weight("sc2", "bias", {16}, test::RandomVector(16, 25));
+  b.Layer("clip2", "ReLUX", {"s2"}, {"r2"}, Json::object{{"threshold", 0.5}});
+  Conv(b, "c3", "r2", "c3_out", 16, 16, 1, 1, 5);
+  b.Layer("sc3", "Scale", {"c3_out"}, {"s3"})
+      .Weight("sc3", "scale", {16}, test::RandomVector(16, 26));
+  b.Layer("sum", "Eltwise", {"s3", "r1"}, {"sum_out"});
+  b.Layer("sc4", "Scale", {"sum_out"}, {"s4"})
+      .Weight("sc4", "scale", {16}, test::RandomVector(16, 27));
+  return b;
+}
+
+TEST(Fusion, ScaleAndBatchNormalFoldIntoConvolutionsWithTheSameBits) {
+  auto unfused = AffineNet().Build();
+  const auto want = RunAll(unfused.get());
+  auto net = AffineNet().Build();
+  EXPECT_EQ(net->SetInferenceMode(true), 3);
+  for (const char* name : {"bn1", "relu1", "sc2", "clip2", "sc3"})
+    EXPECT_TRUE(net->GetLayer(name)->FusedAway()) << name;
+  EXPECT_FALSE(net->GetLayer("sc4")->FusedAway());
+  const auto got = RunAll(net.get());
+  ASSERT_EQ(got.size(), 1u);
+  ASSERT_EQ(got[0].size(), want[0].size());
+  EXPECT_EQ(std::memcmp(got[0].data(), want[0].data(), got[0].size() * sizeof(float)), 0);
+  // New BatchNormal constants reach the fused convolution after the mode is
+  // set again.
+  for (auto* n : {net.get(), unfused.get()}) {
+    float* var = n->GetLayer("bn1")->GetWeights()[1]->GetCpuData();
+    for (int c = 0; c < 16; ++c) var[c] *= 4.0f;
+  }
+  net->SetInferenceMode(true);
+  EXPECT_EQ(RunAll(net.get()), RunAll(unfused.get()));
+}
+
 TEST(Fusion, InferenceModeReadsWeightsAgainAfterLoadingOrSettingTheMode) {
   auto net = TwoConvs(1).Build();
   net->SetInferenceMode(true);

@@ -40,9 +40,9 @@ const Variant kVariants[] = {Variant::kMissing, Variant::kFolder, Variant::kEmpt
                              Variant::kTruncated, Variant::kUnreadable};
 
 // Texts by which the C++ library reports its own exceptions.
-const char* kLibraryTexts[] = {"basic_filebuf", "basic_ios", "ios_base", "std::bad_alloc",
-                               "basic_string", "vector::", "std::length_error",
-                               "std::out_of_range", "std::logic_error"};
+const char* kLibraryTexts[] = {
+    "basic_filebuf", "basic_ios",         "ios_base",          "std::bad_alloc",  "basic_string",
+    "vector::",      "std::length_error", "std::out_of_range", "std::logic_error"};
 
 class FileOptionSweep : public ::testing::Test {
  protected:
@@ -105,8 +105,8 @@ class FileOptionSweep : public ::testing::Test {
                       bool names_file = true) {
     SCOPED_TRACE(label + " given a " + VariantName(v) + " path " + bad);
     const bool drop = v == Variant::kUnreadable && getuid() == 0;
-    const ProcessResult r = drop ? RunProgramAs(65534, program, args, dir_, 120)
-                                 : RunProgram(program, args, dir_, 120);
+    const ProcessResult r =
+        drop ? RunProgramAs(65534, program, args, dir_, 120) : RunProgram(program, args, dir_, 120);
     const std::string all = r.out + r.err;
     EXPECT_FALSE(r.timed_out) << all;
     if (r.signaled) {
@@ -118,7 +118,9 @@ class FileOptionSweep : public ::testing::Test {
       EXPECT_NE(all.find(bad), std::string::npos) << "\"" << text << "\" alone:\n" << all;
     }
     const bool failed = !r.exited || r.status != 0;
-    if (failed && names_file) EXPECT_NE(all.find(bad), std::string::npos) << all;
+    if (failed && names_file) {
+      EXPECT_NE(all.find(bad), std::string::npos) << all;
+    }
     return r;
   }
 
@@ -135,18 +137,18 @@ class FileOptionSweep : public ::testing::Test {
     return args;
   }
 
-  std::string dir_, json_, model_, picture_, list_, text_set_, binary_set_, preset_, params_,
-      onnx_, onnx_input_;
+  std::string dir_, json_, model_, picture_, list_, text_set_, binary_set_, preset_, params_, onnx_,
+      onnx_input_;
 };
 
 TEST_F(FileOptionSweep, Converter) {
   struct Option {
     std::string flag, good, name;
   };
-  const std::vector<Option> options = {{"-j", json_, "net.json"},     {"-m", model_, "net.bin"},
-                                       {"-s", list_, "list.txt"},     {"-b", binary_set_, "set.bin"},
-                                       {"-T", text_set_, "set.txt"},  {"-l", preset_, "preset.json"},
-                                       {"-I", params_, "params.json"}};
+  const std::vector<Option> options = {
+      {"-j", json_, "net.json"},      {"-m", model_, "net.bin"},    {"-s", list_, "list.txt"},
+      {"-b", binary_set_, "set.bin"}, {"-T", text_set_, "set.txt"}, {"-l", preset_, "preset.json"},
+      {"-I", params_, "params.json"}};
   for (const Option& o : options) {
     for (Variant v : kVariants) {
       const std::string bad = Bad(v, o.good, o.name);
@@ -168,8 +170,8 @@ TEST_F(FileOptionSweep, Converter) {
     std::string bad = Bad(v, params_, "dump.json");
     if (v == Variant::kMissing) bad += "/below/dump.json";
     if (v == Variant::kUnreadable) chmod(bad.substr(0, bad.rfind('/')).c_str(), 0555);
-    const ProcessResult r = Check(v, "qzdl_NewConverter -O", QZDL_CONVERTER_EXE,
-                                  ConverterArgs("-O", bad), bad);
+    const ProcessResult r =
+        Check(v, "qzdl_NewConverter -O", QZDL_CONVERTER_EXE, ConverterArgs("-O", bad), bad);
     // A dump that cannot be written is a warning naming the file; the run goes on.
     EXPECT_NE((r.out + r.err).find(bad), std::string::npos) << r.out << r.err;
   }
@@ -177,7 +179,8 @@ TEST_F(FileOptionSweep, Converter) {
 
 TEST_F(FileOptionSweep, ConfigJsonInTheWorkingDirectory) {
   for (Variant v : kVariants) {
-    const std::string good = Write("good_config.json", "{\"CalibrationMethod\": {\"b\": \"MEAN\"}}");
+    const std::string good =
+        Write("good_config.json", "{\"CalibrationMethod\": {\"b\": \"MEAN\"}}");
     const std::string bad = Bad(v, good, "config.json");
     const std::string run_dir = bad.substr(0, bad.rfind('/'));
     SCOPED_TRACE(std::string("config.json ") + VariantName(v));
@@ -219,8 +222,7 @@ TEST_F(FileOptionSweep, Run) {
 TEST_F(FileOptionSweep, Onnx2Net) {
   for (Variant v : kVariants) {
     std::string bad = Bad(v, onnx_, "model.onnx");
-    Check(v, "qzdl_onnx2net model", QZDL_ONNX2NET,
-          {bad, dir_ + "/o.json", dir_ + "/o.bin"}, bad);
+    Check(v, "qzdl_onnx2net model", QZDL_ONNX2NET, {bad, dir_ + "/o.json", dir_ + "/o.bin"}, bad);
     bad = Bad(v, onnx_input_, "x.pb");
     Check(v, "qzdl_onnx2net --constant-input", QZDL_ONNX2NET,
           {onnx_, dir_ + "/o.json", dir_ + "/o.bin", "--constant-input", "input=" + bad}, bad);
