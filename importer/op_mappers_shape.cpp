@@ -425,6 +425,9 @@ void MapResize(MappingContext& c) {
                 "with output sizes above 1");
     }
     p["mode"] = "bilinear";
+    // ONNX Runtime's arithmetic: a dynamically quantized net quantizes right
+    // after its resizes, where a last-bit difference moves a code.
+    if (ctm != "align_corners") p["weight_products"] = true;
   } else {
     c.BadAttr("mode", "\"" + mode + "\"", "supported: \"nearest\", \"linear\"");
   }
