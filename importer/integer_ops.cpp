@@ -64,6 +64,11 @@ void LowerIntegerOps(onnx::GraphProto* graph, MappingContext* c) {
     conv.add_input(weight_name);
     conv.add_output(node->output(0));
     for (const auto& attr : node->attribute()) conv.add_attribute()->CopyFrom(attr);
+    // Conv's mapping writes "ConvInteger", whose sums are exact.
+    onnx::AttributeProto* exact = conv.add_attribute();
+    exact->set_name(kIntegerSumsAttr);
+    exact->set_type(onnx::AttributeProto::INT);
+    exact->set_i(1);
     google::protobuf::RepeatedPtrField<onnx::NodeProto> nodes;
     for (int j = 0; j < graph->node_size(); ++j) {
       if (j != k) {

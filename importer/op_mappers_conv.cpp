@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "importer/integer_ops.h"
 #include "importer/mapping_context.h"
 #include "runtime/kernels/batch_matmul.h"
 
@@ -247,10 +248,13 @@ void MapConv(MappingContext& c) {
   std::vector<float> b = bias ? BiasOf(c, 2, m) : std::vector<float>{};
   const std::vector<int> wdims = {static_cast<int>(m), static_cast<int>(w.dims[1]),
                                   static_cast<int>(win.kh), static_cast<int>(win.kw)};
-  EmitSpatial(c, "Convolution", p, win.one_d, [&](const std::string& layer) {
-    c.Weight(layer, "weight", wdims, w.Floats());
-    if (bias) c.Weight(layer, "bias", {static_cast<int>(m)}, b);
-  });
+  // A lowered ConvInteger (integer_ops.h): no bias, exact sums.
+  const bool integer = c.Int(kIntegerSumsAttr, 0) != 0;
+  EmitSpatial(c, integer ? "ConvInteger" : "Convolution", p, win.one_d,
+              [&](const std::string& layer) {
+                c.Weight(layer, "weight", wdims, w.Floats());
+                if (bias) c.Weight(layer, "bias", {static_cast<int>(m)}, b);
+              });
 }
 
 void MapConvTranspose(MappingContext& c) {

@@ -63,7 +63,8 @@ TEST(OnnxIntegerOps, DynamicallyQuantizedConvolution) {
   std::string types;
   const json11::Json layers = Layers(r);
   for (const auto& l : layers.array_items()) types += l["type"].string_value() + " ";
-  EXPECT_EQ(types, "DynamicQuantizeLinear BroadcastOp Convolution Constant BroadcastOp BroadcastOp ")
+  EXPECT_EQ(types,
+            "DynamicQuantizeLinear BroadcastOp ConvInteger Constant BroadcastOp BroadcastOp ")
       << r.net_json;
 
   const std::vector<float> x = RandomVector(size_t(C) * H * W, 5, -1.0f, 3.0f);
@@ -91,6 +92,86 @@ TEST(OnnxIntegerOps, DynamicallyQuantizedConvolution) {
             }
         want[(o * H + yy) * W + xx] = float(acc) * s;
       }
+  auto net = BuildNet(r);
+  EXPECT_EQ(RunNet(net.get(), {x})[0], want);
+}
+
+onnx::TensorProto* AddCodes(onnx::GraphProto* g, const std::string& name, int type,
+                            const std::vector<int64_t>& dims, const std::vector<int>& values) {
+  auto* t = g->add_initializer();
+  t->set_name(name);
+  t->set_data_type(type);
+  for (int64_t d : dims) t->add_dims(d);
+  std::string raw;
+  for (int v : values) raw.push_back(static_cast<char>(v));
+  t->set_raw_data(raw);
+  return t;
+}
+
+void CastToFloat(onnx::ModelProto* m, const std::string& in, const std::string& out) {
+  auto* to = Node(m, "Cast", out, {in}, {out})->add_attribute();
+  to->set_name("to");
+  to->set_type(onnx::AttributeProto::INT);
+  to->set_i(onnx::TensorProto::FLOAT);
+}
+
+// DynamicQuantizeLinear's codes of x, computed as ONNX defines them.
+std::vector<int> Codes(const std::vector<float>& x, int* zero_point) {
+  float lo = 0, hi = 0;
+  for (float v : x) lo = std::min(lo, v), hi = std::max(hi, v);
+  const float scale = (hi - lo) / 255.0f;
+  const float zero = std::nearbyint(std::min(255.0f, std::max(0.0f, -lo / scale)));
+  *zero_point = static_cast<int>(zero);
+  std::vector<int> q(x.size());
+  for (size_t i = 0; i < x.size(); ++i)
+    q[i] = int(std::min(255.0f, std::max(0.0f, std::nearbyint(x[i] / scale) + zero)));
+  return q;
+}
+
+// Sums of 1152 products of large codes (beyond 2^24, where float sums of
+// whole numbers round): the output is ONNX's integer sum, rounded to float
+// once, not what a float accumulation gives.
+TEST(OnnxIntegerOps, ConvIntegerSumsExactlyBeyondFloat) {
+  const int C = 128, M = 3, H = 4, W = 5, OH = H - 2, OW = W - 2;
+  onnx::ModelProto m = EmptyModel(13);
+  onnx::GraphProto* g = m.mutable_graph();
+  AddFloatInput(g, "x", {1, C, H, W});
+  std::vector<int> w(size_t(M) * C * 9);
+  for (size_t i = 0; i < w.size(); ++i) w[i] = 100 + int(i * 37 % 28);
+  AddCodes(g, "w", onnx::TensorProto::INT8, {M, C, 3, 3}, w);
+  Node(&m, "DynamicQuantizeLinear", "quant", {"x"}, {"q", "q_scale", "q_zero"});
+  Node(&m, "ConvInteger", "conv", {"q", "w", "q_zero"}, {"acc"});
+  CastToFloat(&m, "acc", "y");
+  AddOutput(&m, "y");
+  const OnnxImportResult r = ImportOnnxBytes(m.SerializeAsString(), "m.onnx", ".");
+  std::string types;
+  const json11::Json layers = Layers(r);
+  for (const auto& l : layers.array_items()) types += l["type"].string_value() + " ";
+  EXPECT_EQ(types, "DynamicQuantizeLinear BroadcastOp ConvInteger Dropout ") << r.net_json;
+
+  const std::vector<float> x = RandomVector(size_t(C) * H * W, 7, 0.8f, 1.0f);
+  int zero = 0;
+  const std::vector<int> q = Codes(x, &zero);
+  std::vector<float> want(size_t(M) * OH * OW);
+  int rounded = 0;  // outputs that a float accumulation in tap order gets wrong
+  for (int o = 0; o < M; ++o)
+    for (int yy = 0; yy < OH; ++yy)
+      for (int xx = 0; xx < OW; ++xx) {
+        int64_t acc = 0;
+        float facc = 0.0f;
+        for (int c = 0; c < C; ++c)
+          for (int ky = 0; ky < 3; ++ky)
+            for (int kx = 0; kx < 3; ++kx) {
+              const int64_t prod = int64_t(q[(c * H + yy + ky) * W + xx + kx] - zero) *
+                                   w[((o * C + c) * 3 + ky) * 3 + kx];
+              acc += prod;
+              facc += static_cast<float>(prod);
+            }
+        want[(o * OH + yy) * OW + xx] = static_cast<float>(acc);
+        rounded += facc != static_cast<float>(acc);
+      }
+  EXPECT_GT(want[0], 16777216.0f);
+  EXPECT_GT(rounded, 0);
   auto net = BuildNet(r);
   EXPECT_EQ(RunNet(net.get(), {x})[0], want);
 }
