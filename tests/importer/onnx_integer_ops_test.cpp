@@ -176,6 +176,48 @@ TEST(OnnxIntegerOps, ConvIntegerSumsExactlyBeyondFloat) {
   EXPECT_EQ(RunNet(net.get(), {x})[0], want);
 }
 
+// MatMulInteger as ONNX defines it: (A - a_zero) x (B - b_zero) in
+// integers; zero points per tensor, per row of A and per column of B.
+TEST(OnnxIntegerOps, MatMulIntegerWithZeroPointsPerRowAndColumn) {
+  const int M = 3, K = 200, N = 4;
+  for (bool per_row : {false, true}) {
+    SCOPED_TRACE(per_row ? "per row" : "per tensor");
+    onnx::ModelProto m = EmptyModel(13);
+    onnx::GraphProto* g = m.mutable_graph();
+    AddFloatInput(g, "x", {M, K});
+    std::vector<int> b(size_t(K) * N);
+    for (size_t i = 0; i < b.size(); ++i) b[i] = int(i * 53 % 256);
+    AddCodes(g, "b", onnx::TensorProto::UINT8, {K, N}, b);
+    const std::vector<int> b_zero = {3, 128, 255, 0}, a_rows = {7, 130, 250};
+    AddCodes(g, "b_zero", onnx::TensorProto::UINT8, {N}, b_zero);
+    AddCodes(g, "a_rows", onnx::TensorProto::UINT8, {M}, a_rows);
+    Node(&m, "DynamicQuantizeLinear", "quant", {"x"}, {"q", "q_scale", "q_zero"});
+    Node(&m, "MatMulInteger", "mm", {"q", "b", per_row ? "a_rows" : "q_zero", "b_zero"}, {"acc"});
+    CastToFloat(&m, "acc", "y");
+    AddOutput(&m, "y");
+    const OnnxImportResult r = ImportOnnxBytes(m.SerializeAsString(), "m.onnx", ".");
+    std::string types;
+    const json11::Json layers = Layers(r);
+    for (const auto& l : layers.array_items()) types += l["type"].string_value() + " ";
+    EXPECT_EQ(types, per_row ? "DynamicQuantizeLinear Constant BroadcastOp InnerProduct Dropout "
+                             : "DynamicQuantizeLinear BroadcastOp InnerProduct Dropout ")
+        << r.net_json;
+    const std::vector<float> x = RandomVector(size_t(M) * K, 9, -1.0f, 2.0f);
+    int zero = 0;
+    const std::vector<int> q = Codes(x, &zero);
+    std::vector<float> want(size_t(M) * N);
+    for (int i = 0; i < M; ++i)
+      for (int j = 0; j < N; ++j) {
+        int64_t acc = 0;
+        for (int k = 0; k < K; ++k)
+          acc += int64_t(q[i * K + k] - (per_row ? a_rows[i] : zero)) * (b[k * N + j] - b_zero[j]);
+        want[i * N + j] = static_cast<float>(acc);
+      }
+    auto net = BuildNet(r);
+    EXPECT_EQ(RunNet(net.get(), {x})[0], want);
+  }
+}
+
 TEST(OnnxIntegerOps, QdqModelDequantizesWeightsAndPresetsRanges) {
   // x -> QuantizeLinear(0.05, 128) -> DequantizeLinear -> Conv 1x1 with
   // weights DequantizeLinear(int8 codes, per-channel scales 0.5 and 0.25)
