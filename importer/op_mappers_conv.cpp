@@ -597,8 +597,24 @@ void MapGemm(MappingContext& c) {
     } else {
       separate_c = true;
     }
-    for (float& v : bias) v *= beta;
   }
+  // A transposed: the type "Gemm" (ONNX's own arithmetic on constant B and a
+  // C per output), rather than a Permute before an InnerProduct.
+  if (trans_a && !separate_c) {
+    if (a_shape[0] != k)
+      c.Fail("input A of shape " + Ints(a_shape) + " does not fit B of shape " + Ints(b.dims));
+    Json::object p = {{"num_output", static_cast<int>(m)},
+                      {"transA", true},
+                      {"transB", trans_b},
+                      {"alpha", static_cast<double>(alpha)},
+                      {"beta", static_cast<double>(beta)},
+                      {"bias_term", c.HasInput(2)}};
+    const std::string layer = c.Emit("Gemm", {c.In(0)}, {c.Out(0)}, p);
+    c.Weight(layer, "B", {static_cast<int>(b.dims[0]), static_cast<int>(b.dims[1])}, b.Floats());
+    if (c.HasInput(2)) c.Weight(layer, "C", {static_cast<int>(m)}, bias);
+    return;
+  }
+  for (float& v : bias) v *= beta;
   std::string a = c.In(0);
   if (trans_a) {
     const std::string t = c.NewTensor("transposed");
