@@ -524,39 +524,24 @@ void EmitBatchMatMul(MappingContext& c, bool trans_a, bool trans_b, const std::s
   c.Emit("BatchMatrixMul", {a, b}, {out}, param, name);
 }
 
-// Gemm whose B is computed: Y = alpha * A' x B' + beta * C as
-// BatchMatrixMul (transA, transB as its transposes), Power `scale` alpha,
-// and the sum with C (Power `scale` beta first) by Eltwise or BroadcastOp.
+// Gemm whose B is computed: the layer "Gemm" with B (and C, unless beta is
+// 0, which drops it) as inputs; constant A or C enter through Constant
+// layers.
 void MapGemmComputedB(MappingContext& c, float alpha, float beta, bool trans_a, bool trans_b) {
   const Shape& a_shape = c.InShape(0);
   const Shape& b_shape = c.InShape(1);
   if (a_shape.size() != 2) c.Fail("input A has shape " + Ints(a_shape) + ", expected 2 axes");
   if (b_shape.size() != 2) c.Fail("input B has shape " + Ints(b_shape) + ", expected 2 axes");
-  // beta 0 drops C, as the operator defines.
-  const bool add_c = c.HasInput(2) && beta != 0.0f;
-  const bool scale = alpha != 1.0f;
-  std::string product = add_c || scale ? c.NewTensor("product") : c.Out(0);
-  EmitBatchMatMul(c, trans_a, trans_b, product, add_c || scale ? c.NewLayerName("product") : "");
-  if (scale) {
-    const std::string scaled = add_c ? c.NewTensor("alpha_ab") : c.Out(0);
-    c.Emit("Power", {product}, {scaled}, {{"scale", static_cast<double>(alpha)}},
-           add_c ? c.NewLayerName("alpha") : "");
-    product = scaled;
-  }
-  if (!add_c) return;
-  std::string addend = c.In(2);
-  const Shape c_shape = c.ShapeOf(addend);
-  if (beta != 1.0f) {
-    const std::string scaled = c.NewTensor("beta_c");
-    c.Emit("Power", {addend}, {scaled}, {{"scale", static_cast<double>(beta)}},
-           c.NewLayerName("beta"));
-    addend = scaled;
-  }
-  if (c_shape == c.OutShape(0)) {
-    c.Emit("Eltwise", {product, addend}, {c.Out(0)}, {{"operation", "sum"}});
-  } else {
-    c.Emit("BroadcastOp", {product, addend}, {c.Out(0)}, {{"operation", "add"}});
-  }
+  if (a_shape[trans_a ? 0 : 1] != b_shape[trans_b ? 1 : 0])
+    c.Fail("input A of shape " + Ints(a_shape) + " does not fit B of shape " + Ints(b_shape));
+  std::vector<std::string> inputs = {c.In(0), c.In(1)};
+  if (c.HasInput(2) && beta != 0.0f) inputs.push_back(c.In(2));
+  c.Emit("Gemm", inputs, {c.Out(0)},
+         {{"transA", trans_a},
+          {"transB", trans_b},
+          {"alpha", static_cast<double>(alpha)},
+          {"beta", static_cast<double>(beta)},
+          {"bias_term", false}});
 }
 
 void MapGemm(MappingContext& c) {
