@@ -185,6 +185,7 @@ std::vector<float> BiasOf(MappingContext& c, int k, int64_t m) {
 
 // Conv of [N, C, D, H, W] data: "Conv3D".
 void MapConv3D(MappingContext& c) {
+  if (c.Int(kIntegerSumsAttr, 0) != 0) c.Fail("ConvInteger of 3-d data is not supported");
   const ConstTensor& w = c.Const(1, "weights");
   if (w.dims.size() != 5) {
     c.Fail("weights " + c.InputName(1) + " have shape " + Ints(w.dims) + ", expected 5 axes");

@@ -176,6 +176,24 @@ TEST(OnnxIntegerOps, ConvIntegerSumsExactlyBeyondFloat) {
   EXPECT_EQ(RunNet(net.get(), {x})[0], want);
 }
 
+TEST(OnnxIntegerOps, ConvIntegerOf3dDataIsRefused) {
+  onnx::ModelProto m = EmptyModel(13);
+  onnx::GraphProto* g = m.mutable_graph();
+  AddFloatInput(g, "x", {1, 1, 2, 2, 2});
+  AddCodes(g, "w", onnx::TensorProto::UINT8, {1, 1, 1, 1, 1}, {3});
+  Node(&m, "DynamicQuantizeLinear", "quant", {"x"}, {"q", "q_scale", "q_zero"});
+  Node(&m, "ConvInteger", "conv", {"q", "w", "q_zero"}, {"acc"});
+  CastToFloat(&m, "acc", "y");
+  AddOutput(&m, "y");
+  std::string message;
+  try {
+    ImportOnnxBytes(m.SerializeAsString(), "m.onnx", ".");
+  } catch (const OnnxImportError& e) {
+    message = e.what();
+  }
+  EXPECT_EQ(message, "node \"conv\" (Conv): ConvInteger of 3-d data is not supported");
+}
+
 // MatMulInteger as ONNX defines it: (A - a_zero) x (B - b_zero) in
 // integers; zero points per tensor, per row of A and per column of B.
 TEST(OnnxIntegerOps, MatMulIntegerWithZeroPointsPerRowAndColumn) {
