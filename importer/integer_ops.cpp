@@ -61,7 +61,8 @@ ConstTensor BroadcastSub(const ConstTensor& a, const ConstTensor& b) {
 // on floats. A zero point of A with one value per row ([M] for a 2-d A)
 // becomes [M, 1] so that it broadcasts along the rows; B's ([N], or
 // [..., 1, N]) broadcasts as it is. A constant B is centred here (the
-// MatMul's mapping then writes an InnerProduct), a computed one by a Sub.
+// MatMul's mapping then writes a ConvInteger of 1 x 1 pixels, whose sums
+// are exact), a computed one by a Sub (BatchMatrixMul, float sums).
 void LowerMatMulInteger(onnx::GraphProto* graph, int k, MappingContext* c) {
   const onnx::NodeProto node = graph->node(k);
   const std::string title = NodeTitle(node, k), name = NodeName(node, k);
@@ -119,6 +120,11 @@ void LowerMatMulInteger(onnx::GraphProto* graph, int k, MappingContext* c) {
     b = centred;
   }
   nodes.push_back(MakeNode("MatMul", name, {a, b}, out));
+  // A constant B: MatMul's mapping writes a "ConvInteger" (exact sums).
+  onnx::AttributeProto* exact = nodes.back().add_attribute();
+  exact->set_name(kIntegerSumsAttr);
+  exact->set_type(onnx::AttributeProto::INT);
+  exact->set_i(1);
   ReplaceNode(graph, k, nodes);
 }
 

@@ -477,6 +477,25 @@ void EmitInnerProduct(MappingContext& c, const std::string& a, const std::string
   if (bias) c.Weight(layer, "bias", {static_cast<int>(m)}, *bias);
 }
 
+// A lowered MatMulInteger's product (integer_ops.h): the rows of `a` as
+// images of K channels and 1 x 1 pixels through a "ConvInteger" of M
+// outputs, whose sums are exact, and back to [rows, M].
+void EmitIntegerProduct(MappingContext& c, const std::string& a, const std::string& out,
+                        int64_t m, int64_t k, const std::vector<float>& weight,
+                        const std::vector<float>* bias, const std::string& name = "") {
+  if (bias) c.Fail("a bias after an integer product is not supported");
+  const std::string a4 = c.NewTensor("pixels"), y4 = c.NewTensor("pixels_out");
+  c.Emit("Reshape", {a}, {a4}, {{"shapes", JsonInts({-1, k, 1, 1})}}, c.NewLayerName("to_pixels"));
+  const std::string layer = c.Emit("ConvInteger", {a4}, {y4},
+                                   {{"num_output", static_cast<int>(m)},
+                                    {"kernel_h", 1},
+                                    {"kernel_w", 1},
+                                    {"bias_term", false}},
+                                   name.empty() ? c.NewLayerName("product") : name);
+  c.Weight(layer, "weight", {static_cast<int>(m), static_cast<int>(k), 1, 1}, weight);
+  c.Emit("Reshape", {y4}, {out}, {{"shapes", JsonInts({-1, m})}}, c.NewLayerName("from_pixels"));
+}
+
 // Weights [M, K] from a constant B of shape [K, M] (or [M, K] when `trans`).
 std::vector<float> WeightsMK(const ConstTensor& b, bool trans, int64_t* m, int64_t* k) {
   const std::vector<float> v = b.Floats();
@@ -631,6 +650,8 @@ void MapGemm(MappingContext& c) {
 }
 
 void MapMatMul(MappingContext& c) {
+  // A lowered MatMulInteger with a constant B: exact sums (ConvInteger).
+  const bool integer = c.Int(kIntegerSumsAttr, 0) != 0;
   // Two computed operands (attention: Q x K^T, scores x V). The fused
   // "qzdl.MatMulAdd" always has a constant B.
   if (!c.IsConst(1)) {
@@ -664,8 +685,9 @@ void MapMatMul(MappingContext& c) {
   if (c.HasInput(2)) bias_values = c.Const(2, "bias").Floats();
   const std::vector<float>* bias = c.HasInput(2) ? &bias_values : nullptr;
   std::string a = c.In(0);
+  const auto product = integer ? EmitIntegerProduct : EmitInnerProduct;
   if (a_shape.size() == 2 && b.dims.size() == 2) {
-    EmitInnerProduct(c, a, out, m, k, w, bias);
+    product(c, a, out, m, k, w, bias, "");
     return;
   }
   // Other ranks run as [rows, K] x [K, M]; -1 keeps the row count open, so
@@ -673,7 +695,7 @@ void MapMatMul(MappingContext& c) {
   const std::string a2 = c.NewTensor("2d");
   c.Emit("Reshape", {a}, {a2}, {{"shapes", JsonInts({-1, k})}}, c.NewLayerName("to2d"));
   const std::string y2 = c.NewTensor("2d_out");
-  EmitInnerProduct(c, a2, y2, m, k, w, bias, c.NewLayerName());
+  product(c, a2, y2, m, k, w, bias, c.NewLayerName());
   Shape shapes = out_shape;
   if (a_shape.size() >= 2 && !shapes.empty()) shapes[0] = -1;
   c.Emit("Reshape", {y2}, {out}, {{"shapes", JsonInts(shapes)}}, c.NewLayerName("from2d"));

@@ -87,7 +87,8 @@ TEST(OnnxIntegerOps, DynamicallyQuantizedConvolution) {
           for (int ky = 0; ky < 3; ++ky)
             for (int kx = 0; kx < 3; ++kx) {
               const int iy = yy + ky - 1, ix = xx + kx - 1;
-              const int code = iy < 0 || iy >= H || ix < 0 || ix >= W ? int(zero) : q[(c * H + iy) * W + ix];
+              const int code =
+                  iy < 0 || iy >= H || ix < 0 || ix >= W ? int(zero) : q[(c * H + iy) * W + ix];
               acc += (code - int(zero)) * (int(w[((o * C + c) * 3 + ky) * 3 + kx]) - 3);
             }
         want[(o * H + yy) * W + xx] = float(acc) * s;
@@ -195,18 +196,25 @@ TEST(OnnxIntegerOps, ConvIntegerOf3dDataIsRefused) {
 }
 
 // MatMulInteger as ONNX defines it: (A - a_zero) x (B - b_zero) in
-// integers; zero points per tensor, per row of A and per column of B.
+// integers; zero points per tensor, per row of A and per column of B; and
+// sums of 1200 products of large codes (beyond 2^24), exact where a float
+// accumulation rounds.
 TEST(OnnxIntegerOps, MatMulIntegerWithZeroPointsPerRowAndColumn) {
-  const int M = 3, K = 200, N = 4;
-  for (bool per_row : {false, true}) {
-    SCOPED_TRACE(per_row ? "per row" : "per tensor");
+  const int M = 3, N = 4;
+  enum Case { kPerTensor, kPerRow, kLargeSums };
+  for (Case tc : {kPerTensor, kPerRow, kLargeSums}) {
+    SCOPED_TRACE(tc == kPerTensor ? "per tensor" : tc == kPerRow ? "per row" : "large sums");
+    const bool per_row = tc == kPerRow, large = tc == kLargeSums;
+    const int K = large ? 1200 : 200;
     onnx::ModelProto m = EmptyModel(13);
     onnx::GraphProto* g = m.mutable_graph();
     AddFloatInput(g, "x", {M, K});
     std::vector<int> b(size_t(K) * N);
-    for (size_t i = 0; i < b.size(); ++i) b[i] = int(i * 53 % 256);
+    for (size_t i = 0; i < b.size(); ++i) b[i] = large ? 200 + int(i * 53 % 56) : int(i * 53 % 256);
     AddCodes(g, "b", onnx::TensorProto::UINT8, {K, N}, b);
-    const std::vector<int> b_zero = {3, 128, 255, 0}, a_rows = {7, 130, 250};
+    const std::vector<int> b_zero = large ? std::vector<int>{0, 0, 0, 0}
+                                          : std::vector<int>{3, 128, 255, 0},
+                           a_rows = {7, 130, 250};
     AddCodes(g, "b_zero", onnx::TensorProto::UINT8, {N}, b_zero);
     AddCodes(g, "a_rows", onnx::TensorProto::UINT8, {M}, a_rows);
     Node(&m, "DynamicQuantizeLinear", "quant", {"x"}, {"q", "q_scale", "q_zero"});
@@ -217,20 +225,29 @@ TEST(OnnxIntegerOps, MatMulIntegerWithZeroPointsPerRowAndColumn) {
     std::string types;
     const json11::Json layers = Layers(r);
     for (const auto& l : layers.array_items()) types += l["type"].string_value() + " ";
-    EXPECT_EQ(types, per_row ? "DynamicQuantizeLinear Constant BroadcastOp InnerProduct Dropout "
-                             : "DynamicQuantizeLinear BroadcastOp InnerProduct Dropout ")
+    EXPECT_EQ(types, std::string("DynamicQuantizeLinear ") + (per_row ? "Constant " : "") +
+                         "BroadcastOp Reshape ConvInteger Reshape Dropout ")
         << r.net_json;
-    const std::vector<float> x = RandomVector(size_t(M) * K, 9, -1.0f, 2.0f);
+    const std::vector<float> x = large ? RandomVector(size_t(M) * K, 9, 0.8f, 1.0f)
+                                       : RandomVector(size_t(M) * K, 9, -1.0f, 2.0f);
     int zero = 0;
     const std::vector<int> q = Codes(x, &zero);
     std::vector<float> want(size_t(M) * N);
+    int rounded = 0;  // outputs that a float accumulation in K order gets wrong
     for (int i = 0; i < M; ++i)
       for (int j = 0; j < N; ++j) {
         int64_t acc = 0;
-        for (int k = 0; k < K; ++k)
-          acc += int64_t(q[i * K + k] - (per_row ? a_rows[i] : zero)) * (b[k * N + j] - b_zero[j]);
+        float facc = 0.0f;
+        for (int k = 0; k < K; ++k) {
+          const int64_t p =
+              int64_t(q[i * K + k] - (per_row ? a_rows[i] : zero)) * (b[k * N + j] - b_zero[j]);
+          acc += p;
+          facc += static_cast<float>(p);
+        }
         want[i * N + j] = static_cast<float>(acc);
+        rounded += facc != want[i * N + j];
       }
+    if (large) EXPECT_GT(rounded, 0);
     auto net = BuildNet(r);
     EXPECT_EQ(RunNet(net.get(), {x})[0], want);
   }
@@ -255,7 +272,8 @@ TEST(OnnxIntegerOps, QdqModelDequantizesWeightsAndPresetsRanges) {
   add("s_x", onnx::TensorProto::FLOAT, {}, std::string(reinterpret_cast<const char*>(&s_x), 4));
   add("z_x", onnx::TensorProto::UINT8, {}, std::string(1, static_cast<char>(128)));
   const int8_t w[4] = {2, -4, 8, 1};
-  add("w_q", onnx::TensorProto::INT8, {2, 2, 1, 1}, std::string(reinterpret_cast<const char*>(w), 4));
+  add("w_q", onnx::TensorProto::INT8, {2, 2, 1, 1},
+      std::string(reinterpret_cast<const char*>(w), 4));
   add("s_w", onnx::TensorProto::FLOAT, {2}, std::string(reinterpret_cast<const char*>(s_w), 8));
   add("z_w", onnx::TensorProto::INT8, {2}, std::string(2, '\0'));
   AddNode(&m, "QuantizeLinear", "q", {"x", "s_x", "z_x"}, {"xq"});
