@@ -10,11 +10,14 @@ class GraphProto;
 
 namespace qzdl::onnx_import {
 
+inline constexpr const char* kIntegerSumsAttr = "qzdl.integer_sums";
+
 // Rewrites every ConvInteger with constant weights (and weight zero points)
 // into a Conv on float values: the input minus its zero point (a Sub, when
 // the node has one) convolved with the weights minus theirs, as float
-// weights "<output>/weight". The products of small integers are exact in
-// float; their sums are rounded only beyond 2^24. Call after constant
+// weights "<output>/weight". The Conv carries the attribute
+// kIntegerSumsAttr, so that its mapping writes "ConvInteger" (exact integer
+// sums, as ONNX's int32 ones) instead of "Convolution". Call after constant
 // folding: the new tensors get their shapes here.
 void LowerIntegerOps(onnx::GraphProto* graph, MappingContext* c);
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "importer/integer_ops.h"
 #include "importer/mapping_context.h"
 #include "runtime/kernels/batch_matmul.h"
 
@@ -184,6 +185,7 @@ std::vector<float> BiasOf(MappingContext& c, int k, int64_t m) {
 
 // Conv of [N, C, D, H, W] data: "Conv3D".
 void MapConv3D(MappingContext& c) {
+  if (c.Int(kIntegerSumsAttr, 0) != 0) c.Fail("ConvInteger of 3-d data is not supported");
   const ConstTensor& w = c.Const(1, "weights");
   if (w.dims.size() != 5) {
     c.Fail("weights " + c.InputName(1) + " have shape " + Ints(w.dims) + ", expected 5 axes");
@@ -247,10 +249,13 @@ void MapConv(MappingContext& c) {
   std::vector<float> b = bias ? BiasOf(c, 2, m) : std::vector<float>{};
   const std::vector<int> wdims = {static_cast<int>(m), static_cast<int>(w.dims[1]),
                                   static_cast<int>(win.kh), static_cast<int>(win.kw)};
-  EmitSpatial(c, "Convolution", p, win.one_d, [&](const std::string& layer) {
-    c.Weight(layer, "weight", wdims, w.Floats());
-    if (bias) c.Weight(layer, "bias", {static_cast<int>(m)}, b);
-  });
+  // A lowered ConvInteger (integer_ops.h): no bias, exact sums.
+  const bool integer = c.Int(kIntegerSumsAttr, 0) != 0;
+  EmitSpatial(c, integer ? "ConvInteger" : "Convolution", p, win.one_d,
+              [&](const std::string& layer) {
+                c.Weight(layer, "weight", wdims, w.Floats());
+                if (bias) c.Weight(layer, "bias", {static_cast<int>(m)}, b);
+              });
 }
 
 void MapConvTranspose(MappingContext& c) {
@@ -472,6 +477,25 @@ void EmitInnerProduct(MappingContext& c, const std::string& a, const std::string
   if (bias) c.Weight(layer, "bias", {static_cast<int>(m)}, *bias);
 }
 
+// A lowered MatMulInteger's product (integer_ops.h): the rows of `a` as
+// images of K channels and 1 x 1 pixels through a "ConvInteger" of M
+// outputs, whose sums are exact, and back to [rows, M].
+void EmitIntegerProduct(MappingContext& c, const std::string& a, const std::string& out,
+                        int64_t m, int64_t k, const std::vector<float>& weight,
+                        const std::vector<float>* bias, const std::string& name = "") {
+  if (bias) c.Fail("a bias after an integer product is not supported");
+  const std::string a4 = c.NewTensor("pixels"), y4 = c.NewTensor("pixels_out");
+  c.Emit("Reshape", {a}, {a4}, {{"shapes", JsonInts({-1, k, 1, 1})}}, c.NewLayerName("to_pixels"));
+  const std::string layer = c.Emit("ConvInteger", {a4}, {y4},
+                                   {{"num_output", static_cast<int>(m)},
+                                    {"kernel_h", 1},
+                                    {"kernel_w", 1},
+                                    {"bias_term", false}},
+                                   name.empty() ? c.NewLayerName("product") : name);
+  c.Weight(layer, "weight", {static_cast<int>(m), static_cast<int>(k), 1, 1}, weight);
+  c.Emit("Reshape", {y4}, {out}, {{"shapes", JsonInts({-1, m})}}, c.NewLayerName("from_pixels"));
+}
+
 // Weights [M, K] from a constant B of shape [K, M] (or [M, K] when `trans`).
 std::vector<float> WeightsMK(const ConstTensor& b, bool trans, int64_t* m, int64_t* k) {
   const std::vector<float> v = b.Floats();
@@ -520,39 +544,24 @@ void EmitBatchMatMul(MappingContext& c, bool trans_a, bool trans_b, const std::s
   c.Emit("BatchMatrixMul", {a, b}, {out}, param, name);
 }
 
-// Gemm whose B is computed: Y = alpha * A' x B' + beta * C as
-// BatchMatrixMul (transA, transB as its transposes), Power `scale` alpha,
-// and the sum with C (Power `scale` beta first) by Eltwise or BroadcastOp.
+// Gemm whose B is computed: the layer "Gemm" with B (and C, unless beta is
+// 0, which drops it) as inputs; constant A or C enter through Constant
+// layers.
 void MapGemmComputedB(MappingContext& c, float alpha, float beta, bool trans_a, bool trans_b) {
   const Shape& a_shape = c.InShape(0);
   const Shape& b_shape = c.InShape(1);
   if (a_shape.size() != 2) c.Fail("input A has shape " + Ints(a_shape) + ", expected 2 axes");
   if (b_shape.size() != 2) c.Fail("input B has shape " + Ints(b_shape) + ", expected 2 axes");
-  // beta 0 drops C, as the operator defines.
-  const bool add_c = c.HasInput(2) && beta != 0.0f;
-  const bool scale = alpha != 1.0f;
-  std::string product = add_c || scale ? c.NewTensor("product") : c.Out(0);
-  EmitBatchMatMul(c, trans_a, trans_b, product, add_c || scale ? c.NewLayerName("product") : "");
-  if (scale) {
-    const std::string scaled = add_c ? c.NewTensor("alpha_ab") : c.Out(0);
-    c.Emit("Power", {product}, {scaled}, {{"scale", static_cast<double>(alpha)}},
-           add_c ? c.NewLayerName("alpha") : "");
-    product = scaled;
-  }
-  if (!add_c) return;
-  std::string addend = c.In(2);
-  const Shape c_shape = c.ShapeOf(addend);
-  if (beta != 1.0f) {
-    const std::string scaled = c.NewTensor("beta_c");
-    c.Emit("Power", {addend}, {scaled}, {{"scale", static_cast<double>(beta)}},
-           c.NewLayerName("beta"));
-    addend = scaled;
-  }
-  if (c_shape == c.OutShape(0)) {
-    c.Emit("Eltwise", {product, addend}, {c.Out(0)}, {{"operation", "sum"}});
-  } else {
-    c.Emit("BroadcastOp", {product, addend}, {c.Out(0)}, {{"operation", "add"}});
-  }
+  if (a_shape[trans_a ? 0 : 1] != b_shape[trans_b ? 1 : 0])
+    c.Fail("input A of shape " + Ints(a_shape) + " does not fit B of shape " + Ints(b_shape));
+  std::vector<std::string> inputs = {c.In(0), c.In(1)};
+  if (c.HasInput(2) && beta != 0.0f) inputs.push_back(c.In(2));
+  c.Emit("Gemm", inputs, {c.Out(0)},
+         {{"transA", trans_a},
+          {"transB", trans_b},
+          {"alpha", static_cast<double>(alpha)},
+          {"beta", static_cast<double>(beta)},
+          {"bias_term", false}});
 }
 
 void MapGemm(MappingContext& c) {
@@ -593,8 +602,24 @@ void MapGemm(MappingContext& c) {
     } else {
       separate_c = true;
     }
-    for (float& v : bias) v *= beta;
   }
+  // A transposed: the type "Gemm" (ONNX's own arithmetic on constant B and a
+  // C per output), rather than a Permute before an InnerProduct.
+  if (trans_a && !separate_c) {
+    if (a_shape[0] != k)
+      c.Fail("input A of shape " + Ints(a_shape) + " does not fit B of shape " + Ints(b.dims));
+    Json::object p = {{"num_output", static_cast<int>(m)},
+                      {"transA", true},
+                      {"transB", trans_b},
+                      {"alpha", static_cast<double>(alpha)},
+                      {"beta", static_cast<double>(beta)},
+                      {"bias_term", c.HasInput(2)}};
+    const std::string layer = c.Emit("Gemm", {c.In(0)}, {c.Out(0)}, p);
+    c.Weight(layer, "B", {static_cast<int>(b.dims[0]), static_cast<int>(b.dims[1])}, b.Floats());
+    if (c.HasInput(2)) c.Weight(layer, "C", {static_cast<int>(m)}, bias);
+    return;
+  }
+  for (float& v : bias) v *= beta;
   std::string a = c.In(0);
   if (trans_a) {
     const std::string t = c.NewTensor("transposed");
@@ -625,6 +650,8 @@ void MapGemm(MappingContext& c) {
 }
 
 void MapMatMul(MappingContext& c) {
+  // A lowered MatMulInteger with a constant B: exact sums (ConvInteger).
+  const bool integer = c.Int(kIntegerSumsAttr, 0) != 0;
   // Two computed operands (attention: Q x K^T, scores x V). The fused
   // "qzdl.MatMulAdd" always has a constant B.
   if (!c.IsConst(1)) {
@@ -658,8 +685,9 @@ void MapMatMul(MappingContext& c) {
   if (c.HasInput(2)) bias_values = c.Const(2, "bias").Floats();
   const std::vector<float>* bias = c.HasInput(2) ? &bias_values : nullptr;
   std::string a = c.In(0);
+  const auto product = integer ? EmitIntegerProduct : EmitInnerProduct;
   if (a_shape.size() == 2 && b.dims.size() == 2) {
-    EmitInnerProduct(c, a, out, m, k, w, bias);
+    product(c, a, out, m, k, w, bias, "");
     return;
   }
   // Other ranks run as [rows, K] x [K, M]; -1 keeps the row count open, so
@@ -667,7 +695,7 @@ void MapMatMul(MappingContext& c) {
   const std::string a2 = c.NewTensor("2d");
   c.Emit("Reshape", {a}, {a2}, {{"shapes", JsonInts({-1, k})}}, c.NewLayerName("to2d"));
   const std::string y2 = c.NewTensor("2d_out");
-  EmitInnerProduct(c, a2, y2, m, k, w, bias, c.NewLayerName());
+  product(c, a2, y2, m, k, w, bias, c.NewLayerName());
   Shape shapes = out_shape;
   if (a_shape.size() >= 2 && !shapes.empty()) shapes[0] = -1;
   c.Emit("Reshape", {y2}, {out}, {{"shapes", JsonInts(shapes)}}, c.NewLayerName("from2d"));

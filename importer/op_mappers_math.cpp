@@ -5,6 +5,7 @@
 #include <cctype>
 #include <climits>
 #include <limits>
+#include <map>
 #include <set>
 
 #include "importer/mapping_context.h"
@@ -90,6 +91,18 @@ void MapBinary(MappingContext& c) {
     return;
   }
   c.Emit("BroadcastOp", {a, b}, {c.Out(0)}, {{"operation", Lower(op)}});
+}
+
+// Comparisons, which the Add family's BroadcastOp rows do not cover: the
+// type "BinaryOp" (the same layer), 1.0 where the relation holds, else 0.0
+// (ONNX gives bool; a Cast to float then passes it through).
+void MapCompare(MappingContext& c) {
+  static const std::map<std::string, std::string> kOperation = {{"Equal", "equal"},
+                                                                {"Greater", "greater"},
+                                                                {"Less", "less"},
+                                                                {"GreaterOrEqual", "greater_equal"},
+                                                                {"LessOrEqual", "less_equal"}};
+  c.Emit("BinaryOp", {c.In(0), c.In(1)}, {c.Out(0)}, {{"operation", kOperation.at(c.Op())}});
 }
 
 void MapVariadic(MappingContext& c) {
@@ -443,6 +456,8 @@ void AddMathMappers(MapperTable& t) {
   t["LpNormalization"] = MapLpNormalization;
   for (const char* op : {"Add", "Sub", "Mul", "Div"}) t[op] = MapBinary;
   for (const char* op : {"Sum", "Mean", "Max", "Min"}) t[op] = MapVariadic;
+  for (const char* op : {"Equal", "Greater", "Less", "GreaterOrEqual", "LessOrEqual"})
+    t[op] = MapCompare;
   t["Pow"] = MapPow;
   t["LayerNormalization"] = MapNormalization;
   t["RMSNormalization"] = MapNormalization;

@@ -195,7 +195,7 @@ void MapSlice(MappingContext& c) {
   }
   // Clamp the way ONNX does, so that the values fit the layer's integers.
   Json::array js, je, ja, jst;
-  bool all = true;
+  bool all = true, flips = true;
   for (size_t k = 0; k < starts.size(); ++k) {
     const int64_t ax = NormalizeAxis(c, axes[k], rank, "axes"), n = in[ax], s = steps[k];
     if (s == 0) c.Fail("a step is 0");
@@ -209,6 +209,7 @@ void MapSlice(MappingContext& c) {
       if (b <= e) c.Fail("the slice of axis " + std::to_string(ax) + " is empty");
     }
     all &= s == 1 && b == 0 && e == n;
+    flips &= s == -1 && b == n - 1 && e == -1;
     js.push_back(static_cast<int>(b));
     je.push_back(e < 0 ? INT_MIN : static_cast<int>(e));  // -1 would count from the end
     ja.push_back(static_cast<int>(ax));
@@ -216,6 +217,11 @@ void MapSlice(MappingContext& c) {
   }
   if (all) {
     c.Alias(0, c.In(0));
+    return;
+  }
+  // Whole axes reversed (torch.flip's export): the type "Flip".
+  if (flips) {
+    c.Emit("Flip", {c.In(0)}, {c.Out(0)}, {{"axes", ja}});
     return;
   }
   c.Emit("Crop", {c.In(0)}, {c.Out(0)},
@@ -425,6 +431,9 @@ void MapResize(MappingContext& c) {
                 "with output sizes above 1");
     }
     p["mode"] = "bilinear";
+    // ONNX Runtime's arithmetic: a dynamically quantized net quantizes right
+    // after its resizes, where a last-bit difference moves a code.
+    if (ctm != "align_corners") p["weight_products"] = true;
   } else {
     c.BadAttr("mode", "\"" + mode + "\"", "supported: \"nearest\", \"linear\"");
   }
@@ -445,6 +454,11 @@ void MapSpaceDepth(MappingContext& c) {
   if (c.Op() == "DepthToSpace") {
     const std::string mode = c.Str("mode", "DCR");
     if (mode != "DCR" && mode != "CRD") c.BadAttr("mode", "\"" + mode + "\"");
+    // CRD is PyTorch's PixelShuffle, the type "ShufflePixel".
+    if (mode == "CRD") {
+      c.Emit("ShufflePixel", {c.In(0)}, {c.Out(0)}, {{"upscale_factor", static_cast<int>(block)}});
+      return;
+    }
     p["mode"] = mode;
   }
   c.Emit(c.Op(), {c.In(0)}, {c.Out(0)}, p);

@@ -22,6 +22,7 @@
 #include "runtime/layers/instance_norm.h"
 #include "runtime/layers/dynamic_quantize.h"
 #include "runtime/layers/conv3d.h"
+#include "runtime/layers/conv_integer.h"
 #include "runtime/layers/gemm_layer.h"
 #include "runtime/layers/layer_norm.h"
 #include "runtime/layers/recurrent.h"
@@ -55,6 +56,8 @@ std::map<std::string, LayerFactory<float>>& FloatTable() {
       {"Convolution", &Make<ConvolutionLayer<float>>},
       {"Deconvolution", &Make<DeconvolutionLayer<float>>},
       {"InnerProduct", &Make<InnerProductLayer<float>>},
+      // conv_integer
+      {"ConvInteger", &Make<ConvIntegerLayer<float>>},
       // batch_matrix_mul
       {"BatchMatrixMul", &Make<BatchMatrixMulLayer<float>>},
       // activation

@@ -190,12 +190,13 @@ PYEOF
       *) check "$n" "$m" 1 ;;
     esac
   done < <(find "$NPMDIR" \( -path '*package/models/*' -o -path '*package/ONNX/*' \) -name '*.onnx' | sort)
-  # Stored in half precision and quantized dynamically: computed in float32
-  # here, they are held to cosine 0.9999 and a relative error of 1e-2.
-  for size in small medium; do
-    if wanted "bg_$size"; then
-      MIN_COSINE=0.9999 MAX_REL=1e-2 check "bg_$size" "$NPMDIR/bg_$size.onnx" 1
-    fi
-  done
+  # The half-precision net is computed in float32 here: held to cosine
+  # 0.9999 and a relative error of 1e-2. The dynamically quantized one
+  # computes ONNX Runtime's codes (exact integer sums, Resize in ORT's
+  # arithmetic): the usual limits.
+  if wanted bg_small; then check bg_small "$NPMDIR/bg_small.onnx" 1; fi
+  if wanted bg_medium; then
+    MIN_COSINE=0.9999 MAX_REL=1e-2 check bg_medium "$NPMDIR/bg_medium.onnx" 1
+  fi
 fi
 exit $status

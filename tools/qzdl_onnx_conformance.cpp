@@ -10,7 +10,8 @@
 // only. Float graph inputs are fed at run time; when the import refuses that
 // (a weight given as a graph input), the trailing float inputs become
 // constants one by one, as with --constant-input of qzdl_onnx2net. Non-float
-// inputs are always constants. Prints one line per failing case, the pass
+// inputs are constants, except 8-bit codes that only ConvInteger and
+// MatMulInteger read, which are fed as floats (CodesAsFloats). Prints one line per failing case, the pass
 // count per folder and the failures grouped by reason. Exit status 0 when
 // every case passed, 1 otherwise, 2 for a bad command line.
 #include <dirent.h>
@@ -144,9 +145,9 @@ bool ToleranceOk(double got, double want, double atol, double rtol) {
 
 // Imports with `dynamic` float inputs fed at run time and runs one data set.
 // Returns an empty kind on success.
-Failure RunDataSet(const std::string& dir, const onnx::GraphProto& graph, const DataSet& set,
+Failure RunDataSet(const std::string& dir, const onnx::ModelProto& model, const DataSet& set,
                    int dynamic, double atol, double rtol, std::string* import_error) {
-  const auto fed = FedInputs(graph);
+  const auto fed = FedInputs(model.graph());
   qzdl::OnnxImportOptions options;
   std::vector<std::vector<float>> feeds;
   int floats = 0;
@@ -164,7 +165,7 @@ Failure RunDataSet(const std::string& dir, const onnx::GraphProto& graph, const 
   }
   qzdl::OnnxImportResult result;
   try {
-    result = qzdl::ImportOnnxFile(dir + "/model.onnx", options);
+    result = qzdl::ImportOnnxBytes(model.SerializeAsString(), dir + "/model.onnx", dir, options);
   } catch (const qzdl::OnnxImportError& e) {
     *import_error = e.what();
     return {ImportKind(e.what()), e.what()};
@@ -218,7 +219,7 @@ Failure RunDataSet(const std::string& dir, const onnx::GraphProto& graph, const 
     return {"runtime: forward", e.what()};
   }
   for (size_t k = 0; k < set.outputs.size(); ++k) {
-    const std::string& name = graph.output(static_cast<int>(k)).name();
+    const std::string& name = model.graph().output(static_cast<int>(k)).name();
     int index = -1;
     for (int o = 0; o < net->GetOutCount(); ++o) {
       if (net->GetOutputDataName(o) == name) index = o;
@@ -252,6 +253,44 @@ Failure RunDataSet(const std::string& dir, const onnx::GraphProto& graph, const 
     }
   }
   return {};
+}
+
+// 8-bit inputs that only ConvInteger and MatMulInteger read as their data
+// (input 0, or MatMulInteger's B) are codes, which the net holds as float
+// values (the importer lowers those operators onto centred floats): such
+// inputs are declared float and their data converted, so that they are fed
+// like float inputs. Other integer inputs stay as they are.
+void CodesAsFloats(onnx::ModelProto* model, std::vector<DataSet>* sets) {
+  onnx::GraphProto* g = model->mutable_graph();
+  const auto fed = FedInputs(*g);
+  for (size_t k = 0; k < fed.size(); ++k) {
+    const int type = fed[k]->type().tensor_type().elem_type();
+    if (type != onnx::TensorProto::UINT8 && type != onnx::TensorProto::INT8) continue;
+    const std::string& name = fed[k]->name();
+    bool codes = false, other = false;
+    for (const auto& node : g->node()) {
+      for (int i = 0; i < node.input_size(); ++i) {
+        if (node.input(i) != name) continue;
+        const bool data = (node.op_type() == "ConvInteger" && i == 0) ||
+                          (node.op_type() == "MatMulInteger" && i <= 1);
+        (data ? codes : other) = true;
+      }
+    }
+    if (!codes || other) continue;
+    for (auto& in : *g->mutable_input()) {
+      if (in.name() == name)
+        in.mutable_type()->mutable_tensor_type()->set_elem_type(onnx::TensorProto::FLOAT);
+    }
+    for (DataSet& set : *sets) {
+      if (k >= set.inputs.size()) continue;
+      onnx::TensorProto& t = set.inputs[k];
+      const std::vector<float> values = qzdl::onnx_import::TensorFromProto(t, "").Floats();
+      t.clear_raw_data();
+      t.clear_int32_data();
+      t.set_data_type(onnx::TensorProto::FLOAT);
+      for (float v : values) t.add_float_data(v);
+    }
+  }
 }
 
 // Runs all data sets of one case. `dynamic_used` gets the number of float
@@ -296,6 +335,7 @@ Failure RunCase(const std::string& dir, const std::string& key, int* dynamic_use
     sets.push_back(std::move(set));
   }
   if (sets.empty()) return {"data: no test data", "no test_data_set_* folder"};
+  CodesAsFloats(&model, &sets);
 
   double atol = kAbsTol, rtol = kRelTol;
   for (const Slack& s : kSlack) {
@@ -319,7 +359,7 @@ Failure RunCase(const std::string& dir, const std::string& key, int* dynamic_use
     Failure f;
     for (const DataSet& set : sets) {
       try {
-        f = RunDataSet(dir, graph, set, dynamic, atol, rtol, &import_error);
+        f = RunDataSet(dir, model, set, dynamic, atol, rtol, &import_error);
       } catch (const std::exception& e) {
         f = {"data: tensor unreadable", e.what()};
       }

@@ -68,6 +68,26 @@ void AxisLinear(int in, int out, bool align_corners, std::vector<int>& i0, std::
   }
 }
 
+// The weights of `weight_products`: ONNX Runtime's half-pixel coordinates,
+// src = (dst + 0.5) / scale - 0.5 clamped to [0, in - 1], each source index
+// weighted by the distance to the other one, 1/2 each where they coincide.
+void AxisLinearProducts(int in, int out, float scale, std::vector<int>& i0, std::vector<int>& i1,
+                        std::vector<float>& w0, std::vector<float>& w1) {
+  i0.resize(out);
+  i1.resize(out);
+  w0.resize(out);
+  w1.resize(out);
+  for (int i = 0; i < out; ++i) {
+    float src = out > 1 ? (static_cast<float>(i) + 0.5f) / scale - 0.5f : 0.0f;
+    src = std::max(0.0f, std::min(src, static_cast<float>(in - 1)));
+    const int lo = std::min(static_cast<int>(src), in - 1), hi = std::min(lo + 1, in - 1);
+    i0[i] = lo;
+    i1[i] = hi;
+    w0[i] = lo == hi ? 0.5f : std::fabs(src - static_cast<float>(hi));
+    w1[i] = lo == hi ? 0.5f : std::fabs(src - static_cast<float>(lo));
+  }
+}
+
 }  // namespace
 
 template <>
@@ -77,6 +97,9 @@ void UpsampleLayer<float>::LoadParam(const ParamReader& param) {
   align_corners_ = param.Bool("align_corners", false);
   if (align_corners_ && mode_ == "nearest")
     param.Fail("param \"align_corners\" applies to bilinear mode only");
+  weight_products_ = param.Bool("weight_products", false);
+  if (weight_products_ && (mode_ != "bilinear" || align_corners_))
+    param.Fail("param \"weight_products\" applies to bilinear mode without align_corners only");
 
   const bool scale = param.Has("scale"), scale_h = param.Has("scale_h"),
              scale_w = param.Has("scale_w"), out_h = param.Has("out_h"), out_w = param.Has("out_w");
@@ -134,6 +157,13 @@ void UpsampleLayer<float>::Reshape() {
   if (mode_ == "nearest") {
     AxisNearest(in_h, out_h, y0_);
     AxisNearest(in_w, out_w, x0_);
+  } else if (weight_products_) {
+    const float sh = out_h_ > 0 ? static_cast<float>(out_h) / static_cast<float>(in_h)
+                                : static_cast<float>(scale_h_);
+    const float sw = out_w_ > 0 ? static_cast<float>(out_w) / static_cast<float>(in_w)
+                                : static_cast<float>(scale_w_);
+    AxisLinearProducts(in_h, out_h, sh, y0_, y1_, wy0_, wy1_);
+    AxisLinearProducts(in_w, out_w, sw, x0_, x1_, wx0_, wx1_);
   } else {
     AxisLinear(in_h, out_h, align_corners_, y0_, y1_, wy0_, wy1_);
     AxisLinear(in_w, out_w, align_corners_, x0_, x1_, wx0_, wx1_);
@@ -172,6 +202,37 @@ void UpsampleLayer<float>::Move(const E* x, E* y) const {
       grain);
 }
 
+// Four products, each rounded on its own (this file is built without fused
+// multiply-adds, -ffp-contract=off), summed left to right: ONNX Runtime's
+// bits.
+template <>
+void UpsampleLayer<float>::RunWeightProducts(const float* x, float* y) const {
+  const int64_t in_h = this->in()->GetDim(2), in_w = this->in()->GetDim(3);
+  const int64_t out_h = this->out()->GetDim(2), out_w = this->out()->GetDim(3);
+  const int64_t rows = this->in()->Count(0) / (in_h * in_w) * out_h;
+  const int *y0 = y0_.data(), *y1 = y1_.data(), *x0 = x0_.data(), *x1 = x1_.data();
+  const float *wy0 = wy0_.data(), *wy1 = wy1_.data(), *wx0 = wx0_.data(), *wx1 = wx1_.data();
+  const int64_t grain = std::max<int64_t>(1, kParallelGrain / out_w);
+  ParallelFor(
+      rows,
+      [=](int64_t begin, int64_t end) {
+        for (int64_t r = begin; r < end; ++r) {
+          const int64_t plane = r / out_h, oy = r % out_h;
+          const float* top = x + (plane * in_h + y0[oy]) * in_w;
+          const float* bottom = x + (plane * in_h + y1[oy]) * in_w;
+          const float h0 = wy0[oy], h1 = wy1[oy];
+          float* dst = y + r * out_w;
+          for (int64_t ox = 0; ox < out_w; ++ox) {
+            const int a = x0[ox], b = x1[ox];
+            const float p00 = (wx0[ox] * h0) * top[a], p01 = (wx1[ox] * h0) * top[b];
+            const float p10 = (wx0[ox] * h1) * bottom[a], p11 = (wx1[ox] * h1) * bottom[b];
+            dst[ox] = ((p00 + p01) + p10) + p11;
+          }
+        }
+      },
+      grain);
+}
+
 template <>
 void UpsampleLayer<float>::Run() {
   if (mode_ == "nearest") {
@@ -188,6 +249,10 @@ void UpsampleLayer<float>::Run() {
   const int64_t grain = std::max<int64_t>(1, kParallelGrain / out_w);
   const int *y1 = y1_.data(), *x1 = x1_.data();
   const float *wy0 = wy0_.data(), *wy1 = wy1_.data(), *wx0 = wx0_.data(), *wx1 = wx1_.data();
+  if (weight_products_) {
+    RunWeightProducts(x, y);
+    return;
+  }
   ParallelFor(
       rows,
       [=](int64_t begin, int64_t end) {

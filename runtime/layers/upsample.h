@@ -24,6 +24,12 @@ namespace qzdl {
 // l1 = src - i0, l0 = 1 - l1, and the value
 //   l0_h * (l0_w * x[i0h][i0w] + l1_w * x[i0h][i1w]) +
 //   l1_h * (l0_w * x[i1h][i0w] + l1_w * x[i1h][i1w]).
+// With `weight_products` (bilinear, half-pixel) the arithmetic is ONNX
+// Runtime's Resize instead: src = (dst + 0.5) / scale - 0.5 clamped to
+// [0, in - 1], l0 = |src - i1|, l1 = |src - i0| (1/2 each where i0 == i1),
+// and the four pixels times the products of their weights, summed in the
+// order i0h i0w, i0h i1w, i1h i0w, i1h i1w. Nets that quantize right after a
+// resize (dynamically quantized ones) then see the same codes.
 template <typename T>
 class UpsampleLayer : public Layer<T>, public ElementMover {
  public:
@@ -44,8 +50,10 @@ class UpsampleLayer : public Layer<T>, public ElementMover {
   // The nearest mode's kernel on any element type.
   template <typename E>
   void Move(const E* x, E* y) const;
+  void RunWeightProducts(const float* x, float* y) const;
   std::string mode_ = "nearest";
   bool align_corners_ = false;
+  bool weight_products_ = false;
   // Either factors (> 0) or a fixed output size (> 0).
   double scale_h_ = 0.0;
   double scale_w_ = 0.0;

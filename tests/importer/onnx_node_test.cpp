@@ -79,7 +79,7 @@ const NodeCase kCases[] = {
     {"test_mean_example", 3, 1e-7, 1e-6},  // Eltwise with coefficients 1/n
     {"test_min_example", 3, 0, 0},         // -max(-a, -b, -c)
     {"test_gemm_default_vector_bias", 1, 1e-5, 1e-5},
-    {"test_gemm_transposeA", 1, 1e-5, 1e-5},  // Permute first
+    {"test_gemm_transposeA", 1, 1e-5, 1e-5},  // the type Gemm
     {"test_matmul_2d", 1, 1e-5, 1e-5},
     // Both operands computed: BatchMatrixMul (broadcast batch axes, 1-d
     // operands); Gemm with a computed B: BatchMatrixMul, Power, Eltwise.

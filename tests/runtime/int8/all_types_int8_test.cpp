@@ -50,6 +50,8 @@ std::map<std::string, TypeCase> Cases() {
   c["SoftmaxMask"].inputs = {{2, 3, 4, 5}, {2, 1, 1, 5}};
   c["Conv3D"].inputs = {{1, 2, 3, 4, 5}};
   c["Conv3D"].param = {{"num_output", 3}, {"kernel_d", 2}, {"kernel_h", 2}, {"kernel_w", 2}};
+  c["ConvInteger"].param = {
+      {"num_output", 4}, {"kernel_size", 3}, {"pad", 1}, {"bias_term", false}};
   c["Gemm"].inputs = {{4, 6}};
   c["Gemm"].param = {{"num_output", 3}, {"transB", true}};
   c["SoftmaxMask"].param = {{"axis", 3}};

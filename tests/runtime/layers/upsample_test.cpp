@@ -70,6 +70,52 @@ TEST(UpsampleLayer, MatchesOnnxLinear) {
              OnnxNode(cases[0].name, "output_0"));
 }
 
+// weight_products: ONNX Runtime's Resize (linear, half_pixel) on the same
+// input, by sizes 3x4 -> 7x9 and by scales 2 and 3: bit for bit (values
+// written by onnxruntime-node 1.30.0, printed with 9 digits, which round-trip).
+TEST(UpsampleLayer, WeightProductsMatchOnnxRuntime) {
+  const Tensor x = {
+      {1, 1, 3, 4},
+      {0.0100000007f, 0.220899999f, 0.705600083f, 1.46410012f, 2.49640012f, 3.80250025f,
+       5.38239956f, 7.2361002f, 9.36359978f, 11.7648993f, 14.4399996f, 17.3889008f}};
+  const Tensor by_size = {
+      {1, 1, 7, 9},
+      {0.0100000007f, 0.0451500043f, 0.138883352f, 0.247827798f, 0.463250041f, 0.678672314f,
+       1.0005722f,    1.33768344f,   1.46410012f,  0.365200132f, 0.426426351f, 0.589696288f,
+       0.768177271f,  1.05313599f,   1.33809471f,  1.72953129f,  2.13617897f,  2.28867197f,
+       1.4308002f,    1.57025504f,   1.9421345f,   2.32922506f,  2.82279301f,  3.31636143f,
+       3.91640759f,   4.53166485f,   4.76238632f,  2.49640012f,  2.71408367f,  3.29457235f,
+       3.89027262f,   4.59245014f,   5.29462767f,  6.10328293f,  6.92714977f,  7.2361002f,
+       5.43948603f,   5.73539782f,   6.52449608f,  7.32880545f,  8.23959255f,  9.15038013f,
+       10.1676445f,   11.2001228f,   11.5873013f,  8.38257217f,  8.75671196f,  9.75442028f,
+       10.7673388f,   11.8867359f,   13.0061331f,  14.232007f,   15.4730949f,  15.9385014f,
+       9.36359978f,   9.76381588f,   10.8310604f,  11.913517f,   13.1024494f,  14.2913828f,
+       15.5867949f,   16.8974171f,   17.3889008f}};
+  const Tensor by_scale = {
+      {1, 1, 6, 12},
+      {0.0100000007f, 0.0100000007f, 0.0802999958f, 0.150599986f, 0.220899999f, 0.382466733f,
+       0.544033408f,  0.705600083f,  0.95843339f,   1.21126688f,  1.46410012f,  1.46410012f,
+       0.631600022f,  0.631600022f,  0.793166757f,  0.954733372f, 1.11630011f,  1.36913347f,
+       1.62196672f,   1.87479997f,   2.21889997f,   2.5630002f,   2.9071002f,   2.9071002f,
+       1.87480021f,   1.87480021f,   2.21889997f,   2.5630002f,   2.9071002f,   3.34246683f,
+       3.77783322f,   4.21319962f,   4.73983288f,   5.26646709f,  5.79310036f,  5.79310036f,
+       4.21320009f,   4.21320009f,   4.73983335f,   5.26646662f,  5.79310036f,  6.41099977f,
+       7.02890015f,   7.64679909f,   8.35596657f,   9.06513405f,  9.77430058f,  9.77430058f,
+       7.64680004f,   7.64680004f,   8.35596657f,   9.06513214f,  9.77429962f,  10.5747328f,
+       11.3751659f,   12.1756001f,   13.0672998f,   13.9590006f,  14.8507004f,  14.8507004f,
+       9.36359978f,   9.36359978f,   10.1640329f,   10.9644661f,  11.7648993f,  12.656599f,
+       13.5482998f,   14.4399996f,   15.422967f,    16.4059334f,  17.3889008f,  17.3889008f}};
+  ExpectSame(
+      RunLayer("Upsample",
+               {{"mode", "bilinear"}, {"out_h", 7}, {"out_w", 9}, {"weight_products", true}}, x)[0],
+      by_size);
+  ExpectSame(
+      RunLayer("Upsample",
+               {{"mode", "bilinear"}, {"scale_h", 2}, {"scale_w", 3}, {"weight_products", true}},
+               x)[0],
+      by_scale);
+}
+
 TEST(UpsampleLayer, MatchesTorchInterpolate) {
   struct Case {
     const char* fixture;
@@ -180,6 +226,8 @@ TEST(UpsampleLayer, Errors) {
             head + "param \"out_h\" must be >= 1, got 0");
   EXPECT_EQ(LayerError("Upsample", {{"scale", 2}, {"align_corners", true}}, dims),
             head + "param \"align_corners\" applies to bilinear mode only");
+  EXPECT_EQ(LayerError("Upsample", {{"scale", 2}, {"weight_products", true}}, dims),
+            head + "param \"weight_products\" applies to bilinear mode without align_corners only");
   EXPECT_EQ(LayerError("Upsample", {{"scale", 2}, {"mode", "cubic"}}, dims),
             head + "param \"mode\" is \"cubic\", expected one of \"nearest\", \"bilinear\"");
   EXPECT_EQ(LayerError("Upsample", {{"scale_h", 0.2}, {"scale_w", 1}}, dims),
