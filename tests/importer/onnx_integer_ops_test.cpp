@@ -247,7 +247,9 @@ TEST(OnnxIntegerOps, MatMulIntegerWithZeroPointsPerRowAndColumn) {
         want[i * N + j] = static_cast<float>(acc);
         rounded += facc != want[i * N + j];
       }
-    if (large) EXPECT_GT(rounded, 0);
+    if (large) {
+      EXPECT_GT(rounded, 0);
+    }
     auto net = BuildNet(r);
     EXPECT_EQ(RunNet(net.get(), {x})[0], want);
   }
