@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <random>
 #include <vector>
@@ -345,6 +346,51 @@ TEST(MaxPoolKernel, CodesMatchEveryWindowTakenAlone) {
               if (i >= 0 && i < c.in_h && j >= 0 && j < c.in_w)
                 m = std::max<int>(m, x[size_t((p * s.in_h + i) * s.in_w + j)]);
           differ += y[size_t((p * s.out_h + oy) * s.out_w + ox)] != m;
+        }
+      }
+    }
+    EXPECT_EQ(differ, 0) << c.in_h << "x" << c.in_w << " kernel " << c.kernel << " stride "
+                         << c.stride << " pad " << c.pad;
+  }
+}
+
+TEST(MaxPoolKernel, FloatsKeepTheBitsOfEveryWindowTakenInRowMajorOrder) {
+  // Interior columns run a tap at a time; every output must still be the
+  // row-major std::max of its window: NaNs dropped, and of a -0 and a +0 the
+  // one met first kept. Values from a small set, so that ties are common.
+  std::mt19937 rng(5);
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const std::vector<float> pool = {-0.0f, 0.0f, -1.0f, nan, -2.5f, 0.0f, -0.0f, 1.0f};
+  std::uniform_int_distribution<size_t> pick(0, pool.size() - 1);
+  struct Case {
+    int in_h, in_w, kernel, stride, pad;
+  };
+  for (const Case& c : {Case{55, 55, 3, 2, 0}, Case{13, 40, 3, 1, 1}, Case{9, 33, 2, 2, 0},
+                        Case{8, 37, 4, 3, 2}, Case{5, 70, 5, 2, 2}, Case{4, 3, 3, 1, 1}}) {
+    PoolShape s;
+    s.planes = 2;
+    s.in_h = c.in_h, s.in_w = c.in_w;
+    s.kernel_h = s.kernel_w = c.kernel;
+    s.stride_h = s.stride_w = c.stride;
+    s.pad_top = s.pad_left = c.pad;
+    s.pad_bottom = s.pad_right = c.pad;
+    s.out_h = (c.in_h + 2 * c.pad - c.kernel) / c.stride + 1;
+    s.out_w = (c.in_w + 2 * c.pad - c.kernel) / c.stride + 1;
+    std::vector<float> x(size_t(s.planes * s.in_h * s.in_w));
+    for (float& v : x) v = pool[pick(rng)];
+    std::vector<float> y(size_t(s.planes * s.out_h * s.out_w), 7.0f);
+    MaxPoolKernel(s, x.data(), y.data());
+    int differ = 0;
+    for (int64_t p = 0; p < s.planes; ++p) {
+      for (int64_t oy = 0; oy < s.out_h; ++oy) {
+        for (int64_t ox = 0; ox < s.out_w; ++ox) {
+          float m = -std::numeric_limits<float>::infinity();
+          for (int64_t i = oy * c.stride - c.pad; i < oy * c.stride - c.pad + c.kernel; ++i)
+            for (int64_t j = ox * c.stride - c.pad; j < ox * c.stride - c.pad + c.kernel; ++j)
+              if (i >= 0 && i < c.in_h && j >= 0 && j < c.in_w)
+                m = std::max(m, x[size_t((p * s.in_h + i) * s.in_w + j)]);
+          const float got = y[size_t((p * s.out_h + oy) * s.out_w + ox)];
+          differ += std::memcmp(&got, &m, sizeof m) != 0;
         }
       }
     }
