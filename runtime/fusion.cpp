@@ -25,8 +25,12 @@ bool EpilogueOf(Layer<float>* layer, Epilogue* e) {
     return true;
   }
   if (auto* swish = dynamic_cast<SwishLayer<float>*>(layer)) {
-    if (!swish->Hard()) return false;
-    *e = {Epilogue::Kind::kHardSwish, 0.0f};
+    *e = swish->Hard() ? Epilogue{Epilogue::Kind::kHardSwish, 0.0f}
+                       : Epilogue{Epilogue::Kind::kSwish, swish->Beta()};
+    return true;
+  }
+  if (dynamic_cast<SigmoidLayer<float>*>(layer) != nullptr) {
+    *e = {Epilogue::Kind::kSigmoid, 0.0f};
     return true;
   }
   return false;

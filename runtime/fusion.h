@@ -13,7 +13,7 @@
 namespace qzdl {
 
 // Whether `layer` is an activation that an epilogue computes with the same
-// bits (ReLU, LeakyRelu, ReLUX, hard Swish); `e` gets it.
+// bits (ReLU, LeakyRelu, ReLUX, Swish, Sigmoid); `e` gets it.
 bool EpilogueOf(Layer<float>* layer, Epilogue* e);
 
 // Undoes every fusion of `layers`, then with `on` fuses into each producer

@@ -14,9 +14,10 @@ namespace {
 // One loop per combination, so that each vectorizes without a test per
 // element. Without bias nothing is added (adding 0 would turn -0 into +0).
 template <bool kBias, bool kAffine, typename Fn>
-void Loop(float* y, int64_t n, float bias, float shift, float mult, float add, Fn fn) {
+void Loop(const float* x, float* y, int64_t n, float bias, float shift, float mult, float add,
+          Fn fn) {
   for (int64_t i = 0; i < n; ++i) {
-    float v = y[i];
+    float v = x[i];
     if (kBias) v += bias;
     if (kAffine) v = AffineValue(v, shift, mult, add);
     y[i] = fn(v);
@@ -24,26 +25,38 @@ void Loop(float* y, int64_t n, float bias, float shift, float mult, float add, F
 }
 
 template <bool kBias, bool kAffine>
-void ByKind(const Epilogue& e, float* y, int64_t n, float bias, float shift, float mult,
-            float add) {
+void ByKind(const Epilogue& e, const float* x, float* y, int64_t n, float bias, float shift,
+            float mult, float add) {
   switch (e.kind) {
     case Epilogue::Kind::kNone:
-      Loop<kBias, kAffine>(y, n, bias, shift, mult, add, [](float x) { return x; });
+      Loop<kBias, kAffine>(x, y, n, bias, shift, mult, add, [](float v) { return v; });
       return;
     case Epilogue::Kind::kRelu: {
       const float s = e.param;
-      Loop<kBias, kAffine>(y, n, bias, shift, mult, add,
-                           [s](float x) { return PositiveOrScaled(x, s); });
+      Loop<kBias, kAffine>(x, y, n, bias, shift, mult, add,
+                           [s](float v) { return PositiveOrScaled(v, s); });
       return;
     }
     case Epilogue::Kind::kClip: {
       const float t = e.param;
-      Loop<kBias, kAffine>(y, n, bias, shift, mult, add, [t](float x) { return ClipZeroTo(x, t); });
+      Loop<kBias, kAffine>(x, y, n, bias, shift, mult, add,
+                           [t](float v) { return ClipZeroTo(v, t); });
       return;
     }
     case Epilogue::Kind::kHardSwish:
-      Loop<kBias, kAffine>(y, n, bias, shift, mult, add, [](float x) { return HardSwishValue(x); });
+      Loop<kBias, kAffine>(x, y, n, bias, shift, mult, add,
+                           [](float v) { return HardSwishValue(v); });
       return;
+    case Epilogue::Kind::kSigmoid:
+      Loop<kBias, kAffine>(x, y, n, bias, shift, mult, add,
+                           [](float v) { return SigmoidValue(v); });
+      return;
+    case Epilogue::Kind::kSwish: {
+      const float beta = e.param;
+      Loop<kBias, kAffine>(x, y, n, bias, shift, mult, add,
+                           [beta](float v) { return SwishValue(v, beta); });
+      return;
+    }
   }
 }
 
@@ -54,15 +67,22 @@ void Row(const Epilogue& e, const float* bias, float* y, int64_t n, int64_t c) {
   const float sh = affine ? e.shift[c] : 0.0f, mu = affine ? e.mult[c] : 0.0f,
               ad = affine ? e.add[c] : 0.0f;
   if (bias != nullptr) {
-    affine ? ByKind<true, true>(e, y, n, b, sh, mu, ad)
-           : ByKind<true, false>(e, y, n, b, sh, mu, ad);
+    affine ? ByKind<true, true>(e, y, y, n, b, sh, mu, ad)
+           : ByKind<true, false>(e, y, y, n, b, sh, mu, ad);
   } else {
-    affine ? ByKind<false, true>(e, y, n, b, sh, mu, ad)
-           : ByKind<false, false>(e, y, n, b, sh, mu, ad);
+    affine ? ByKind<false, true>(e, y, y, n, b, sh, mu, ad)
+           : ByKind<false, false>(e, y, y, n, b, sh, mu, ad);
   }
 }
 
+QZDL_EPILOGUE_CLONES
+void Map(const Epilogue& e, const float* x, float* y, int64_t n) {
+  ByKind<false, false>(e, x, y, n, 0.0f, 0.0f, 0.0f, 0.0f);
+}
+
 }  // namespace
+
+void MapActivation(const Epilogue& e, const float* x, float* y, int64_t n) { Map(e, x, y, n); }
 
 void ApplyEpilogue(const Epilogue& e, float* y, int64_t n, int64_t channel) {
   if (e.Active()) Row(e, nullptr, y, n, channel);

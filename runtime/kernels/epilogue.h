@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "runtime/kernels/fast_exp.h"
+
 namespace qzdl {
 
 // x > 0 ? x : x * slope (NaN gives x * slope, a NaN), as a select of bits.
@@ -58,6 +60,8 @@ struct Epilogue {
     kRelu,       // PositiveOrScaled(x, param): ReLU and LeakyRelu
     kClip,       // ClipZeroTo(x, param): ReLUX
     kHardSwish,  // HardSwishValue(x)
+    kSigmoid,    // SigmoidValue(x)
+    kSwish,      // SwishValue(x, param)
   };
   Kind kind = Kind::kNone;
   float param = 0.0f;
@@ -73,6 +77,10 @@ struct Epilogue {
 // y[i] = e(y[i]) for i in [0, n), all of output channel `channel`, on the
 // calling thread.
 void ApplyEpilogue(const Epilogue& e, float* y, int64_t n, int64_t channel = 0);
+
+// y[i] = e(x[i]) for i in [0, n): the activation alone (no affine), as the
+// activation layers compute it; x may be y. On the calling thread.
+void MapActivation(const Epilogue& e, const float* x, float* y, int64_t n);
 
 // A block of `rows` rows of `cols` values (row stride ld), row r of output
 // channel first_channel + r: adds bias[r] to row r when bias is not null,

@@ -22,6 +22,15 @@ void MapElements(const Data<float>* in, Data<float>* out, Fn fn) {
   });
 }
 
+// y = e(x) over the whole tensor through the loops the fused layers use.
+void MapByEpilogue(const Data<float>* in, Data<float>* out, const Epilogue& e) {
+  const float* x = in->GetCpuData();
+  float* y = out->GetCpuData();
+  ParallelFor(in->Count(0), [=](int64_t begin, int64_t end) {
+    MapActivation(e, x + begin, y + begin, end - begin);
+  });
+}
+
 }  // namespace
 
 template <>
@@ -39,8 +48,7 @@ void ReluLayer<float>::LoadParam(const ParamReader& param) {
 
 template <>
 void ReluLayer<float>::Run() {
-  const float slope = negative_slope_;
-  MapElements(this->in(), this->out(), [slope](float x) { return PositiveOrScaled(x, slope); });
+  MapByEpilogue(this->in(), this->out(), {Epilogue::Kind::kRelu, negative_slope_});
 }
 
 // ---- ReLUX ----------------------------------------------------------------
@@ -56,8 +64,7 @@ void ReluXLayer<float>::LoadParam(const ParamReader& param) {
 
 template <>
 void ReluXLayer<float>::Run() {
-  const float t = threshold_;
-  MapElements(this->in(), this->out(), [t](float x) { return ClipZeroTo(x, t); });
+  MapByEpilogue(this->in(), this->out(), {Epilogue::Kind::kClip, threshold_});
 }
 
 // ---- LeakyRelu ------------------------------------------------------------
@@ -70,8 +77,7 @@ void LeakyReluLayer<float>::LoadParam(const ParamReader& param) {
 
 template <>
 void LeakyReluLayer<float>::Run() {
-  const float slope = negative_slope_;
-  MapElements(this->in(), this->out(), [slope](float x) { return PositiveOrScaled(x, slope); });
+  MapByEpilogue(this->in(), this->out(), {Epilogue::Kind::kRelu, negative_slope_});
 }
 
 // ---- PReLU ----------------------------------------------------------------
@@ -152,7 +158,7 @@ void SigmoidLayer<float>::LoadParam(const ParamReader&) {
 
 template <>
 void SigmoidLayer<float>::Run() {
-  MapElements(this->in(), this->out(), [](float x) { return 1.0f / (1.0f + std::exp(-x)); });
+  MapByEpilogue(this->in(), this->out(), {Epilogue::Kind::kSigmoid, 0.0f});
 }
 
 // ---- TanH -----------------------------------------------------------------
@@ -180,12 +186,10 @@ void SwishLayer<float>::LoadParam(const ParamReader& param) {
 template <>
 void SwishLayer<float>::Run() {
   if (hard_) {
-    MapElements(this->in(), this->out(), [](float x) { return HardSwishValue(x); });
+    MapByEpilogue(this->in(), this->out(), {Epilogue::Kind::kHardSwish, 0.0f});
     return;
   }
-  const float beta = beta_;
-  MapElements(this->in(), this->out(),
-              [beta](float x) { return x / (1.0f + std::exp(-beta * x)); });
+  MapByEpilogue(this->in(), this->out(), {Epilogue::Kind::kSwish, beta_});
 }
 
 }  // namespace qzdl

@@ -197,7 +197,8 @@ TEST(Fusion, EpilogueOfNamesTheFusableActivations) {
   EXPECT_EQ(e.param, 0.125f);
   ASSERT_TRUE(EpilogueOf(net->GetLayer("hs3"), &e));
   EXPECT_EQ(e.kind, Epilogue::Kind::kHardSwish);
-  EXPECT_FALSE(EpilogueOf(net->GetLayer("sig4"), &e));
+  ASSERT_TRUE(EpilogueOf(net->GetLayer("sig4"), &e));
+  EXPECT_EQ(e.kind, Epilogue::Kind::kSigmoid);
   EXPECT_FALSE(EpilogueOf(net->GetLayer("c1"), &e));
 }
 
@@ -211,9 +212,11 @@ TEST(Fusion, EpilogueKeepsTheActivationBits) {
     std::vector<float> y = x;
     ApplyEpilogue(e, y.data(), static_cast<int64_t>(y.size()));
     for (size_t i = 0; i < x.size(); ++i) {
-      const float want = e.kind == Epilogue::Kind::kRelu   ? PositiveOrScaled(x[i], e.param)
-                         : e.kind == Epilogue::Kind::kClip ? ClipZeroTo(x[i], e.param)
-                                                           : HardSwishValue(x[i]);
+      const float want = e.kind == Epilogue::Kind::kRelu      ? PositiveOrScaled(x[i], e.param)
+                         : e.kind == Epilogue::Kind::kClip    ? ClipZeroTo(x[i], e.param)
+                         : e.kind == Epilogue::Kind::kSigmoid ? SigmoidValue(x[i])
+                         : e.kind == Epilogue::Kind::kSwish   ? SwishValue(x[i], e.param)
+                                                              : HardSwishValue(x[i]);
       EXPECT_EQ(std::memcmp(&y[i], &want, sizeof(float)), 0) << i;
     }
   }
