@@ -13,9 +13,13 @@ namespace {
 
 // One loop per combination, so that each vectorizes without a test per
 // element. Without bias nothing is added (adding 0 would turn -0 into +0).
+// Inlined into the cloned callers, so that each instruction set gets its own
+// vector loops.
+#define QZDL_INLINE inline __attribute__((always_inline))
+
 template <bool kBias, bool kAffine, typename Fn>
-void Loop(const float* x, float* y, int64_t n, float bias, float shift, float mult, float add,
-          Fn fn) {
+QZDL_INLINE void Loop(const float* x, float* y, int64_t n, float bias, float shift, float mult,
+                      float add, Fn fn) {
   for (int64_t i = 0; i < n; ++i) {
     float v = x[i];
     if (kBias) v += bias;
@@ -25,8 +29,8 @@ void Loop(const float* x, float* y, int64_t n, float bias, float shift, float mu
 }
 
 template <bool kBias, bool kAffine>
-void ByKind(const Epilogue& e, const float* x, float* y, int64_t n, float bias, float shift,
-            float mult, float add) {
+QZDL_INLINE void ByKind(const Epilogue& e, const float* x, float* y, int64_t n, float bias,
+                        float shift, float mult, float add) {
   switch (e.kind) {
     case Epilogue::Kind::kNone:
       Loop<kBias, kAffine>(x, y, n, bias, shift, mult, add, [](float v) { return v; });
