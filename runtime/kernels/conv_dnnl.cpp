@@ -320,6 +320,10 @@ std::string DnnlConvolution::ImplName() const {
   return impl_->impl_name + (chunks > 1 ? " x" + std::to_string(chunks) + " channel chunks" : "");
 }
 
+int64_t DnnlConvolution::Items() const {
+  return impl_ ? int64_t(impl_->g.batch) * int64_t(impl_->chunks.size()) : 0;
+}
+
 #else  // !QZDL_HAVE_DNNL
 
 struct DnnlConvolution::Impl {};
@@ -330,6 +334,7 @@ bool DnnlConvolution::Configure(const ConvGeometry&, bool) { return false; }
 void DnnlConvolution::Run(const float*, const float*, const float*, float*, const Epilogue&, bool) {
 }
 std::string DnnlConvolution::ImplName() const { return ""; }
+int64_t DnnlConvolution::Items() const { return 0; }
 
 #endif
 

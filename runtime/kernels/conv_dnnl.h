@@ -41,6 +41,8 @@ class DnnlConvolution {
   // oneDNN's implementation name, e.g. "brgconv:avx512_core", and the
   // number of output-channel chunks.
   std::string ImplName() const;
+  // The parallel work items of a run: images x output-channel chunks.
+  int64_t Items() const;
 
  private:
   struct Impl;
