@@ -46,23 +46,7 @@ void ConvIntegerLayer<float>::Reshape() {
   if (dims[1] % p.group != 0)
     this->Fail("input \"" + this->in()->GetName() + "\" has " + std::to_string(dims[1]) +
                " channels, not divisible by group " + std::to_string(p.group));
-  ConvGeometry g;
-  g.batch = dims[0];
-  g.in_c = dims[1];
-  g.in_h = dims[2];
-  g.in_w = dims[3];
-  g.out_c = p.num_output;
-  g.kernel_h = p.kernel_h;
-  g.kernel_w = p.kernel_w;
-  g.stride_h = p.stride_h;
-  g.stride_w = p.stride_w;
-  g.pad_top = p.pad_top;
-  g.pad_bottom = p.pad_bottom;
-  g.pad_left = p.pad_left;
-  g.pad_right = p.pad_right;
-  g.dilation_h = p.dilation_h;
-  g.dilation_w = p.dilation_w;
-  g.group = p.group;
+  ConvGeometry g = InputGeometry(dims, p);
   if (!g.ConvFits())
     this->Fail("input \"" + this->in()->GetName() + "\" of shape " + DimsToString(dims) +
                " is smaller than the dilated kernel");

@@ -46,28 +46,6 @@ void CheckGemmRows(const Layer<T>& layer, const std::string& what, int channels,
                " values is more than 2147483647, the most a GEMM dimension takes");
 }
 
-// Geometry of the layer's input and params; output sizes are left to the caller.
-ConvGeometry InputGeometry(const std::vector<int>& dims, const ConvParams& p) {
-  ConvGeometry g;
-  g.batch = dims[0];
-  g.in_c = dims[1];
-  g.in_h = dims[2];
-  g.in_w = dims[3];
-  g.out_c = p.num_output;
-  g.kernel_h = p.kernel_h;
-  g.kernel_w = p.kernel_w;
-  g.stride_h = p.stride_h;
-  g.stride_w = p.stride_w;
-  g.pad_top = p.pad_top;
-  g.pad_bottom = p.pad_bottom;
-  g.pad_left = p.pad_left;
-  g.pad_right = p.pad_right;
-  g.dilation_h = p.dilation_h;
-  g.dilation_w = p.dilation_w;
-  g.group = p.group;
-  return g;
-}
-
 // Checks the input of a convolution or deconvolution layer against the
 // params and, once they exist, the weights.
 template <typename T>
@@ -91,6 +69,27 @@ std::vector<WeightSpec> ConvWeightBlobs(const ConvParams& p, int in_channels) {
 }
 
 }  // namespace
+
+ConvGeometry InputGeometry(const std::vector<int>& dims, const ConvParams& p) {
+  ConvGeometry g;
+  g.batch = dims[0];
+  g.in_c = dims[1];
+  g.in_h = dims[2];
+  g.in_w = dims[3];
+  g.out_c = p.num_output;
+  g.kernel_h = p.kernel_h;
+  g.kernel_w = p.kernel_w;
+  g.stride_h = p.stride_h;
+  g.stride_w = p.stride_w;
+  g.pad_top = p.pad_top;
+  g.pad_bottom = p.pad_bottom;
+  g.pad_left = p.pad_left;
+  g.pad_right = p.pad_right;
+  g.dilation_h = p.dilation_h;
+  g.dilation_w = p.dilation_w;
+  g.group = p.group;
+  return g;
+}
 
 ConvParams ReadConvParams(const ParamReader& param, bool deconvolution) {
   ConvParams p;

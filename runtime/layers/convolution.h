@@ -23,6 +23,10 @@ struct ConvParams {
 // Reads and checks the params; `deconvolution` also reads the output pads.
 ConvParams ReadConvParams(const ParamReader& param, bool deconvolution);
 
+// Geometry of an input of dims [N, C, H, W] under params p; the output sizes
+// are left to the caller.
+ConvGeometry InputGeometry(const std::vector<int>& dims, const ConvParams& p);
+
 // "Convolution": y = conv(x, weight) + bias.
 // Weights: "weight" [num_output, C / group, kernel_h, kernel_w], "bias"
 // [num_output] when bias_term.

@@ -165,25 +165,29 @@ void ForEachPoolRow(const PoolShape& s, Fn row_fn) {
 
 namespace {
 
+// The maximum of one window (rows hs of plane xp, output column col), taken
+// element by element in row-major order. Every window holds at least one
+// input element (the pads are smaller than the kernel), so the start value
+// is always replaced.
 template <typename E>
-void MaxPoolWindows(const PoolShape& s, const E* x, E* y) {
-  // Every window holds at least one input element (the pads are smaller than
-  // the kernel), so the start value is always replaced.
+E WindowMax(const PoolShape& s, const E* xp, const PoolSpan& hs, int64_t col) {
   const E lowest = std::numeric_limits<E>::has_infinity ? -std::numeric_limits<E>::infinity()
                                                         : std::numeric_limits<E>::lowest();
+  const PoolSpan ws = PoolWindowSpan(col, s.stride_w, s.pad_left, s.kernel_w, s.in_w, s.pad_right);
+  E m = lowest;
+  for (int64_t i = hs.begin; i < hs.end; ++i)
+    for (int64_t j = ws.begin; j < ws.end; ++j) m = std::max(m, xp[i * s.in_w + j]);
+  return m;
+}
+
+template <typename E>
+void MaxPoolWindows(const PoolShape& s, const E* x, E* y) {
   ForEachPoolRow(s, [=](int64_t plane, int64_t row) {
     const E* xp = x + plane * s.in_h * s.in_w;
     E* yr = y + (plane * s.out_h + row) * s.out_w;
     const PoolSpan hs =
         PoolWindowSpan(row, s.stride_h, s.pad_top, s.kernel_h, s.in_h, s.pad_bottom);
-    for (int64_t col = 0; col < s.out_w; ++col) {
-      const PoolSpan ws =
-          PoolWindowSpan(col, s.stride_w, s.pad_left, s.kernel_w, s.in_w, s.pad_right);
-      E m = lowest;
-      for (int64_t i = hs.begin; i < hs.end; ++i)
-        for (int64_t j = ws.begin; j < ws.end; ++j) m = std::max(m, xp[i * s.in_w + j]);
-      yr[col] = m;
-    }
+    for (int64_t col = 0; col < s.out_w; ++col) yr[col] = WindowMax(s, xp, hs, col);
   });
 }
 
@@ -212,15 +216,7 @@ void MaxPoolRowFloat(const PoolShape& s, const float* __restrict xp, float* __re
                      int64_t row, int64_t first, int64_t last) {
   constexpr float lowest = -std::numeric_limits<float>::infinity();
   const PoolSpan hs = PoolWindowSpan(row, s.stride_h, s.pad_top, s.kernel_h, s.in_h, s.pad_bottom);
-  auto one = [&](int64_t col) {
-    const PoolSpan ws =
-        PoolWindowSpan(col, s.stride_w, s.pad_left, s.kernel_w, s.in_w, s.pad_right);
-    float m = lowest;
-    for (int64_t i = hs.begin; i < hs.end; ++i)
-      for (int64_t j = ws.begin; j < ws.end; ++j) m = std::max(m, xp[i * s.in_w + j]);
-    yr[col] = m;
-  };
-  for (int64_t col = 0; col < first; ++col) one(col);
+  for (int64_t col = 0; col < first; ++col) yr[col] = WindowMax(s, xp, hs, col);
   for (int64_t col = first; col < last; ++col) yr[col] = lowest;
   const int64_t stride = s.stride_w;
   for (int64_t i = hs.begin; i < hs.end; ++i) {
@@ -235,7 +231,7 @@ void MaxPoolRowFloat(const PoolShape& s, const float* __restrict xp, float* __re
       }
     }
   }
-  for (int64_t col = last; col < s.out_w; ++col) one(col);
+  for (int64_t col = last; col < s.out_w; ++col) yr[col] = WindowMax(s, xp, hs, col);
 }
 
 }  // namespace

@@ -202,11 +202,13 @@ void UpsampleLayer<float>::Move(const E* x, E* y) const {
       grain);
 }
 
-// Four products, each rounded on its own (this file is built without fused
-// multiply-adds, -ffp-contract=off), summed left to right: ONNX Runtime's
-// bits.
+// Bilinear rows. With `products` (ONNX Runtime's bits): four products, each
+// rounded on its own (this file is built without fused multiply-adds,
+// -ffp-contract=off), summed left to right; otherwise each row blended first,
+// then the two rows.
 template <>
-void UpsampleLayer<float>::RunWeightProducts(const float* x, float* y) const {
+template <bool kProducts>
+void UpsampleLayer<float>::RunLinear(const float* x, float* y) const {
   const int64_t in_h = this->in()->GetDim(2), in_w = this->in()->GetDim(3);
   const int64_t out_h = this->out()->GetDim(2), out_w = this->out()->GetDim(3);
   const int64_t rows = this->in()->Count(0) / (in_h * in_w) * out_h;
@@ -224,9 +226,16 @@ void UpsampleLayer<float>::RunWeightProducts(const float* x, float* y) const {
           float* dst = y + r * out_w;
           for (int64_t ox = 0; ox < out_w; ++ox) {
             const int a = x0[ox], b = x1[ox];
-            const float p00 = (wx0[ox] * h0) * top[a], p01 = (wx1[ox] * h0) * top[b];
-            const float p10 = (wx0[ox] * h1) * bottom[a], p11 = (wx1[ox] * h1) * bottom[b];
-            dst[ox] = ((p00 + p01) + p10) + p11;
+            if (kProducts) {
+              const float p00 = (wx0[ox] * h0) * top[a], p01 = (wx1[ox] * h0) * top[b];
+              const float p10 = (wx0[ox] * h1) * bottom[a], p11 = (wx1[ox] * h1) * bottom[b];
+              dst[ox] = ((p00 + p01) + p10) + p11;
+            } else {
+              const float w0 = wx0[ox], w1 = wx1[ox];
+              const float t = w0 * top[a] + w1 * top[b];
+              const float u = w0 * bottom[a] + w1 * bottom[b];
+              dst[ox] = h0 * t + h1 * u;
+            }
           }
         }
       },
@@ -239,39 +248,11 @@ void UpsampleLayer<float>::Run() {
     Move(this->in()->GetCpuData(), this->out()->GetCpuData());
     return;
   }
-  const float* x = this->in()->GetCpuData();
-  float* y = this->out()->GetCpuData();
-  const int64_t in_h = this->in()->GetDim(2), in_w = this->in()->GetDim(3);
-  const int64_t out_h = this->out()->GetDim(2), out_w = this->out()->GetDim(3);
-  const int64_t rows = this->in()->Count(0) / (in_h * in_w) * out_h;
-  const int* y0 = y0_.data();
-  const int* x0 = x0_.data();
-  const int64_t grain = std::max<int64_t>(1, kParallelGrain / out_w);
-  const int *y1 = y1_.data(), *x1 = x1_.data();
-  const float *wy0 = wy0_.data(), *wy1 = wy1_.data(), *wx0 = wx0_.data(), *wx1 = wx1_.data();
   if (weight_products_) {
-    RunWeightProducts(x, y);
-    return;
+    RunLinear<true>(this->in()->GetCpuData(), this->out()->GetCpuData());
+  } else {
+    RunLinear<false>(this->in()->GetCpuData(), this->out()->GetCpuData());
   }
-  ParallelFor(
-      rows,
-      [=](int64_t begin, int64_t end) {
-        for (int64_t r = begin; r < end; ++r) {
-          const int64_t plane = r / out_h, oy = r % out_h;
-          const float* top = x + (plane * in_h + y0[oy]) * in_w;
-          const float* bottom = x + (plane * in_h + y1[oy]) * in_w;
-          const float h0 = wy0[oy], h1 = wy1[oy];
-          float* dst = y + r * out_w;
-          for (int64_t ox = 0; ox < out_w; ++ox) {
-            const int a = x0[ox], b = x1[ox];
-            const float w0 = wx0[ox], w1 = wx1[ox];
-            const float t = w0 * top[a] + w1 * top[b];
-            const float u = w0 * bottom[a] + w1 * bottom[b];
-            dst[ox] = h0 * t + h1 * u;
-          }
-        }
-      },
-      grain);
 }
 
 template <>

@@ -50,7 +50,8 @@ class UpsampleLayer : public Layer<T>, public ElementMover {
   // The nearest mode's kernel on any element type.
   template <typename E>
   void Move(const E* x, E* y) const;
-  void RunWeightProducts(const float* x, float* y) const;
+  template <bool kProducts>
+  void RunLinear(const float* x, float* y) const;
   std::string mode_ = "nearest";
   bool align_corners_ = false;
   bool weight_products_ = false;
