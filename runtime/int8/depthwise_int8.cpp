@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "runtime/int8/lookup_table.h"
 #include "runtime/int8/requantize.h"
 #include "runtime/kernels/cpu_features.h"
 #include "runtime/kernels/parallel.h"
@@ -60,12 +61,50 @@ __attribute__((target("avx512f"))) void Sums9Avx512(const uint8_t* const* src, c
     acc[i] = a;
   }
 }
+// Sums9Avx512 with the requantization in registers: out[i] = the code of
+// start + sum_t w[t] * src[t][i], where start holds the bias (which cannot
+// make the sum leave int32) and the requantizer is of the 32-bit lane form
+// (shift >= 33), as RequantizeRow32 computes it.
+__attribute__((target("avx512f,avx512bw,avx512vl"))) void Codes9Avx512(
+    const uint8_t* const* src, const int32_t* w, int32_t start, int32_t m, int shift, int32_t zero,
+    int64_t count, uint8_t* out) {
+  __m512i wv[9];
+  for (int t = 0; t < 9; ++t) wv[t] = _mm512_set1_epi32(w[t]);
+  const __m512i s = _mm512_set1_epi32(start), vm = _mm512_set1_epi32(m);
+  const __m512i half = _mm512_set1_epi32(int32_t{1} << (shift - 33));
+  const __m128i down = _mm_cvtsi32_si128(shift - 32);
+  const __m512i vzero = _mm512_set1_epi32(zero);
+  for (int64_t i = 0; i < count; i += 16) {
+    const __mmask16 k = count - i >= 16 ? __mmask16(0xffff) : __mmask16((1u << (count - i)) - 1);
+    __m512i a = s;
+    for (int t = 0; t < 9; ++t) {
+      const __m512i x = _mm512_cvtepu8_epi32(_mm_maskz_loadu_epi8(k, src[t] + i));
+      a = _mm512_add_epi32(a, _mm512_mullo_epi32(x, wv[t]));
+    }
+    const __m512i even = _mm512_mul_epi32(a, vm);
+    const __m512i odd = _mm512_mul_epi32(_mm512_srli_epi64(a, 32), vm);
+    const __m512i h = _mm512_mask_blend_epi32(__mmask16(0xaaaa), _mm512_srli_epi64(even, 32), odd);
+    const __m512i q = _mm512_add_epi32(vzero, _mm512_sra_epi32(_mm512_add_epi32(h, half), down));
+    const __m128i bytes = _mm512_cvtusepi32_epi8(_mm512_max_epi32(q, _mm512_setzero_si512()));
+    if (k == 0xffff) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), bytes);
+    } else {
+      _mm_mask_storeu_epi8(out + i, k, bytes);
+    }
+  }
+}
 #if !defined(__clang__)
 #pragma GCC diagnostic pop
 #endif
 
 bool HaveAvx512F() {
   static const bool have = __builtin_cpu_supports("avx512f") && CpuPathAllowed("avx512");
+  return have;
+}
+
+bool HaveAvx512BW() {
+  static const bool have = HaveAvx512F() && __builtin_cpu_supports("avx512bw") &&
+                           __builtin_cpu_supports("avx512vl");
   return have;
 }
 #define QZDL_HAVE_SUMS9_AVX512 1
@@ -176,6 +215,30 @@ void DepthwisePlane(const PlaneJob& j) {
       for (int64_t i = 0; i < count; ++i) acc[i] += wt * int32_t(from[i]);
     }
   };
+#if defined(QZDL_HAVE_SUMS9_AVX512)
+  // 3x3 windows on AVX-512 with a lane-form multiplier and a bias that
+  // cannot saturate: sums and codes in one pass, no int32 row in memory.
+  const Requantizer& r = *j.r;
+  const int64_t limit = INT32_MAX - 65025 * int64_t(kh) * kw;
+  if (kh == 3 && kw == 3 && j.intrinsics && HaveAvx512BW() && !r.saturate && !r.use_double &&
+      r.shift >= 33 && r.multiplier != 0 && j.bias >= -limit && j.bias <= limit) {
+    const int32_t start = static_cast<int32_t>(j.start + j.bias);
+    for (int oy = 0; oy < g.out_h; oy += j.rows_per_block) {
+      const int rows = std::min(j.rows_per_block, g.out_h - oy);
+      const int64_t count = int64_t(rows - 1) * pw + ow;
+      const uint8_t* base = j.plane + int64_t(oy) * pw;
+      const uint8_t* src[9];
+      for (int t = 0; t < 9; ++t) src[t] = base + j.taps[t];
+      uint8_t* dst = pw == ow ? j.y + int64_t(oy) * ow : j.codes;
+      Codes9Avx512(src, j.w, start, r.multiplier, r.shift, j.y_zero, count, dst);
+      if (j.table != nullptr) LookupCodes(j.table, dst, dst, count);
+      if (pw == ow) continue;
+      for (int rr = 0; rr < rows; ++rr)
+        std::memcpy(j.y + int64_t(oy + rr) * ow, j.codes + int64_t(rr) * pw, size_t(ow));
+    }
+    return;
+  }
+#endif
   // Requantizing runs of many codes at once keeps the vector loops busy
   // on small planes.
   for (int oy = 0; oy < g.out_h; oy += j.rows_per_block) {

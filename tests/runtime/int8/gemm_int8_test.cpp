@@ -54,7 +54,8 @@ ConvGeometry Geometry(int n, int c, int h, int w, int m, int kh, int kw, int s, 
 
 constexpr ConvPath kAllPaths[] = {ConvPath::kFloatGemm, ConvPath::kShiftedGemm,
                                    ConvPath::kFloatDepthwise, ConvPath::kIntegerDepthwise,
-                                   ConvPath::kIntegerDepthwisePortable, ConvPath::kPairGemm};
+                                   ConvPath::kIntegerDepthwisePortable, ConvPath::kPairGemm,
+                                   ConvPath::kQuadGemm};
 
 // The weights [out_c][k] packed in pairs, panels per group, as the 8-bit
 // convolution layer packs them.
@@ -71,6 +72,20 @@ std::vector<int32_t> PairsOf(const ConvGeometry& g, const std::vector<uint8_t>& 
         pairs.data() + grp * lanes);
   }
   return pairs;
+}
+
+// The weights [out_c][k] packed in quads, panels per group.
+std::vector<int32_t> QuadsOf(const ConvGeometry& g, const std::vector<uint8_t>& w) {
+  const int64_t k = int64_t(g.InPerGroup()) * g.KernelArea();
+  const int per = g.OutPerGroup();
+  const int64_t lanes = QuadWeightLanes(per, k);
+  std::vector<int32_t> quads(size_t(g.group * lanes));
+  for (int grp = 0; grp < g.group; ++grp) {
+    const uint8_t* wg = w.data() + int64_t(grp) * per * k;
+    PackQuadWeights(
+        per, k, [&](int r, int64_t i) { return wg[r * k + i]; }, quads.data() + grp * lanes);
+  }
+  return quads;
 }
 
 // Every path that can run the shape here against the reference, with the
@@ -92,11 +107,13 @@ void ExpectPathsMatchReference(const ConvGeometry& g, uint32_t seed, MakeQ make_
     CentreWeights(g.out_c, k, w.data(), q.weight_zero, at, centred.data());
     SumCodeRows(g.out_c, k, w.data(), at, sums.data());
     const std::vector<int32_t> pairs = PairsOf(g, w, q);
+    const std::vector<int32_t> quads = QuadsOf(g, w);
     CodeWeights weights;
     weights.centred = centred.data();
     weights.codes = w.data();
     weights.code_sum = sums.data();
     weights.pairs = pairs.data();
+    weights.quads = quads.data();
     for (ConvPath path : kAllPaths) {
       for (int threads : {1, 2}) {
         omp_set_num_threads(threads);
@@ -119,17 +136,23 @@ void ExpectConvMatchesReference(const ConvGeometry& g, uint32_t seed) {
 }
 
 TEST(ConvCodesKernel, SaysWhichGemmRuns) {
-  // The u8 x s8 path runs only where the CPU sums those products exactly;
-  // else the pair GEMM where it has a vector loop, else the float GEMM.
+  // The quad GEMM runs where the CPU has VNNI (and AVX-512BW); else the
+  // u8 x s8 path where oneDNN sums those products exactly; else the pair
+  // GEMM where it has a vector loop, else the float GEMM.
   ConvCodesKernel kernel;
   kernel.Reshape(Geometry(1, 8, 6, 6, 4, 3, 3, 1, 1, 1, 1));
-  EXPECT_EQ(kernel.Shifted(), HaveExactU8S8Gemm());
-  EXPECT_EQ(kernel.Path(), HaveExactU8S8Gemm()  ? ConvPath::kShiftedGemm
-                           : HaveFastPairGemm() ? ConvPath::kPairGemm
-                                                : ConvPath::kFloatGemm);
-  EXPECT_EQ(kernel.Form(), HaveExactU8S8Gemm()  ? WeightForm::kU8S8
-                           : HaveFastPairGemm() ? WeightForm::kPairs
-                                                : WeightForm::kCentred);
+  EXPECT_EQ(kernel.Shifted(), !HaveQuadGemm() && HaveExactU8S8Gemm());
+  EXPECT_EQ(kernel.Path(), HaveQuadGemm()        ? ConvPath::kQuadGemm
+                           : HaveExactU8S8Gemm() ? ConvPath::kShiftedGemm
+                           : HaveFastPairGemm()  ? ConvPath::kPairGemm
+                                                 : ConvPath::kFloatGemm);
+  EXPECT_EQ(kernel.Form(), HaveQuadGemm()        ? WeightForm::kQuads
+                           : HaveExactU8S8Gemm() ? WeightForm::kU8S8
+                           : HaveFastPairGemm()  ? WeightForm::kPairs
+                                                 : WeightForm::kCentred);
+  // The quad GEMM never runs without VNNI.
+  EXPECT_EQ(kernel.ReshapeFor(Geometry(1, 8, 6, 6, 4, 3, 3, 1, 1, 1, 1), ConvPath::kQuadGemm),
+            HaveQuadGemm());
   // Reductions whose int32 sums could overflow (K > 33025) stay off the
   // pair GEMM: 3669 * 9 = 33021 runs on it, 3670 * 9 = 33030 does not.
   EXPECT_TRUE(kernel.ReshapeFor(Geometry(1, 3669, 3, 3, 2, 3, 3, 1, 0, 1, 1), ConvPath::kPairGemm));
@@ -143,7 +166,8 @@ TEST(ConvCodesKernel, SaysWhichGemmRuns) {
   kernel.Reshape(Geometry(1, 8, 6, 6, 8, 3, 3, 1, 1, 1, 8));
   EXPECT_FALSE(kernel.Shifted());
   EXPECT_EQ(kernel.Path(), ConvPath::kIntegerDepthwise);
-  std::printf("8-bit GEMM here: %s\n", HaveExactU8S8Gemm()  ? "u8 x s8 (VNNI)"
+  std::printf("8-bit GEMM here: %s\n", HaveQuadGemm()        ? "quads (VNNI)"
+                                       : HaveExactU8S8Gemm() ? "u8 x s8 (VNNI)"
                                        : HaveFastPairGemm() ? "16-bit pairs"
                                                             : "float");
 }
@@ -276,11 +300,13 @@ TEST(ConvCodesKernel, SumsBeyondFloatPrecisionStayExact) {
       CentreWeights(g.out_c, k, w.data(), q.weight_zero, at, centred.data());
       SumCodeRows(g.out_c, k, w.data(), at, sums.data());
       const std::vector<int32_t> pairs = PairsOf(g, w, q);
+      const std::vector<int32_t> quads = QuadsOf(g, w);
       CodeWeights weights;
       weights.centred = centred.data();
       weights.codes = w.data();
       weights.code_sum = sums.data();
       weights.pairs = pairs.data();
+      weights.quads = quads.data();
       for (ConvPath path : kAllPaths) {
         ConvCodesKernel kernel;
         if (!kernel.ReshapeFor(g, path)) continue;
