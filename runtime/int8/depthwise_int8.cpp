@@ -107,6 +107,71 @@ bool HaveAvx512BW() {
                            __builtin_cpu_supports("avx512vl");
   return have;
 }
+
+// Bits [lo, hi) of a 64-bit mask (0 when empty).
+inline uint64_t BitRange(int64_t lo, int64_t hi) {
+  lo = std::max<int64_t>(lo, 0);
+  hi = std::min<int64_t>(hi, 64);
+  if (hi <= lo) return 0;
+  const uint64_t upto = hi == 64 ? ~uint64_t(0) : (uint64_t(1) << hi) - 1;
+  return upto & ~((uint64_t(1) << lo) - 1);
+}
+
+#if !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+// The padded sub-planes of one input plane (strides of 1 or 2 across) in
+// steps of 64 codes: a masked load reads the input where a column lies in
+// it and gives the zero point elsewhere, so there is no loop per code and
+// no call per row. A step may store past a row's end: into the next row
+// (written after it) or the slack at the end of the plane.
+__attribute__((target("avx512f,avx512bw"))) void FillSubPlanesAvx512(const ConvGeometry& g,
+                                                                     int sub_h, int pw,
+                                                                     const uint8_t* x, uint8_t zx,
+                                                                     uint8_t* plane) {
+  const int sh = g.stride_h, sw = g.stride_w;
+  const __m512i fill = _mm512_set1_epi8(static_cast<char>(zx));
+  for (int a = 0; a < sh; ++a) {
+    for (int b = 0; b < sw; ++b) {
+      uint8_t* sub = plane + (int64_t(a) * sw + b) * sub_h * pw;
+      const int off = b - g.pad_left;
+      for (int r = 0; r < sub_h; ++r) {
+        uint8_t* d = sub + int64_t(r) * pw;
+        const int iy = r * sh + a - g.pad_top;
+        if (iy < 0 || iy >= g.in_h) {
+          for (int c = 0; c < pw; c += 64) _mm512_storeu_si512(d + c, fill);
+          continue;
+        }
+        // The row's address as an integer: masked-off lanes may lie
+        // before it, and are never read.
+        const uintptr_t src = reinterpret_cast<uintptr_t>(x + int64_t(iy) * g.in_w);
+        if (sw == 1) {
+          for (int c = 0; c < pw; c += 64) {
+            const int64_t first = int64_t(c) + off;  // input column of lane 0
+            const __mmask64 k = BitRange(-first, g.in_w - first);
+            const __m512i v = _mm512_mask_loadu_epi8(
+                fill, k, reinterpret_cast<const void*>(src + static_cast<uintptr_t>(first)));
+            _mm512_storeu_si512(d + c, v);
+          }
+        } else {
+          // Column c reads input column 2c + off: the low bytes of the
+          // 16-bit lanes of 64 codes from there.
+          for (int c = 0; c < pw; c += 32) {
+            const int64_t first = 2 * int64_t(c) + off;
+            const __mmask64 k = BitRange(-first, g.in_w - first);
+            const __m512i v = _mm512_mask_loadu_epi8(
+                fill, k, reinterpret_cast<const void*>(src + static_cast<uintptr_t>(first)));
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + c), _mm512_cvtepi16_epi8(v));
+          }
+        }
+      }
+    }
+  }
+}
+#if !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 #define QZDL_HAVE_SUMS9_AVX512 1
 #endif
 
@@ -144,7 +209,13 @@ void DepthwisePlane(const PlaneJob& j) {
   const int sh = g.stride_h, sw = g.stride_w, pw = j.sub_w;
   const uint8_t zx = static_cast<uint8_t>(j.x_zero);
   // The sub-planes.
-  for (int a = 0; a < sh; ++a) {
+#if defined(QZDL_HAVE_SUMS9_AVX512)
+  const bool filled = j.intrinsics && (sw == 1 || sw == 2) && HaveAvx512BW();
+  if (filled) FillSubPlanesAvx512(g, j.sub_h, pw, j.x, zx, j.plane);
+#else
+  const bool filled = false;
+#endif
+  for (int a = 0; a < sh && !filled; ++a) {
     for (int b = 0; b < sw; ++b) {
       uint8_t* sub = j.plane + (int64_t(a) * sw + b) * j.sub_h * pw;
       // Sub-plane columns [lo, hi) read input columns c * sw + off.
@@ -281,7 +352,8 @@ void DepthwiseCodesKernel::Reshape(const ConvGeometry& g, int threads, bool intr
   }
   slots_.resize(static_cast<size_t>(std::max(1, threads)));
   for (Slot& s : slots_) {
-    s.plane.resize(static_cast<size_t>(int64_t(g.stride_h) * g.stride_w * sub_h_ * sub_w_));
+    // 64 codes of slack for the vector fill's last step.
+    s.plane.resize(static_cast<size_t>(int64_t(g.stride_h) * g.stride_w * sub_h_ * sub_w_ + 64));
     s.row.resize(static_cast<size_t>(int64_t(rows_per_block_) * sub_w_));
     s.codes.resize(s.row.size());
     s.weights.resize(static_cast<size_t>(g.KernelArea()));
