@@ -434,7 +434,7 @@ void ConvCodesKernel::RunQuads(const uint8_t* x, int32_t x_zero, const CodeWeigh
   const int64_t items = int64_t(g.batch) * g.group * tiles * pair_blocks_;
   for (int o = 0; o < g.out_c; ++o)
     quad_rows_[o] = MakeQuadRow(k, x_zero, q.weight_zero[o], w.code_sum[o], q.bias[o],
-                                q.requantizer[o]);
+                                q.requantizer[o], q.output_zero);
   ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
     Slot& s = slots_[slot];
     const int64_t block = item % pair_blocks_;
@@ -459,7 +459,6 @@ void ConvCodesKernel::RunQuads(const uint8_t* x, int32_t x_zero, const CodeWeigh
     QuadOutput out;
     out.rows = quad_rows_.data() + o0;
     out.row_count = static_cast<int>(std::min<int64_t>(cout_g - row0, count * kQuadRows));
-    out.zero = q.output_zero;
     out.y = y + (int64_t(n) * g.out_c + o0) * plane + p0;
     out.y_stride = plane;
     QuadGemm(count, kquads, w.quads + (grp * panels + first) * kquads * kQuadRows, s.quads.data(),

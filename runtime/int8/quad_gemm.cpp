@@ -22,14 +22,14 @@ constexpr int64_t kQuadBlock = 256;
 int32_t Wrap(int64_t v) { return static_cast<int32_t>(static_cast<uint32_t>(v)); }
 
 // The code of one exact sum s (taken modulo 2^32) of row p.
-inline uint8_t CodeOfSum(int32_t s, const QuadRow& p, int32_t zero) {
+inline uint8_t CodeOfSum(int32_t s, const QuadRow& p) {
   int32_t v = s;
   if (p.kind == kQuadSaturating) {
     const int64_t t = int64_t(s) + p.bias;
     v = static_cast<int32_t>(t < INT32_MIN ? INT32_MIN : t > INT32_MAX ? INT32_MAX : t);
   }
   const int32_t h = static_cast<int32_t>((int64_t(v) * p.multiplier) >> 32);
-  const int32_t q = zero + ((h + p.half) >> p.down);
+  const int32_t q = (h + p.half) >> p.down;  // the zero point is in half
   return static_cast<uint8_t>(q < 0 ? 0 : q > 255 ? 255 : q);
 }
 
@@ -40,8 +40,10 @@ void PanelPortable(int64_t kc, const int32_t* a, const int32_t* b, int ldb, bool
                    int32_t* c, int64_t ldc, const QuadOutput& out, int row0, int col0, int cols,
                    const int32_t* colsum) {
   int32_t acc[kQuadRows][kQuadColumns];
-  for (int i = 0; i < kQuadRows; ++i)
-    for (int j = 0; j < kQuadColumns; ++j) acc[i][j] = load ? c[i * ldc + j] : 0;
+  for (int i = 0; i < kQuadRows; ++i) {
+    const int32_t fixed = row0 + i < out.row_count ? out.rows[row0 + i].fixed : 0;
+    for (int j = 0; j < kQuadColumns; ++j) acc[i][j] = load ? c[i * ldc + j] : fixed;
+  }
   for (int64_t kq = 0; kq < kc; ++kq) {
     const uint32_t* bk = reinterpret_cast<const uint32_t*>(b + kq * ldb);
     for (int i = 0; i < kQuadRows; ++i) {
@@ -66,11 +68,11 @@ void PanelPortable(int64_t kc, const int32_t* a, const int32_t* b, int ldb, bool
     const QuadRow& p = out.rows[row0 + i];
     for (int j = 0; j < cols; ++j) {
       const int32_t s = static_cast<int32_t>(static_cast<uint32_t>(acc[i][j]) +
-                                             uint32_t(p.d) * uint32_t(colsum[j]) + uint32_t(p.fixed));
+                                             uint32_t(p.d) * uint32_t(colsum[j]));
       if (p.kind == kQuadRaw) {
         c[i * ldc + j] = s;
       } else {
-        out.y[(row0 + i) * out.y_stride + col0 + j] = CodeOfSum(s, p, out.zero);
+        out.y[(row0 + i) * out.y_stride + col0 + j] = CodeOfSum(s, p);
       }
     }
   }
@@ -85,8 +87,10 @@ void PanelPortable(int64_t kc, const int32_t* a, const int32_t* b, int ldb, bool
 
 // Codes of 16 exact sums s of row p: the bias (saturating where it is not
 // folded), the high halves of the products with the multiplier, the rounding
-// shift, the zero point and the code range, as RequantizeRow32 computes them.
-QZDL_VNNI_TARGET inline __m128i CodesOf16(__m512i s, const QuadRow& p, __m512i zero) {
+// shift (the zero point is in half) and the code range, as RequantizeRow32
+// computes them.
+QZDL_VNNI_TARGET inline __m128i CodesOf16(__m512i s, const QuadRow& p, __m512i m, __m512i half,
+                                          __m128i down) {
   __m512i v = s;
   if (p.kind == kQuadSaturating) {
     const __m512i b = _mm512_set1_epi32(p.bias);
@@ -98,13 +102,10 @@ QZDL_VNNI_TARGET inline __m128i CodesOf16(__m512i s, const QuadRow& p, __m512i z
                                                 _mm512_set1_epi32(INT32_MIN));
     v = _mm512_mask_blend_epi32(wrapped, sum, sat);
   }
-  const __m512i m = _mm512_set1_epi32(p.multiplier);
   const __m512i even = _mm512_mul_epi32(v, m);
   const __m512i odd = _mm512_mul_epi32(_mm512_srli_epi64(v, 32), m);
   const __m512i h = _mm512_mask_blend_epi32(__mmask16(0xaaaa), _mm512_srli_epi64(even, 32), odd);
-  const __m512i q = _mm512_add_epi32(
-      zero, _mm512_sra_epi32(_mm512_add_epi32(h, _mm512_set1_epi32(p.half)),
-                             _mm_cvtsi32_si128(p.down)));
+  const __m512i q = _mm512_sra_epi32(_mm512_add_epi32(h, half), down);
   // Negative codes to 0 first; the unsigned narrowing saturates at 255.
   return _mm512_cvtusepi32_epi8(_mm512_max_epi32(q, _mm512_setzero_si512()));
 }
@@ -120,15 +121,23 @@ QZDL_VNNI_TARGET inline __m512i DotAdd(__m512i acc, __m512i u8, __m512i s8) {
 QZDL_VNNI_TARGET void PanelVnni(int64_t kc, const int32_t* a, const int32_t* b, int ldb, bool load,
                                 bool finish, int32_t* c, int64_t ldc, const QuadOutput& out,
                                 int row0, int col0, int cols, const int32_t* colsum) {
+  const int rows = std::min(kQuadRows, out.row_count - row0);
+  // The sums start from each row's fixed term.
   __m512i acc[kQuadRows][2];
+#pragma GCC unroll 8
   for (int i = 0; i < kQuadRows; ++i) {
-    acc[i][0] = load ? _mm512_loadu_si512(c + i * ldc) : _mm512_setzero_si512();
-    acc[i][1] = load ? _mm512_loadu_si512(c + i * ldc + 16) : _mm512_setzero_si512();
+    if (load) {
+      acc[i][0] = _mm512_loadu_si512(c + i * ldc);
+      acc[i][1] = _mm512_loadu_si512(c + i * ldc + 16);
+    } else {
+      acc[i][0] = acc[i][1] = _mm512_set1_epi32(i < rows ? out.rows[row0 + i].fixed : 0);
+    }
   }
   for (int64_t kq = 0; kq < kc; ++kq) {
     const __m512i b0 = _mm512_loadu_si512(b + kq * ldb);
     const __m512i b1 = _mm512_loadu_si512(b + kq * ldb + 16);
     const int32_t* ak = a + kq * kQuadRows;
+#pragma GCC unroll 8
     for (int i = 0; i < kQuadRows; ++i) {
       const __m512i av = _mm512_set1_epi32(ak[i]);
       acc[i][0] = DotAdd(acc[i][0], b0, av);
@@ -136,6 +145,7 @@ QZDL_VNNI_TARGET void PanelVnni(int64_t kc, const int32_t* a, const int32_t* b, 
     }
   }
   if (!finish) {
+#pragma GCC unroll 8
     for (int i = 0; i < kQuadRows; ++i) {
       _mm512_storeu_si512(c + i * ldc, acc[i][0]);
       _mm512_storeu_si512(c + i * ldc + 16, acc[i][1]);
@@ -143,34 +153,33 @@ QZDL_VNNI_TARGET void PanelVnni(int64_t kc, const int32_t* a, const int32_t* b, 
     return;
   }
   const __m512i s0 = _mm512_loadu_si512(colsum), s1 = _mm512_loadu_si512(colsum + 16);
-  const __m512i zero = _mm512_set1_epi32(out.zero);
   const __mmask16 m0 = cols >= 16 ? __mmask16(0xffff) : __mmask16((1u << cols) - 1);
   const __mmask16 m1 = cols >= 32   ? __mmask16(0xffff)
                        : cols > 16 ? __mmask16((1u << (cols - 16)) - 1)
                                    : __mmask16(0);
-  const int rows = std::min(kQuadRows, out.row_count - row0);
-  for (int i = 0; i < rows; ++i) {
+  // Unrolled, so that the sums stay in registers.
+#pragma GCC unroll 8
+  for (int i = 0; i < kQuadRows; ++i) {
+    if (i >= rows) break;
     const QuadRow& p = out.rows[row0 + i];
-    const __m512i d = _mm512_set1_epi32(p.d), fixed = _mm512_set1_epi32(p.fixed);
-    const __m512i v0 = _mm512_add_epi32(_mm512_add_epi32(acc[i][0], fixed), _mm512_mullo_epi32(d, s0));
-    const __m512i v1 = _mm512_add_epi32(_mm512_add_epi32(acc[i][1], fixed), _mm512_mullo_epi32(d, s1));
+    const __m512i d = _mm512_set1_epi32(p.d);
+    const __m512i v0 = _mm512_add_epi32(acc[i][0], _mm512_mullo_epi32(d, s0));
+    const __m512i v1 = _mm512_add_epi32(acc[i][1], _mm512_mullo_epi32(d, s1));
     if (p.kind == kQuadRaw) {
       _mm512_storeu_si512(c + i * ldc, v0);
       _mm512_storeu_si512(c + i * ldc + 16, v1);
       continue;
     }
+    const __m512i m = _mm512_set1_epi32(p.multiplier), half = _mm512_set1_epi32(p.half);
+    const __m128i down = _mm_cvtsi32_si128(p.down);
     uint8_t* y = out.y + (row0 + i) * out.y_stride + col0;
-    const __m128i q0 = CodesOf16(v0, p, zero);
-    if (m0 == 0xffff) {
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(y), q0);
-    } else {
-      _mm_mask_storeu_epi8(y, m0, q0);
-    }
-    if (m1 == 0) continue;
-    const __m128i q1 = CodesOf16(v1, p, zero);
+    const __m128i q0 = CodesOf16(v0, p, m, half, down);
+    const __m128i q1 = CodesOf16(v1, p, m, half, down);
     if (m1 == 0xffff) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(y), q0);
       _mm_storeu_si128(reinterpret_cast<__m128i*>(y + 16), q1);
     } else {
+      _mm_mask_storeu_epi8(y, m0, q0);
       _mm_mask_storeu_epi8(y + 16, m1, q1);
     }
   }
@@ -238,7 +247,7 @@ bool HaveQuadGemm() {
 }
 
 QuadRow MakeQuadRow(int64_t k, int32_t x_zero, int32_t w_zero, int32_t w_code_sum, int32_t bias,
-                    const Requantizer& r) {
+                    const Requantizer& r, int32_t y_zero) {
   QuadRow p;
   p.d = 128 - w_zero;
   const int64_t shifted_sum = int64_t(w_code_sum) - 128 * k;  // sum of w - 128
@@ -247,16 +256,20 @@ QuadRow MakeQuadRow(int64_t k, int32_t x_zero, int32_t w_zero, int32_t w_code_su
   // |sum| <= 65025 * K: where the bias cannot push bias + sum past int32,
   // the reference's saturation never acts and the bias adds modulo 2^32.
   const bool folds = int64_t(bias < 0 ? -int64_t(bias) : bias) + 65025 * k <= INT32_MAX;
-  p.fixed = Wrap(folds ? fixed + bias : fixed);
-  if (r.saturate || r.use_double || r.shift < 33 || r.multiplier == 0) {
+  // The zero point rides in the rounding half: with |h| <= 2^30, half <=
+  // 2^20 and zero * 2^down < 2^29 nothing wraps, and floor((h + half +
+  // zero * 2^down) / 2^down) = floor((h + half) / 2^down) + zero.
+  const int down = r.shift - 32;
+  if (r.saturate || r.use_double || r.shift < 33 || down > 21 || r.multiplier == 0) {
     p.kind = kQuadRaw;
     p.fixed = Wrap(fixed);
     return p;
   }
+  p.fixed = Wrap(folds ? fixed + bias : fixed);
   p.kind = folds ? kQuadFolded : kQuadSaturating;
   p.multiplier = r.multiplier;
-  p.half = int32_t{1} << (r.shift - 33);
-  p.down = r.shift - 32;
+  p.half = (int32_t{1} << (down - 1)) + y_zero * (int32_t{1} << down);
+  p.down = down;
   return p;
 }
 

@@ -93,14 +93,15 @@ struct QuadRow {
   int32_t fixed = 0;  // -zx * sum w' - zx * d * K (+ the bias when folded), modulo 2^32
   int32_t bias = 0;
   int32_t multiplier = 0;
-  int32_t half = 0;  // 2^(shift - 33)
+  int32_t half = 0;  // 2^(shift - 33) + the output zero point * 2^down
   int32_t down = 0;  // shift - 32
   int32_t kind = kQuadRaw;
 };
 // The row of an output channel: K, the input zero point, the channel's
-// weight zero point, sum of weight codes, bias and requantizer.
+// weight zero point, sum of weight codes, bias and requantizer, and the
+// output zero point.
 QuadRow MakeQuadRow(int64_t k, int32_t x_zero, int32_t w_zero, int32_t w_code_sum, int32_t bias,
-                    const Requantizer& r);
+                    const Requantizer& r, int32_t y_zero);
 
 // Where the codes go: row r (from the first row of the call) at
 // y + r * y_stride, columns [0, np); kQuadRaw rows' sums at
@@ -108,7 +109,6 @@ QuadRow MakeQuadRow(int64_t k, int32_t x_zero, int32_t w_zero, int32_t w_code_su
 struct QuadOutput {
   const QuadRow* rows = nullptr;
   int row_count = 0;
-  int32_t zero = 0;  // the output zero point
   uint8_t* y = nullptr;
   int64_t y_stride = 0;
 };

@@ -54,14 +54,13 @@ std::vector<uint8_t> Run(const Case& c, bool vector) {
   for (int o = 0; o < c.rows; ++o) {
     int32_t sum = 0;
     for (int k = 0; k < c.k; ++k) sum += c.w[size_t(o) * c.k + k];
-    rows[o] = MakeQuadRow(c.k, c.x_zero, c.w_zero[o], sum, c.bias[o], c.r[o]);
+    rows[o] = MakeQuadRow(c.k, c.x_zero, c.w_zero[o], sum, c.bias[o], c.r[o], c.y_zero);
   }
   std::vector<uint8_t> y(size_t(c.rows) * c.np, 0);
   std::vector<int32_t> scratch(size_t(panels * kQuadRows * ldb));
   QuadOutput out;
   out.rows = rows.data();
   out.row_count = c.rows;
-  out.zero = c.y_zero;
   out.y = y.data();
   out.y_stride = c.np;
   QuadGemm(panels, kquads, a.data(), b.data(), ldb, colsum.data(), c.np, scratch.data(), out,
