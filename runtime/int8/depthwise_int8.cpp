@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "runtime/int8/lookup_table.h"
+#include "runtime/int8/quad_gemm.h"
 #include "runtime/int8/requantize.h"
 #include "runtime/kernels/cpu_features.h"
 #include "runtime/kernels/parallel.h"
@@ -97,14 +98,83 @@ __attribute__((target("avx512f,avx512bw,avx512vl"))) void Codes9Avx512(
 #pragma GCC diagnostic pop
 #endif
 
+#if !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#define QZDL_DW_VNNI __attribute__((target("avx512f,avx512bw,avx512vl,avx512vnni")))
+// acc += the sums of four u8 x s8 products per lane (vpdpbusd), as one
+// instruction: GCC 12 copies the intrinsic's accumulator at every step.
+QZDL_DW_VNNI inline __m512i DotAdd(__m512i acc, __m512i u8, __m512i s8) {
+  asm("vpdpbusd %2, %1, %0" : "+v"(acc) : "v"(u8), "v"(s8));
+  return acc;
+}
+
+// The codes of `count` positions from `base` with the taps summed four at
+// a time by u8 x s8 dot products: the 32-bit lane at byte b of a load holds
+// the codes at b .. b + 3, which are the taps of quad q for position b when
+// the load starts at quad q's offset. Four loads one code apart give the
+// positions 4i, 4i + 1, 4i + 2 and 4i + 3 of 64; each centred weight c in
+// [-255, 254] is split into two int8 halves (weights[2q], weights[2q + 1],
+// c = a + b), so that x * c is two exact products. start holds the bias
+// (which cannot make the sum leave int32); the requantizer has the 32-bit
+// lane form. Loads of the last step may read up to 67 codes past the
+// positions' last tap (the plane's slack).
+QZDL_DW_VNNI void DotCodesAvx512(const uint8_t* base, const int64_t* offsets, int quads,
+                                 const int32_t* weights, int32_t start, int32_t m, int shift,
+                                 int32_t zero, int64_t count, uint8_t* out) {
+  const __m512i s = _mm512_set1_epi32(start), vm = _mm512_set1_epi32(m);
+  const __m512i half = _mm512_set1_epi32(int32_t{1} << (shift - 33));
+  const __m128i down = _mm_cvtsi32_si128(shift - 32);
+  const __m512i vzero = _mm512_set1_epi32(zero);
+  for (int64_t i = 0; i < count; i += 64) {
+    __m512i acc[4] = {s, s, s, s};
+    for (int q = 0; q < quads; ++q) {
+      const uint8_t* p = base + offsets[q] + i;
+      const __m512i wa = _mm512_set1_epi32(weights[2 * q]);
+      const __m512i wb = _mm512_set1_epi32(weights[2 * q + 1]);
+      for (int j = 0; j < 4; ++j) {
+        const __m512i x = _mm512_loadu_si512(p + j);
+        acc[j] = DotAdd(DotAdd(acc[j], x, wa), x, wb);
+      }
+    }
+    __m128i c[4];
+    for (int j = 0; j < 4; ++j) {
+      const __m512i even = _mm512_mul_epi32(acc[j], vm);
+      const __m512i odd = _mm512_mul_epi32(_mm512_srli_epi64(acc[j], 32), vm);
+      const __m512i h =
+          _mm512_mask_blend_epi32(__mmask16(0xaaaa), _mm512_srli_epi64(even, 32), odd);
+      const __m512i v = _mm512_add_epi32(vzero, _mm512_sra_epi32(_mm512_add_epi32(h, half), down));
+      c[j] = _mm512_cvtusepi32_epi8(_mm512_max_epi32(v, _mm512_setzero_si512()));
+    }
+    // c[j] holds positions 4i + j: back in order, 16 at a time.
+    const __m128i t0 = _mm_unpacklo_epi8(c[0], c[1]), t1 = _mm_unpackhi_epi8(c[0], c[1]);
+    const __m128i t2 = _mm_unpacklo_epi8(c[2], c[3]), t3 = _mm_unpackhi_epi8(c[2], c[3]);
+    const __m128i r[4] = {_mm_unpacklo_epi16(t0, t2), _mm_unpackhi_epi16(t0, t2),
+                          _mm_unpacklo_epi16(t1, t3), _mm_unpackhi_epi16(t1, t3)};
+    const int64_t left = count - i;
+    for (int j = 0; j < 4 && 16 * j < left; ++j) {
+      uint8_t* to = out + i + 16 * j;
+      if (left - 16 * j >= 16) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(to), r[j]);
+      } else {
+        _mm_mask_storeu_epi8(to, __mmask16((1u << (left - 16 * j)) - 1), r[j]);
+      }
+    }
+  }
+}
+#if !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
 bool HaveAvx512F() {
   static const bool have = __builtin_cpu_supports("avx512f") && CpuPathAllowed("avx512");
   return have;
 }
 
 bool HaveAvx512BW() {
-  static const bool have = HaveAvx512F() && __builtin_cpu_supports("avx512bw") &&
-                           __builtin_cpu_supports("avx512vl");
+  static const bool have =
+      HaveAvx512F() && __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl");
   return have;
 }
 
@@ -193,6 +263,11 @@ struct PlaneJob {
   int32_t x_zero;
   const int32_t* w;  // centred weights of the channel
   int32_t start;     // -x_zero * sum of w
+  // The dot-product loop (VNNI): tap quads' offsets and split weights.
+  bool dot;
+  int quad_count;
+  const int64_t* quad_offsets;
+  const int32_t* quad_weights;
   int64_t bias;
   const Requantizer* r;
   int32_t y_zero;
@@ -287,6 +362,21 @@ void DepthwisePlane(const PlaneJob& j) {
     }
   };
 #if defined(QZDL_HAVE_SUMS9_AVX512)
+  if (j.dot) {
+    const int32_t start = static_cast<int32_t>(j.start + j.bias);
+    for (int oy = 0; oy < g.out_h; oy += j.rows_per_block) {
+      const int rows = std::min(j.rows_per_block, g.out_h - oy);
+      const int64_t count = int64_t(rows - 1) * pw + ow;
+      uint8_t* dst = pw == ow ? j.y + int64_t(oy) * ow : j.codes;
+      DotCodesAvx512(j.plane + int64_t(oy) * pw, j.quad_offsets, j.quad_count, j.quad_weights,
+                     start, j.r->multiplier, j.r->shift, j.y_zero, count, dst);
+      if (j.table != nullptr) LookupCodes(j.table, dst, dst, count);
+      if (pw == ow) continue;
+      for (int rr = 0; rr < rows; ++rr)
+        std::memcpy(j.y + int64_t(oy + rr) * ow, j.codes + int64_t(rr) * pw, size_t(ow));
+    }
+    return;
+  }
   // 3x3 windows on AVX-512 with a lane-form multiplier and a bias that
   // cannot saturate: sums and codes in one pass, no int32 row in memory.
   const Requantizer& r = *j.r;
@@ -350,10 +440,28 @@ void DepthwiseCodesKernel::Reshape(const ConvGeometry& g, int threads, bool intr
       taps_.push_back((sub * sub_h_ + ry / g.stride_h) * sub_w_ + rx / g.stride_w);
     }
   }
+  // Taps in quads: in order of their offsets, each quad from the first
+  // free one up to three codes beyond it.
+  std::vector<int> order(taps_.size());
+  for (size_t t = 0; t < order.size(); ++t) order[t] = static_cast<int>(t);
+  std::sort(order.begin(), order.end(), [&](int a, int b) { return taps_[a] < taps_[b]; });
+  quads_.clear();
+  for (int t : order) {
+    if (quads_.empty() || taps_[t] - quads_.back().offset > 3) {
+      quads_.emplace_back();
+      quads_.back().offset = taps_[t];
+    }
+    quads_.back().tap[taps_[t] - quads_.back().offset] = t;
+  }
+  quad_offsets_.clear();
+  for (const TapQuad& q : quads_) quad_offsets_.push_back(q.offset);
   slots_.resize(static_cast<size_t>(std::max(1, threads)));
   for (Slot& s : slots_) {
-    // 64 codes of slack for the vector fill's last step.
-    s.plane.resize(static_cast<size_t>(int64_t(g.stride_h) * g.stride_w * sub_h_ * sub_w_ + 64));
+    // Slack for the last steps of the vector fill (64 codes) and of the
+    // dot-product loop (67), zeros or the zero point.
+    s.plane.assign(static_cast<size_t>(int64_t(g.stride_h) * g.stride_w * sub_h_ * sub_w_ + 128),
+                   0);
+    s.quads.resize(2 * quads_.size());
     s.row.resize(static_cast<size_t>(int64_t(rows_per_block_) * sub_w_));
     s.codes.resize(s.row.size());
     s.weights.resize(static_cast<size_t>(g.KernelArea()));
@@ -377,6 +485,30 @@ void DepthwiseCodesKernel::Run(const uint8_t* x, int32_t x_zero, const uint8_t* 
       sum += s.weights[t];
     }
     PlaneJob j;
+    // The dot products need the VNNI loop, a lane-form multiplier, a bias
+    // that cannot saturate, and centred weights below 255 (two int8 halves).
+    const Requantizer& r = q.requantizer[o];
+    const int64_t limit = INT32_MAX - 65025 * taps;
+    j.dot = intrinsics_ && HaveQuadGemm() && !r.saturate && !r.use_double && r.shift >= 33 &&
+            r.multiplier != 0 && q.bias[o] >= -limit && q.bias[o] <= limit;
+    for (int64_t t = 0; t < taps && j.dot; ++t) j.dot = s.weights[t] <= 254;
+    if (j.dot) {
+      for (size_t i = 0; i < quads_.size(); ++i) {
+        uint32_t a = 0, b = 0;
+        for (int k = 0; k < 4; ++k) {
+          const int tap = quads_[i].tap[k];
+          const int32_t c = tap >= 0 ? s.weights[tap] : 0;
+          const int32_t lo = c >> 1;  // floor: c = lo + (c - lo), both in int8
+          a |= uint32_t(uint8_t(int8_t(lo))) << (8 * k);
+          b |= uint32_t(uint8_t(int8_t(c - lo))) << (8 * k);
+        }
+        s.quads[2 * i] = static_cast<int32_t>(a);
+        s.quads[2 * i + 1] = static_cast<int32_t>(b);
+      }
+    }
+    j.quad_count = static_cast<int>(quads_.size());
+    j.quad_offsets = quad_offsets_.data();
+    j.quad_weights = s.quads.data();
     j.g = &g;
     j.sub_h = sub_h_;
     j.sub_w = sub_w_;

@@ -43,12 +43,21 @@ class DepthwiseCodesKernel {
  private:
   struct Slot {
     std::vector<uint8_t> plane, codes;
-    std::vector<int32_t> row, weights;
+    std::vector<int32_t> row, weights, quads;
   };
   ConvGeometry g_;
   bool intrinsics_ = true;
   int padded_h_ = 0, padded_w_ = 0, sub_h_ = 0, sub_w_ = 0, rows_per_block_ = 1;
   std::vector<int64_t> taps_;  // each tap's offset in the padded plane
+  // Taps whose offsets lie within four codes of each other, summed by one
+  // u8 x s8 dot product (VNNI): the first offset and the tap (or -1) of
+  // each of the four bytes.
+  struct TapQuad {
+    int64_t offset = 0;
+    int tap[4] = {-1, -1, -1, -1};
+  };
+  std::vector<TapQuad> quads_;
+  std::vector<int64_t> quad_offsets_;
   std::vector<Slot> slots_;
 };
 

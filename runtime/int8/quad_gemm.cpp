@@ -97,9 +97,8 @@ QZDL_VNNI_TARGET inline __m128i CodesOf16(__m512i s, const QuadRow& p, __m512i m
     const __m512i sum = _mm512_add_epi32(s, b);
     const __mmask16 wrapped =
         _mm512_movepi32_mask(_mm512_and_si512(_mm512_xor_si512(s, sum), _mm512_xor_si512(b, sum)));
-    const __m512i sat = _mm512_mask_blend_epi32(_mm512_movepi32_mask(s),
-                                                _mm512_set1_epi32(INT32_MAX),
-                                                _mm512_set1_epi32(INT32_MIN));
+    const __m512i sat = _mm512_mask_blend_epi32(
+        _mm512_movepi32_mask(s), _mm512_set1_epi32(INT32_MAX), _mm512_set1_epi32(INT32_MIN));
     v = _mm512_mask_blend_epi32(wrapped, sum, sat);
   }
   const __m512i even = _mm512_mul_epi32(v, m);
@@ -154,7 +153,7 @@ QZDL_VNNI_TARGET void PanelVnni(int64_t kc, const int32_t* a, const int32_t* b, 
   }
   const __m512i s0 = _mm512_loadu_si512(colsum), s1 = _mm512_loadu_si512(colsum + 16);
   const __mmask16 m0 = cols >= 16 ? __mmask16(0xffff) : __mmask16((1u << cols) - 1);
-  const __mmask16 m1 = cols >= 32   ? __mmask16(0xffff)
+  const __mmask16 m1 = cols >= 32  ? __mmask16(0xffff)
                        : cols > 16 ? __mmask16((1u << (cols - 16)) - 1)
                                    : __mmask16(0);
   // Unrolled, so that the sums stay in registers.
@@ -211,8 +210,10 @@ QZDL_VNNI_TARGET void PackColumnsVnni(const uint8_t* src, int64_t ld, int k, int
       const __m512i q0 = _mm512_unpacklo_epi16(t0, t2), q1 = _mm512_unpackhi_epi16(t0, t2);
       const __m512i q2 = _mm512_unpacklo_epi16(t1, t3), q3 = _mm512_unpackhi_epi16(t1, t3);
       // A 4 x 4 transpose of 128-bit lanes puts columns in order.
-      const __m512i u0 = _mm512_shuffle_i32x4(q0, q1, 0x44), u1 = _mm512_shuffle_i32x4(q2, q3, 0x44);
-      const __m512i u2 = _mm512_shuffle_i32x4(q0, q1, 0xee), u3 = _mm512_shuffle_i32x4(q2, q3, 0xee);
+      const __m512i u0 = _mm512_shuffle_i32x4(q0, q1, 0x44),
+                    u1 = _mm512_shuffle_i32x4(q2, q3, 0x44);
+      const __m512i u2 = _mm512_shuffle_i32x4(q0, q1, 0xee),
+                    u3 = _mm512_shuffle_i32x4(q2, q3, 0xee);
       const __m512i o[4] = {_mm512_shuffle_i32x4(u0, u1, 0x88), _mm512_shuffle_i32x4(u0, u1, 0xdd),
                             _mm512_shuffle_i32x4(u2, u3, 0x88), _mm512_shuffle_i32x4(u2, u3, 0xdd)};
       int32_t* to = dst + kq * ldb + p;

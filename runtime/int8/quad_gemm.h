@@ -119,7 +119,6 @@ struct QuadOutput {
 // reduction; kQuadRaw rows' exact sums at the end). `vector` false keeps
 // the portable loop (tests).
 void QuadGemm(int64_t panels, int64_t kquads, const int32_t* a, const int32_t* b, int ldb,
-              const int32_t* colsum, int np, int32_t* c, const QuadOutput& out,
-              bool vector = true);
+              const int32_t* colsum, int np, int32_t* c, const QuadOutput& out, bool vector = true);
 
 }  // namespace qzdl

@@ -52,10 +52,13 @@ ConvGeometry Geometry(int n, int c, int h, int w, int m, int kh, int kw, int s, 
   return g;
 }
 
-constexpr ConvPath kAllPaths[] = {ConvPath::kFloatGemm, ConvPath::kShiftedGemm,
-                                   ConvPath::kFloatDepthwise, ConvPath::kIntegerDepthwise,
-                                   ConvPath::kIntegerDepthwisePortable, ConvPath::kPairGemm,
-                                   ConvPath::kQuadGemm};
+constexpr ConvPath kAllPaths[] = {ConvPath::kFloatGemm,
+                                  ConvPath::kShiftedGemm,
+                                  ConvPath::kFloatDepthwise,
+                                  ConvPath::kIntegerDepthwise,
+                                  ConvPath::kIntegerDepthwisePortable,
+                                  ConvPath::kPairGemm,
+                                  ConvPath::kQuadGemm};
 
 // The weights [out_c][k] packed in pairs, panels per group, as the 8-bit
 // convolution layer packs them.
@@ -156,7 +159,8 @@ TEST(ConvCodesKernel, SaysWhichGemmRuns) {
   // Reductions whose int32 sums could overflow (K > 33025) stay off the
   // pair GEMM: 3669 * 9 = 33021 runs on it, 3670 * 9 = 33030 does not.
   EXPECT_TRUE(kernel.ReshapeFor(Geometry(1, 3669, 3, 3, 2, 3, 3, 1, 0, 1, 1), ConvPath::kPairGemm));
-  EXPECT_FALSE(kernel.ReshapeFor(Geometry(1, 3670, 3, 3, 2, 3, 3, 1, 0, 1, 1), ConvPath::kPairGemm));
+  EXPECT_FALSE(
+      kernel.ReshapeFor(Geometry(1, 3670, 3, 3, 2, 3, 3, 1, 0, 1, 1), ConvPath::kPairGemm));
   kernel.Reshape(Geometry(1, 3670, 3, 3, 2, 3, 3, 1, 0, 1, 1));
   EXPECT_NE(kernel.Path(), ConvPath::kPairGemm);
   kernel.Reshape(Geometry(1, 8, 6, 6, 4, 3, 3, 1, 1, 1, 1), false);
@@ -168,8 +172,8 @@ TEST(ConvCodesKernel, SaysWhichGemmRuns) {
   EXPECT_EQ(kernel.Path(), ConvPath::kIntegerDepthwise);
   std::printf("8-bit GEMM here: %s\n", HaveQuadGemm()        ? "quads (VNNI)"
                                        : HaveExactU8S8Gemm() ? "u8 x s8 (VNNI)"
-                                       : HaveFastPairGemm() ? "16-bit pairs"
-                                                            : "float");
+                                       : HaveFastPairGemm()  ? "16-bit pairs"
+                                                             : "float");
 }
 
 TEST(ConvCodesKernel, MatchesTheReferenceOnRealShapes) {
@@ -257,6 +261,48 @@ TEST(ConvCodesKernel, DepthwiseSaturatesAndRoundsAsTheReference) {
   ExpectPathsMatchReference(Geometry(1, 35, 9, 8, 35, 3, 3, 2, 1, 1, 35), 401, extreme);
 }
 
+TEST(ConvCodesKernel, DepthwiseDotProductsTakeEveryWeight) {
+  // The VNNI loop splits each centred weight w - zw into two int8 halves,
+  // which covers [-256, 254]: channels with the extremes -255 and 254, one
+  // with 255 (the other loops), on full-range codes, strides 1 and 2, 3x3
+  // and 5x5, batch 1 and 8.
+  for (int batch : {1, 8}) {
+    for (int stride : {1, 2}) {
+      for (int kernel : {3, 5}) {
+        const ConvGeometry g =
+            Geometry(batch, 6, 23, 21, 6, kernel, kernel, stride, kernel / 2, 1, 6);
+        std::mt19937 rng(500 + batch + stride + kernel);
+        const int64_t taps = g.KernelArea();
+        const std::vector<uint8_t> x = Codes(size_t(g.batch) * g.in_c * g.InPlane(), rng);
+        std::vector<uint8_t> w = Codes(size_t(g.out_c) * taps, rng);
+        ChannelQuantization q = Channels(g.out_c, rng, false);
+        const int zeros[] = {255, 0, 0, 3, 128, 77};
+        for (int o = 0; o < g.out_c; ++o) {
+          q.weight_zero[o] = zeros[o];
+          for (int64_t t = 0; t < taps; ++t) {
+            uint8_t& code = w[o * taps + t];
+            if (o == 0) code = t % 2 ? 0 : 1;      // -255 and -254
+            if (o == 1) code = t % 3 ? 254 : 255;  // 254, and 255 (the other loops)
+            if (o == 2) code = t % 2 ? 254 : 0;    // 254 and 0
+          }
+        }
+        const int32_t x_zero = 201;
+        std::vector<uint8_t> want(size_t(g.batch) * g.out_c * g.OutPlane());
+        ReferenceConvolutionU8(g, x.data(), x_zero, w.data(), q, want.data());
+        for (ConvPath path : {ConvPath::kIntegerDepthwise, ConvPath::kIntegerDepthwisePortable}) {
+          ConvCodesKernel k;
+          ASSERT_TRUE(k.ReshapeFor(g, path));
+          CodeWeights weights;
+          weights.codes = w.data();
+          std::vector<uint8_t> got(want.size(), 0);
+          k.Run(x.data(), x_zero, weights, q, got.data());
+          EXPECT_EQ(got, want) << g.ToString() << ", " << ConvPathName(path);
+        }
+      }
+    }
+  }
+}
+
 // Sums beyond 2^24 that a float32 cannot hold (about 4 * 10^7):
 // every input code 255 (channel 0: 254) on zero point 0, every weight code
 // 255 on zero point 0, no padding. Output channel 0's bias puts bias + sum
@@ -275,9 +321,9 @@ ChannelQuantization TieChannels(int64_t sum, bool use_double) {
 }
 
 TEST(ConvCodesKernel, SumsBeyondFloatPrecisionStayExact) {
-  for (ConvGeometry g : {Geometry(1, 600, 3, 4, 2, 1, 1, 1, 0, 1, 1),
-                         Geometry(2, 66, 5, 6, 2, 3, 3, 1, 0, 1, 1),
-                         Geometry(1, 520, 5, 5, 2, 3, 3, 2, 0, 1, 1)}) {
+  for (ConvGeometry g :
+       {Geometry(1, 600, 3, 4, 2, 1, 1, 1, 0, 1, 1), Geometry(2, 66, 5, 6, 2, 3, 3, 1, 0, 1, 1),
+        Geometry(1, 520, 5, 5, 2, 3, 3, 2, 0, 1, 1)}) {
     g.pad_bottom = 0;  // no padding taps: every position has the same sum
     g.out_h = g.ConvOutH();
     std::vector<uint8_t> x(size_t(g.batch) * g.in_c * g.InPlane(), 255);

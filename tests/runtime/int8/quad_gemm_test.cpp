@@ -45,8 +45,8 @@ std::vector<uint8_t> Expected(const Case& c) {
 std::vector<uint8_t> Run(const Case& c, bool vector) {
   const int64_t kquads = QuadCount(c.k), panels = QuadPanels(c.rows);
   std::vector<int32_t> a(size_t(QuadWeightLanes(c.rows, c.k)));
-  PackQuadWeights(c.rows, c.k, [&](int r, int64_t k) { return c.w[size_t(r) * c.k + k]; },
-                  a.data());
+  PackQuadWeights(
+      c.rows, c.k, [&](int r, int64_t k) { return c.w[size_t(r) * c.k + k]; }, a.data());
   const int ldb = static_cast<int>(QuadColumnsPadded(c.np));
   std::vector<int32_t> b(size_t(std::max<int64_t>(1, kquads) * ldb), -1), colsum(ldb, -1);
   PackQuadColumns(c.x.data(), c.np, c.k, c.np, ldb, b.data(), colsum.data(), vector);
@@ -112,8 +112,8 @@ TEST(QuadGemm, MatchesTheReference) {
   // Rows beyond one panel and short of the next, reductions not a multiple
   // of 4, longer than one block of 256 quads, columns beyond one block of 32
   // and not a multiple of 16, and MobileNetV2's pointwise shapes.
-  const int shapes[][3] = {{1, 1, 1},    {8, 4, 32},   {9, 5, 17},  {16, 24, 49},
-                           {24, 144, 64}, {13, 27, 100}, {30, 1030, 70}, {7, 3000, 33},
+  const int shapes[][3] = {{1, 1, 1},     {8, 4, 32},     {9, 5, 17},     {16, 24, 49},
+                           {24, 144, 64}, {13, 27, 100},  {30, 1030, 70}, {7, 3000, 33},
                            {96, 16, 196}, {160, 960, 49}, {64, 384, 160}};
   for (const auto& s : shapes) {
     for (bool use_double : {false, true}) {
