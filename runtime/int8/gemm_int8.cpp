@@ -31,8 +31,9 @@ void CentreRun(const uint8_t* x, int64_t n, int32_t zero, float* out) {
 }
 
 void CentreCodes(const uint8_t* x, int64_t n, int32_t zero, float* out) {
-  ParallelFor(
-      n, [=](int64_t begin, int64_t end) { CentreRun(x + begin, end - begin, zero, out + begin); });
+  ParallelFor(n, [=](int64_t begin, int64_t end) {
+    CentreRun(x + begin, end - begin, zero, out + begin);
+  });
 }
 
 // acc (m x n, row stride n) = sum over k of a (m x k, row stride lda) times
@@ -103,8 +104,8 @@ void ExactProducts32(int m, int n, int k, const float* a, int lda, const float* 
                      float* product, int32_t* acc, int ldc) {
   for (int k0 = 0; k0 < k; k0 += kExactChunk) {
     const int kc = std::min(kExactChunk, k - k0);
-    SgemmTile(false, false, m, n, kc, 1.0f, a + k0, lda, b + int64_t(k0) * ldb, ldb, 0.0f, product,
-              ldc);
+    SgemmTile(false, false, m, n, kc, 1.0f, a + k0, lda, b + int64_t(k0) * ldb, ldb, 0.0f,
+              product, ldc);
     for (int r = 0; r < m; ++r)
       AddChunkRow(product + int64_t(r) * ldc, n, k0 == 0, acc + int64_t(r) * ldc);
   }
@@ -117,20 +118,13 @@ void ExactProducts32(int m, int n, int k, const float* a, int lda, const float* 
 
 const char* ConvPathName(ConvPath path) {
   switch (path) {
-    case ConvPath::kFloatGemm:
-      return "float GEMM";
-    case ConvPath::kShiftedGemm:
-      return "u8 x s8 GEMM";
-    case ConvPath::kFloatDepthwise:
-      return "float depthwise";
-    case ConvPath::kIntegerDepthwise:
-      return "integer depthwise";
-    case ConvPath::kIntegerDepthwisePortable:
-      return "integer depthwise, portable loops";
-    case ConvPath::kPairGemm:
-      return "pair GEMM";
-    case ConvPath::kQuadGemm:
-      return "quad GEMM (VNNI)";
+    case ConvPath::kFloatGemm: return "float GEMM";
+    case ConvPath::kShiftedGemm: return "u8 x s8 GEMM";
+    case ConvPath::kFloatDepthwise: return "float depthwise";
+    case ConvPath::kIntegerDepthwise: return "integer depthwise";
+    case ConvPath::kIntegerDepthwisePortable: return "integer depthwise, portable loops";
+    case ConvPath::kPairGemm: return "pair GEMM";
+    case ConvPath::kQuadGemm: return "quad GEMM (VNNI)";
   }
   return "?";
 }
@@ -139,19 +133,13 @@ bool ConvCodesKernel::CanRun(const ConvGeometry& g, ConvPath path) {
   const int64_t k = int64_t(g.InPerGroup()) * g.KernelArea();
   const bool depthwise = g.InPerGroup() == 1 && g.OutPerGroup() == 1;
   switch (path) {
-    case ConvPath::kFloatGemm:
-      return true;
-    case ConvPath::kShiftedGemm:
-      return !depthwise && k <= kMaxShiftedK && HaveExactU8S8Gemm();
-    case ConvPath::kFloatDepthwise:
-      return depthwise && g.KernelArea() <= kExactChunk;
+    case ConvPath::kFloatGemm: return true;
+    case ConvPath::kShiftedGemm: return !depthwise && k <= kMaxShiftedK && HaveExactU8S8Gemm();
+    case ConvPath::kFloatDepthwise: return depthwise && g.KernelArea() <= kExactChunk;
     case ConvPath::kIntegerDepthwise:
-    case ConvPath::kIntegerDepthwisePortable:
-      return DepthwiseCodesKernel::Fits(g);
-    case ConvPath::kPairGemm:
-      return !depthwise && k <= kMaxPairK;
-    case ConvPath::kQuadGemm:
-      return !depthwise && k <= kMaxQuadK && HaveQuadGemm();
+    case ConvPath::kIntegerDepthwisePortable: return DepthwiseCodesKernel::Fits(g);
+    case ConvPath::kPairGemm: return !depthwise && k <= kMaxPairK;
+    case ConvPath::kQuadGemm: return !depthwise && k <= kMaxQuadK && HaveQuadGemm();
   }
   return false;
 }
@@ -423,8 +411,8 @@ void ConvCodesKernel::RunPairs(const uint8_t* x, int32_t x_zero, const CodeWeigh
       }
       const int64_t first = block * pair_panel_block_;
       const int64_t count = std::min(pair_panel_block_, panels - first);
-      PairGemm(count, kpairs, w.pairs + (grp * panels + first) * kpairs * kPairRows, s.pairs.data(),
-               ldb, s.c32.data(), ldb, false);
+      PairGemm(count, kpairs, w.pairs + (grp * panels + first) * kpairs * kPairRows,
+               s.pairs.data(), ldb, s.c32.data(), ldb, false);
       const int64_t row_end = std::min<int64_t>(cout_g, (first + count) * kPairRows);
       for (int64_t m = first * kPairRows; m < row_end; ++m) {
         const int o = static_cast<int>(grp * cout_g + m);

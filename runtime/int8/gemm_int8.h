@@ -97,12 +97,12 @@ constexpr int64_t kMaxShiftedK = 65536;
 // How a convolution on codes runs (every path gives the reference kernel's
 // bits; Reshape picks the fastest one that is exact on this CPU):
 enum class ConvPath {
-  kFloatGemm,                 // im2col tiles times centred float weights, exact chunks
-  kShiftedGemm,               // im2col tiles on the u8 x s8 GEMM (HaveExactU8S8Gemm)
-  kFloatDepthwise,            // the float depthwise kernel on centred codes (<= 256 taps)
-  kIntegerDepthwise,          // DepthwiseCodesKernel (depthwise_int8.h), on every CPU
+  kFloatGemm,         // im2col tiles times centred float weights, exact chunks
+  kShiftedGemm,       // im2col tiles on the u8 x s8 GEMM (HaveExactU8S8Gemm)
+  kFloatDepthwise,    // the float depthwise kernel on centred codes (<= 256 taps)
+  kIntegerDepthwise,  // DepthwiseCodesKernel (depthwise_int8.h), on every CPU
   kIntegerDepthwisePortable,  // the same without its AVX-512 loop (for tests)
-  kPairGemm,                  // im2col tiles of centred codes on the 16-bit pair GEMM (pair_gemm.h)
+  kPairGemm,  // im2col tiles of centred codes on the 16-bit pair GEMM (pair_gemm.h)
   kQuadGemm,  // im2col tiles of codes on the VNNI quad GEMM, requantized in registers
 };
 const char* ConvPathName(ConvPath path);

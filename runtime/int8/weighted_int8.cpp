@@ -88,12 +88,8 @@ CodeWeights WeightedInt8Layer::KernelWeights(WeightForm form) {
   const bool shifts = ShiftsWeights();
   bool present = false;
   switch (form) {
-    case WeightForm::kCentred:
-      present = GetFloatAttrDatas().count("weight_centered") != 0;
-      break;
-    case WeightForm::kPairs:
-      present = GetInt32AttrDatas().count("weight_pairs") != 0;
-      break;
+    case WeightForm::kCentred: present = GetFloatAttrDatas().count("weight_centered") != 0; break;
+    case WeightForm::kPairs: present = GetInt32AttrDatas().count("weight_pairs") != 0; break;
     case WeightForm::kQuads:
       present =
           GetInt32AttrDatas().count("weight_quads") && GetInt32AttrDatas().count("weight_sum");
@@ -136,19 +132,22 @@ void WeightedInt8Layer::BuildKernelWeights(WeightForm form) {
     const int groups = std::max(1, WeightGroups());
     const int per_group = out / groups;
     const int64_t lanes = PairWeightLanes(per_group, k_dim);
-    Data<int>* pairs = Attr(GetInt32AttrDatas(), "weight_pairs", {groups, static_cast<int>(lanes)});
+    Data<int>* pairs = Attr(GetInt32AttrDatas(), "weight_pairs",
+                            {groups, static_cast<int>(lanes)});
     const uint8_t* w = codes->GetCpuData();
     for (int grp = 0; grp < groups; ++grp) {
       const int first = grp * per_group;
       PackPairWeights(
           per_group, k_dim, q_.weight_zero.data() + first,
-          [&](int r, int64_t k) { return w[at(first + r, k)]; }, pairs->GetCpuData() + grp * lanes);
+          [&](int r, int64_t k) { return w[at(first + r, k)]; },
+          pairs->GetCpuData() + grp * lanes);
     }
   } else if (form == WeightForm::kQuads) {
     const int groups = std::max(1, WeightGroups());
     const int per_group = out / groups;
     const int64_t lanes = QuadWeightLanes(per_group, k_dim);
-    Data<int>* quads = Attr(GetInt32AttrDatas(), "weight_quads", {groups, static_cast<int>(lanes)});
+    Data<int>* quads = Attr(GetInt32AttrDatas(), "weight_quads",
+                            {groups, static_cast<int>(lanes)});
     const uint8_t* w = codes->GetCpuData();
     for (int grp = 0; grp < groups; ++grp) {
       const int first = grp * per_group;

@@ -52,13 +52,10 @@ ConvGeometry Geometry(int n, int c, int h, int w, int m, int kh, int kw, int s, 
   return g;
 }
 
-constexpr ConvPath kAllPaths[] = {ConvPath::kFloatGemm,
-                                  ConvPath::kShiftedGemm,
-                                  ConvPath::kFloatDepthwise,
-                                  ConvPath::kIntegerDepthwise,
-                                  ConvPath::kIntegerDepthwisePortable,
-                                  ConvPath::kPairGemm,
-                                  ConvPath::kQuadGemm};
+constexpr ConvPath kAllPaths[] = {ConvPath::kFloatGemm, ConvPath::kShiftedGemm,
+                                   ConvPath::kFloatDepthwise, ConvPath::kIntegerDepthwise,
+                                   ConvPath::kIntegerDepthwisePortable, ConvPath::kPairGemm,
+                                   ConvPath::kQuadGemm};
 
 // The weights [out_c][k] packed in pairs, panels per group, as the 8-bit
 // convolution layer packs them.
@@ -159,8 +156,7 @@ TEST(ConvCodesKernel, SaysWhichGemmRuns) {
   // Reductions whose int32 sums could overflow (K > 33025) stay off the
   // pair GEMM: 3669 * 9 = 33021 runs on it, 3670 * 9 = 33030 does not.
   EXPECT_TRUE(kernel.ReshapeFor(Geometry(1, 3669, 3, 3, 2, 3, 3, 1, 0, 1, 1), ConvPath::kPairGemm));
-  EXPECT_FALSE(
-      kernel.ReshapeFor(Geometry(1, 3670, 3, 3, 2, 3, 3, 1, 0, 1, 1), ConvPath::kPairGemm));
+  EXPECT_FALSE(kernel.ReshapeFor(Geometry(1, 3670, 3, 3, 2, 3, 3, 1, 0, 1, 1), ConvPath::kPairGemm));
   kernel.Reshape(Geometry(1, 3670, 3, 3, 2, 3, 3, 1, 0, 1, 1));
   EXPECT_NE(kernel.Path(), ConvPath::kPairGemm);
   kernel.Reshape(Geometry(1, 8, 6, 6, 4, 3, 3, 1, 1, 1, 1), false);
@@ -172,8 +168,8 @@ TEST(ConvCodesKernel, SaysWhichGemmRuns) {
   EXPECT_EQ(kernel.Path(), ConvPath::kIntegerDepthwise);
   std::printf("8-bit GEMM here: %s\n", HaveQuadGemm()        ? "quads (VNNI)"
                                        : HaveExactU8S8Gemm() ? "u8 x s8 (VNNI)"
-                                       : HaveFastPairGemm()  ? "16-bit pairs"
-                                                             : "float");
+                                       : HaveFastPairGemm() ? "16-bit pairs"
+                                                            : "float");
 }
 
 TEST(ConvCodesKernel, MatchesTheReferenceOnRealShapes) {
