@@ -187,6 +187,20 @@ inline uint64_t BitRange(int64_t lo, int64_t hi) {
   return upto & ~((uint64_t(1) << lo) - 1);
 }
 
+// dst (rows of `width` codes, back to back) = rows of src (stride `ld`):
+// masked vector moves rather than a call per short row.
+__attribute__((target("avx512f,avx512bw"))) void CopyRowsAvx512(const uint8_t* src, int64_t ld,
+                                                                int rows, int width, uint8_t* dst) {
+  for (int r = 0; r < rows; ++r) {
+    const uint8_t* from = src + r * ld;
+    uint8_t* to = dst + int64_t(r) * width;
+    for (int c = 0; c < width; c += 64) {
+      const __mmask64 k = width - c >= 64 ? ~__mmask64(0) : (__mmask64(1) << (width - c)) - 1;
+      _mm512_mask_storeu_epi8(to + c, k, _mm512_maskz_loadu_epi8(k, from + c));
+    }
+  }
+}
+
 #if !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
@@ -371,9 +385,7 @@ void DepthwisePlane(const PlaneJob& j) {
       DotCodesAvx512(j.plane + int64_t(oy) * pw, j.quad_offsets, j.quad_count, j.quad_weights,
                      start, j.r->multiplier, j.r->shift, j.y_zero, count, dst);
       if (j.table != nullptr) LookupCodes(j.table, dst, dst, count);
-      if (pw == ow) continue;
-      for (int rr = 0; rr < rows; ++rr)
-        std::memcpy(j.y + int64_t(oy + rr) * ow, j.codes + int64_t(rr) * pw, size_t(ow));
+      if (pw != ow) CopyRowsAvx512(j.codes, pw, rows, ow, j.y + int64_t(oy) * ow);
     }
     return;
   }
@@ -393,9 +405,7 @@ void DepthwisePlane(const PlaneJob& j) {
       uint8_t* dst = pw == ow ? j.y + int64_t(oy) * ow : j.codes;
       Codes9Avx512(src, j.w, start, r.multiplier, r.shift, j.y_zero, count, dst);
       if (j.table != nullptr) LookupCodes(j.table, dst, dst, count);
-      if (pw == ow) continue;
-      for (int rr = 0; rr < rows; ++rr)
-        std::memcpy(j.y + int64_t(oy + rr) * ow, j.codes + int64_t(rr) * pw, size_t(ow));
+      if (pw != ow) CopyRowsAvx512(j.codes, pw, rows, ow, j.y + int64_t(oy) * ow);
     }
     return;
   }
@@ -455,16 +465,18 @@ void DepthwiseCodesKernel::Reshape(const ConvGeometry& g, int threads, bool intr
   }
   quad_offsets_.clear();
   for (const TapQuad& q : quads_) quad_offsets_.push_back(q.offset);
+  weights_.resize(static_cast<size_t>(int64_t(g.out_c) * g.KernelArea()));
+  quad_weights_.resize(2 * quads_.size() * static_cast<size_t>(g.out_c));
+  start_.resize(static_cast<size_t>(g.out_c));
+  dot_.resize(static_cast<size_t>(g.out_c));
   slots_.resize(static_cast<size_t>(std::max(1, threads)));
   for (Slot& s : slots_) {
     // Slack for the last steps of the vector fill (64 codes) and of the
     // dot-product loop (67), zeros or the zero point.
     s.plane.assign(static_cast<size_t>(int64_t(g.stride_h) * g.stride_w * sub_h_ * sub_w_ + 128),
                    0);
-    s.quads.resize(2 * quads_.size());
     s.row.resize(static_cast<size_t>(int64_t(rows_per_block_) * sub_w_));
     s.codes.resize(s.row.size());
-    s.weights.resize(static_cast<size_t>(g.KernelArea()));
   }
 }
 
@@ -474,41 +486,50 @@ void DepthwiseCodesKernel::Run(const uint8_t* x, int32_t x_zero, const uint8_t* 
   const int64_t taps = g.KernelArea(), in_plane = g.InPlane(), out_plane = g.OutPlane();
   const int per_group = g.OutPerGroup();
   const int64_t items = int64_t(g.batch) * g.out_c;
-  ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
-    Slot& s = slots_[slot];
-    const int o = static_cast<int>(item % g.out_c);
-    const int64_t n = item / g.out_c;
+  const int64_t quads = static_cast<int64_t>(quads_.size());
+  // Each channel's centred weights, start value and split quads, once per
+  // run rather than once per plane.
+  const bool vnni = intrinsics_ && HaveQuadGemm();
+  for (int o = 0; o < g.out_c; ++o) {
     const int32_t zw = q.weight_zero[o];
+    int32_t* cw = weights_.data() + o * taps;
     int32_t sum = 0;
+    int32_t most = INT32_MIN;
     for (int64_t t = 0; t < taps; ++t) {
-      s.weights[t] = int32_t(w[o * taps + t]) - zw;
-      sum += s.weights[t];
+      cw[t] = int32_t(w[o * taps + t]) - zw;
+      sum += cw[t];
+      most = std::max(most, cw[t]);
     }
-    PlaneJob j;
+    start_[o] = -x_zero * sum;
     // The dot products need the VNNI loop, a lane-form multiplier, a bias
     // that cannot saturate, and centred weights below 255 (two int8 halves).
     const Requantizer& r = q.requantizer[o];
     const int64_t limit = INT32_MAX - 65025 * taps;
-    j.dot = intrinsics_ && HaveQuadGemm() && !r.saturate && !r.use_double && r.shift >= 33 &&
-            r.multiplier != 0 && q.bias[o] >= -limit && q.bias[o] <= limit;
-    for (int64_t t = 0; t < taps && j.dot; ++t) j.dot = s.weights[t] <= 254;
-    if (j.dot) {
-      for (size_t i = 0; i < quads_.size(); ++i) {
-        uint32_t a = 0, b = 0;
-        for (int k = 0; k < 4; ++k) {
-          const int tap = quads_[i].tap[k];
-          const int32_t c = tap >= 0 ? s.weights[tap] : 0;
-          const int32_t lo = c >> 1;  // floor: c = lo + (c - lo), both in int8
-          a |= uint32_t(uint8_t(int8_t(lo))) << (8 * k);
-          b |= uint32_t(uint8_t(int8_t(c - lo))) << (8 * k);
-        }
-        s.quads[2 * i] = static_cast<int32_t>(a);
-        s.quads[2 * i + 1] = static_cast<int32_t>(b);
+    dot_[o] = vnni && !r.saturate && !r.use_double && r.shift >= 33 && r.multiplier != 0 &&
+              q.bias[o] >= -limit && q.bias[o] <= limit && most <= 254;
+    if (!dot_[o]) continue;
+    for (int64_t i = 0; i < quads; ++i) {
+      uint32_t a = 0, b = 0;
+      for (int k = 0; k < 4; ++k) {
+        const int tap = quads_[i].tap[k];
+        const int32_t c = tap >= 0 ? cw[tap] : 0;
+        const int32_t lo = c >> 1;  // floor: c = lo + (c - lo), both in int8
+        a |= uint32_t(uint8_t(int8_t(lo))) << (8 * k);
+        b |= uint32_t(uint8_t(int8_t(c - lo))) << (8 * k);
       }
+      quad_weights_[2 * (o * quads + i)] = static_cast<int32_t>(a);
+      quad_weights_[2 * (o * quads + i) + 1] = static_cast<int32_t>(b);
     }
-    j.quad_count = static_cast<int>(quads_.size());
+  }
+  ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
+    Slot& s = slots_[slot];
+    const int o = static_cast<int>(item % g.out_c);
+    const int64_t n = item / g.out_c;
+    PlaneJob j;
+    j.dot = dot_[o] != 0;
+    j.quad_count = static_cast<int>(quads);
     j.quad_offsets = quad_offsets_.data();
-    j.quad_weights = s.quads.data();
+    j.quad_weights = quad_weights_.data() + 2 * o * quads;
     j.g = &g;
     j.sub_h = sub_h_;
     j.sub_w = sub_w_;
@@ -517,8 +538,8 @@ void DepthwiseCodesKernel::Run(const uint8_t* x, int32_t x_zero, const uint8_t* 
     j.taps = taps_.data();
     j.x = x + (n * g.in_c + o / per_group) * in_plane;
     j.x_zero = x_zero;
-    j.w = s.weights.data();
-    j.start = -x_zero * sum;
+    j.w = weights_.data() + o * taps;
+    j.start = start_[o];
     j.bias = q.bias[o];
     j.r = &q.requantizer[o];
     j.y_zero = q.output_zero;

@@ -43,7 +43,7 @@ class DepthwiseCodesKernel {
  private:
   struct Slot {
     std::vector<uint8_t> plane, codes;
-    std::vector<int32_t> row, weights, quads;
+    std::vector<int32_t> row;
   };
   ConvGeometry g_;
   bool intrinsics_ = true;
@@ -58,6 +58,10 @@ class DepthwiseCodesKernel {
   };
   std::vector<TapQuad> quads_;
   std::vector<int64_t> quad_offsets_;
+  // Per channel, made at each run: centred weights [out_c][taps], split
+  // quads [out_c][quads][2], start values, whether the dot products run.
+  std::vector<int32_t> weights_, quad_weights_, start_;
+  std::vector<uint8_t> dot_;
   std::vector<Slot> slots_;
 };
 
