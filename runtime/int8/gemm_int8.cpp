@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 
 #include "runtime/int8/requantize.h"
 #include "runtime/kernels/conv_depthwise.h"
@@ -187,6 +188,7 @@ void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
       std::max<int64_t>(32, std::min<int64_t>(1024, (int64_t(1) << 18) / std::max<int64_t>(k, 1)));
   tile_ = static_cast<int>(std::max<int64_t>(1, std::min(tile, plane)));
   const int threads = std::max(1, ParallelThreads());
+  quad_flat_ = false;
   if (quads) {
     // Tiles of whole 32-column blocks whose packed quads take about 128 KB,
     // and at least four per thread where the positions allow (batch 1,
@@ -200,6 +202,16 @@ void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
     const int64_t small = (plane + want - 1) / want;
     tile = std::min(tile, std::max<int64_t>(kQuadColumns, QuadColumnsPadded(small)));
     tile_ = static_cast<int>(std::max<int64_t>(1, std::min(tile, plane)));
+    // Planes that leave part of their last 32-column block empty (7 x 7:
+    // 49 of 64) at batch > 1: tiles run on across the images instead.
+    const int64_t total = int64_t(g.batch) * plane;
+    quad_flat_ = g.batch > 1 && plane % kQuadColumns != 0 && plane < 1024;
+    if (quad_flat_) {
+      const int64_t parts = std::max<int64_t>(1, (4 * threads + g.group - 1) / g.group);
+      tile = std::min(tile, std::max<int64_t>(kQuadColumns,
+                                              QuadColumnsPadded((total + parts - 1) / parts)));
+      tile_ = static_cast<int>(std::min(tile, total));
+    }
   }
   const size_t inputs = static_cast<size_t>(int64_t(g.batch) * g.in_c * g.InPlane());
   const bool centres = path == ConvPath::kFloatGemm || depthwise;
@@ -209,7 +221,9 @@ void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
   depthwise_scratch_.resize(depthwise ? DepthwiseScratchFloats(g) * slots_.size() : 0);
   if (path == ConvPath::kIntegerDepthwise || path == ConvPath::kIntegerDepthwisePortable)
     integer_depthwise_.Reshape(g, threads, path == ConvPath::kIntegerDepthwise);
-  const int64_t tiles_total = int64_t(g.batch) * g.group * ((plane + tile_ - 1) / tile_);
+  const int64_t tiles_total =
+      quads && quad_flat_ ? g.group * ((int64_t(g.batch) * plane + tile_ - 1) / tile_)
+                          : int64_t(g.batch) * g.group * ((plane + tile_ - 1) / tile_);
   const int64_t panels = quads ? QuadPanels(g.OutPerGroup()) : PairPanels(g.OutPerGroup());
   pair_blocks_ = 1;
   if ((pairs || quads) && tiles_total < 2 * threads)
@@ -221,11 +235,14 @@ void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
   for (Slot& s : slots_) {
     s = Slot();
     if (quads) {
-      const int64_t ldb = QuadColumnsPadded(tile_);
+      // Room for the last image's columns packed 16 at a time past the
+      // tile (flat tiles), and the codes of a tile spanning images.
+      const int64_t ldb = QuadColumnsPadded(tile_ + (quad_flat_ ? 15 : 0));
       s.col8.resize(pointwise_ ? 0 : static_cast<size_t>(k * tile_));
       s.quads.resize(static_cast<size_t>(std::max<int64_t>(1, QuadCount(k)) * ldb));
       s.colsum.resize(static_cast<size_t>(ldb));
       s.c32.resize(static_cast<size_t>(pair_panel_block_ * kQuadRows * ldb));
+      s.codes.resize(quad_flat_ ? static_cast<size_t>(pair_panel_block_ * kQuadRows * ldb) : 0);
       continue;
     }
     if (pairs) {
@@ -431,27 +448,53 @@ void ConvCodesKernel::RunQuads(const uint8_t* x, int32_t x_zero, const CodeWeigh
   const int k = static_cast<int>(int64_t(cin_g) * g.KernelArea());
   const int64_t kquads = QuadCount(k), panels = QuadPanels(cout_g);
   const int64_t plane = g.OutPlane(), in_plane = g.InPlane();
-  const int64_t tiles = (plane + tile_ - 1) / tile_;
-  const int64_t items = int64_t(g.batch) * g.group * tiles * pair_blocks_;
+  // Tiles of positions n * plane + p of one group: within one image, or
+  // (quad_flat_) running on across images.
+  const int64_t total = int64_t(g.batch) * plane;
+  const int64_t flat_tiles = (total + tile_ - 1) / tile_;
+  const int64_t tiles = quad_flat_ ? g.group * flat_tiles
+                                   : int64_t(g.batch) * g.group * ((plane + tile_ - 1) / tile_);
+  const int64_t items = tiles * pair_blocks_;
   for (int o = 0; o < g.out_c; ++o)
     quad_rows_[o] = MakeQuadRow(k, x_zero, q.weight_zero[o], w.code_sum[o], q.bias[o],
                                 q.requantizer[o], q.output_zero);
   ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
     Slot& s = slots_[slot];
     const int64_t block = item % pair_blocks_;
-    const Tile tile = TileOf(item / pair_blocks_);
-    const int n = tile.n, grp = tile.group, np = tile.count;
-    const int64_t p0 = tile.first;
-    const int ldb = static_cast<int>(QuadColumnsPadded(np));
-    const uint8_t* xg = x + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * in_plane;
-    // The tile's patches (padding: the input zero point, real zero) packed
-    // in quads, and their sums per position.
-    if (pointwise_) {
-      PackQuadColumns(xg + p0, in_plane, k, np, ldb, s.quads.data(), s.colsum.data());
+    int grp = 0, np = 0;
+    int64_t f0 = 0;
+    if (quad_flat_) {
+      const int64_t t = item / pair_blocks_;
+      grp = static_cast<int>(t / flat_tiles);
+      f0 = t % flat_tiles * tile_;
+      np = static_cast<int>(std::min<int64_t>(tile_, total - f0));
     } else {
-      uint8_t* col = reinterpret_cast<uint8_t*>(s.col8.data());
-      Im2colTileOf<uint8_t>(g, xg, p0, np, static_cast<uint8_t>(x_zero), col);
-      PackQuadColumns(col, np, k, np, ldb, s.quads.data(), s.colsum.data());
+      const Tile tile = TileOf(item / pair_blocks_);
+      grp = tile.group;
+      np = tile.count;
+      f0 = int64_t(tile.n) * plane + tile.first;
+    }
+    const int ldb = static_cast<int>(QuadColumnsPadded(np + (quad_flat_ ? 15 : 0)));
+    // The tile's patches (padding: the input zero point, real zero) packed
+    // in quads, and their sums per position, one image's run at a time (a
+    // run's last 16 columns may spill into the next run, packed after it).
+    bool single = true;
+    for (int64_t f = f0, at = 0; f < f0 + np;) {
+      const int64_t n = f / plane, p = f % plane;
+      const int cnt = static_cast<int>(std::min(plane - p, f0 + np - f));
+      const int extent = f == f0 && f + cnt == f0 + np ? ldb : (cnt + 15) / 16 * 16;
+      single = single && f == f0 && f + cnt == f0 + np;
+      const uint8_t* xg = x + (n * g.in_c + int64_t(grp) * cin_g) * in_plane;
+      int32_t* dst = s.quads.data() + at;
+      if (pointwise_) {
+        PackQuadColumns(xg + p, in_plane, k, cnt, extent, ldb, dst, s.colsum.data() + at);
+      } else {
+        uint8_t* col = reinterpret_cast<uint8_t*>(s.col8.data());
+        Im2colTileOf<uint8_t>(g, xg, p, cnt, static_cast<uint8_t>(x_zero), col);
+        PackQuadColumns(col, cnt, k, cnt, extent, ldb, dst, s.colsum.data() + at);
+      }
+      f += cnt;
+      at += cnt;
     }
     const int64_t first = block * pair_panel_block_;
     const int64_t count = std::min(pair_panel_block_, panels - first);
@@ -460,15 +503,31 @@ void ConvCodesKernel::RunQuads(const uint8_t* x, int32_t x_zero, const CodeWeigh
     QuadOutput out;
     out.rows = quad_rows_.data() + o0;
     out.row_count = static_cast<int>(std::min<int64_t>(cout_g - row0, count * kQuadRows));
-    out.y = y + (int64_t(n) * g.out_c + o0) * plane + p0;
-    out.y_stride = plane;
+    if (single) {
+      out.y = y + ((f0 / plane) * g.out_c + o0) * plane + f0 % plane;
+      out.y_stride = plane;
+    } else {  // codes of a tile spanning images, moved to their planes below
+      out.y = s.codes.data();
+      out.y_stride = ldb;
+    }
     QuadGemm(count, kquads, w.quads + (grp * panels + first) * kquads * kQuadRows, s.quads.data(),
              ldb, s.colsum.data(), np, s.c32.data(), out);
     // Rows whose multipliers the lane form does not cover.
     for (int r = 0; r < out.row_count; ++r) {
       if (out.rows[r].kind != kQuadRaw) continue;
       RequantizeRow32(s.c32.data() + int64_t(r) * ldb, np, q.bias[o0 + r], q.requantizer[o0 + r],
-                      q.output_zero, out.y + r * plane);
+                      q.output_zero, out.y + r * out.y_stride);
+    }
+    if (single) return;
+    for (int r = 0; r < out.row_count; ++r) {
+      for (int64_t f = f0, at = 0; f < f0 + np;) {
+        const int64_t n = f / plane, p = f % plane;
+        const int64_t cnt = std::min(plane - p, f0 + np - f);
+        std::memcpy(y + (n * g.out_c + o0 + r) * plane + p, s.codes.data() + r * ldb + at,
+                    static_cast<size_t>(cnt));
+        f += cnt;
+        at += cnt;
+      }
     }
   });
 }

@@ -141,6 +141,7 @@ class ConvCodesKernel {
     std::vector<int64_t> acc;
     std::vector<int8_t> col8;
     std::vector<int32_t> c32, colsum, pairs, quads;
+    std::vector<uint8_t> codes;
   };
   // A work item: positions [first, first + count) of one group of one image.
   struct Tile {
@@ -166,6 +167,7 @@ class ConvCodesKernel {
   // panels where the tiles alone would leave threads idle.
   int64_t pair_blocks_ = 1, pair_panel_block_ = 1;
   std::vector<QuadRow> quad_rows_;  // per output channel, made per run
+  bool quad_flat_ = false;          // quad tiles run on across images
   std::vector<float> centred_x_;
   std::vector<float> depthwise_out_, depthwise_scratch_;
   std::vector<Slot> slots_;

@@ -186,18 +186,18 @@ QZDL_VNNI_TARGET void PanelVnni(int64_t kc, const int32_t* a, const int32_t* b, 
 
 // Columns [p, p + 64) of quad kq: four rows of codes interleaved byte by
 // byte (lane j holds the four codes of column j), and their sums.
-QZDL_VNNI_TARGET void PackColumnsVnni(const uint8_t* src, int64_t ld, int k, int np, int ldb,
-                                      int32_t* dst, int32_t* colsum) {
+QZDL_VNNI_TARGET void PackColumnsVnni(const uint8_t* src, int64_t ld, int k, int np, int extent,
+                                      int ldb, int32_t* dst, int32_t* colsum) {
   const int64_t kquads = QuadCount(k);
   const __m512i ones = _mm512_set1_epi8(1);
-  for (int p = 0; p < ldb; p += 64) {
+  for (int p = 0; p < extent; p += 64) {
     const int left = np - p;
     const __mmask64 mask = left >= 64 ? ~__mmask64(0)
                            : left > 0 ? (__mmask64(1) << left) - 1
                                       : __mmask64(0);
     __m512i sum[4] = {_mm512_setzero_si512(), _mm512_setzero_si512(), _mm512_setzero_si512(),
                       _mm512_setzero_si512()};
-    const int vectors = std::min(4, (ldb - p) / 16);
+    const int vectors = std::min(4, (extent - p) / 16);
     for (int64_t kq = 0; kq < kquads; ++kq) {
       __m512i r[4];
       for (int t = 0; t < 4; ++t) {
@@ -274,17 +274,17 @@ QuadRow MakeQuadRow(int64_t k, int32_t x_zero, int32_t w_zero, int32_t w_code_su
   return p;
 }
 
-void PackQuadColumns(const uint8_t* src, int64_t ld, int k, int np, int ldb, int32_t* dst,
-                     int32_t* colsum, bool vector) {
+void PackQuadColumns(const uint8_t* src, int64_t ld, int k, int np, int extent, int ldb,
+                     int32_t* dst, int32_t* colsum, bool vector) {
 #if defined(QZDL_QUAD_X86)
-  if (vector && HaveQuadGemm()) return PackColumnsVnni(src, ld, k, np, ldb, dst, colsum);
+  if (vector && HaveQuadGemm()) return PackColumnsVnni(src, ld, k, np, extent, ldb, dst, colsum);
 #endif
   (void)vector;
   const int64_t kquads = QuadCount(k);
-  std::fill(colsum, colsum + ldb, 0);
+  std::fill(colsum, colsum + extent, 0);
   for (int64_t kq = 0; kq < kquads; ++kq) {
     int32_t* to = dst + kq * ldb;
-    for (int p = 0; p < ldb; ++p) {
+    for (int p = 0; p < extent; ++p) {
       uint32_t lane = 0;
       for (int t = 0; t < 4; ++t) {
         const int64_t row = 4 * kq + t;

@@ -76,11 +76,11 @@ void PackQuadWeights(int rows, int64_t k_dim, Code code, int32_t* packed) {
 bool HaveQuadGemm();
 
 // dst [kquads][ldb] = quads of the codes src[k][p] (rows of `ld` codes) for
-// p < np, and colsum[p] = the sum over k of src[k][p] for p < ldb; columns
-// [np, ldb) and bytes past k are 0. `vector` false keeps the portable loop
-// (tests).
-void PackQuadColumns(const uint8_t* src, int64_t ld, int k, int np, int ldb, int32_t* dst,
-                     int32_t* colsum, bool vector = true);
+// p < np, and colsum[p] = the sum over k of src[k][p]; columns [np, extent)
+// and bytes past k are 0, columns from `extent` (a multiple of 16, at most
+// ldb) are not written. `vector` false keeps the portable loop (tests).
+void PackQuadColumns(const uint8_t* src, int64_t ld, int k, int np, int extent, int ldb,
+                     int32_t* dst, int32_t* colsum, bool vector = true);
 
 // How the sums of one output row become codes.
 enum QuadRowKind : int32_t {

@@ -183,6 +183,7 @@ TEST(ConvCodesKernel, MatchesTheReferenceOnRealShapes) {
     ExpectConvMatchesReference(Geometry(batch, 48, 14, 14, 32, 1, 1, 2, 0, 1, 1), seed++);
     // MobileNetV2: pointwise expansion and projection, depthwise 3x3 and 3x3/2.
     ExpectConvMatchesReference(Geometry(batch, 24, 14, 14, 144, 1, 1, 1, 0, 1, 1), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 160, 7, 7, 40, 1, 1, 1, 0, 1, 1), seed++);
     ExpectConvMatchesReference(Geometry(batch, 32, 10, 10, 32, 3, 3, 1, 1, 1, 32), seed++);
     ExpectConvMatchesReference(Geometry(batch, 40, 13, 13, 40, 3, 3, 2, 1, 1, 40), seed++);
   }

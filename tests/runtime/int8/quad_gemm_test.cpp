@@ -49,7 +49,7 @@ std::vector<uint8_t> Run(const Case& c, bool vector) {
       c.rows, c.k, [&](int r, int64_t k) { return c.w[size_t(r) * c.k + k]; }, a.data());
   const int ldb = static_cast<int>(QuadColumnsPadded(c.np));
   std::vector<int32_t> b(size_t(std::max<int64_t>(1, kquads) * ldb), -1), colsum(ldb, -1);
-  PackQuadColumns(c.x.data(), c.np, c.k, c.np, ldb, b.data(), colsum.data(), vector);
+  PackQuadColumns(c.x.data(), c.np, c.k, c.np, ldb, ldb, b.data(), colsum.data(), vector);
   std::vector<QuadRow> rows(c.rows);
   for (int o = 0; o < c.rows; ++o) {
     int32_t sum = 0;
