@@ -488,9 +488,10 @@ void DepthwiseCodesKernel::Run(const uint8_t* x, int32_t x_zero, const uint8_t* 
   const int64_t items = int64_t(g.batch) * g.out_c;
   const int64_t quads = static_cast<int64_t>(quads_.size());
   // Each channel's centred weights, start value and split quads, once per
-  // run rather than once per plane.
+  // run rather than once per plane: before the planes at batch > 1, in the
+  // channel's one plane at batch 1 (so that both threads share the work).
   const bool vnni = intrinsics_ && HaveQuadGemm();
-  for (int o = 0; o < g.out_c; ++o) {
+  auto prepare = [&](int o) {
     const int32_t zw = q.weight_zero[o];
     int32_t* cw = weights_.data() + o * taps;
     int32_t sum = 0;
@@ -507,7 +508,7 @@ void DepthwiseCodesKernel::Run(const uint8_t* x, int32_t x_zero, const uint8_t* 
     const int64_t limit = INT32_MAX - 65025 * taps;
     dot_[o] = vnni && !r.saturate && !r.use_double && r.shift >= 33 && r.multiplier != 0 &&
               q.bias[o] >= -limit && q.bias[o] <= limit && most <= 254;
-    if (!dot_[o]) continue;
+    if (!dot_[o]) return;
     for (int64_t i = 0; i < quads; ++i) {
       uint32_t a = 0, b = 0;
       for (int k = 0; k < 4; ++k) {
@@ -520,11 +521,15 @@ void DepthwiseCodesKernel::Run(const uint8_t* x, int32_t x_zero, const uint8_t* 
       quad_weights_[2 * (o * quads + i)] = static_cast<int32_t>(a);
       quad_weights_[2 * (o * quads + i) + 1] = static_cast<int32_t>(b);
     }
+  };
+  if (g.batch > 1) {
+    for (int o = 0; o < g.out_c; ++o) prepare(o);
   }
   ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
     Slot& s = slots_[slot];
     const int o = static_cast<int>(item % g.out_c);
     const int64_t n = item / g.out_c;
+    if (g.batch == 1) prepare(o);
     PlaneJob j;
     j.dot = dot_[o] != 0;
     j.quad_count = static_cast<int>(quads);

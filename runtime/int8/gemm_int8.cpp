@@ -226,8 +226,10 @@ void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
                           : int64_t(g.batch) * g.group * ((plane + tile_ - 1) / tile_);
   const int64_t panels = quads ? QuadPanels(g.OutPerGroup()) : PairPanels(g.OutPerGroup());
   pair_blocks_ = 1;
-  if ((pairs || quads) && tiles_total < 2 * threads)
-    pair_blocks_ = std::min<int64_t>(panels, (2 * threads + tiles_total - 1) / tiles_total);
+  // The quad GEMM's tiles are cheap to pack again: four items per thread.
+  const int64_t items_wanted = (quads ? 4 : 2) * threads;
+  if ((pairs || quads) && tiles_total < items_wanted)
+    pair_blocks_ = std::min<int64_t>(panels, (items_wanted + tiles_total - 1) / tiles_total);
   pair_blocks_ = std::max<int64_t>(pair_blocks_, 1);
   pair_panel_block_ = (panels + pair_blocks_ - 1) / pair_blocks_;
   pair_blocks_ = std::max<int64_t>(1, (panels + pair_panel_block_ - 1) / pair_panel_block_);
