@@ -234,6 +234,13 @@ void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
   pair_panel_block_ = (panels + pair_blocks_ - 1) / pair_blocks_;
   pair_blocks_ = std::max<int64_t>(1, (panels + pair_panel_block_ - 1) / pair_panel_block_);
   quad_rows_.resize(quads ? static_cast<size_t>(g.out_c) : 0);
+  const bool shared = quads && pair_blocks_ > 1;
+  const int64_t quad_ldb = QuadColumnsPadded(tile_ + (quad_flat_ ? 15 : 0));
+  shared_quads_stride_ = shared ? std::max<int64_t>(1, QuadCount(k)) * quad_ldb : 0;
+  shared_colsum_stride_ = shared ? quad_ldb : 0;
+  shared_quads_.resize(static_cast<size_t>(shared ? tiles_total * shared_quads_stride_ : 0));
+  shared_colsum_.resize(static_cast<size_t>(shared ? tiles_total * shared_colsum_stride_ : 0));
+  shared_single_.resize(static_cast<size_t>(shared ? tiles_total : 0));
   for (Slot& s : slots_) {
     s = Slot();
     if (quads) {
@@ -460,26 +467,29 @@ void ConvCodesKernel::RunQuads(const uint8_t* x, int32_t x_zero, const CodeWeigh
   for (int o = 0; o < g.out_c; ++o)
     quad_rows_[o] = MakeQuadRow(k, x_zero, q.weight_zero[o], w.code_sum[o], q.bias[o],
                                 q.requantizer[o], q.output_zero);
-  ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
-    Slot& s = slots_[slot];
-    const int64_t block = item % pair_blocks_;
-    int grp = 0, np = 0;
-    int64_t f0 = 0;
+  // Tile t: its group, first position and count, and row stride of packed
+  // quads.
+  auto tile_of = [&](int64_t t, int& grp, int64_t& f0, int& np, int& ldb) {
     if (quad_flat_) {
-      const int64_t t = item / pair_blocks_;
       grp = static_cast<int>(t / flat_tiles);
       f0 = t % flat_tiles * tile_;
       np = static_cast<int>(std::min<int64_t>(tile_, total - f0));
     } else {
-      const Tile tile = TileOf(item / pair_blocks_);
+      const Tile tile = TileOf(t);
       grp = tile.group;
       np = tile.count;
       f0 = int64_t(tile.n) * plane + tile.first;
     }
-    const int ldb = static_cast<int>(QuadColumnsPadded(np + (quad_flat_ ? 15 : 0)));
-    // The tile's patches (padding: the input zero point, real zero) packed
-    // in quads, and their sums per position, one image's run at a time (a
-    // run's last 16 columns may spill into the next run, packed after it).
+    ldb = static_cast<int>(QuadColumnsPadded(np + (quad_flat_ ? 15 : 0)));
+  };
+  // The tile's patches (padding: the input zero point, real zero) packed
+  // in quads, and their sums per position, one image's run at a time (a
+  // run's last 16 columns may spill into the next run, packed after it).
+  // Returns whether the tile lies in one image.
+  auto pack = [&](int64_t t, Slot& s, int32_t* quads, int32_t* colsum) {
+    int grp = 0, np = 0, ldb = 0;
+    int64_t f0 = 0;
+    tile_of(t, grp, f0, np, ldb);
     bool single = true;
     for (int64_t f = f0, at = 0; f < f0 + np;) {
       const int64_t n = f / plane, p = f % plane;
@@ -487,16 +497,43 @@ void ConvCodesKernel::RunQuads(const uint8_t* x, int32_t x_zero, const CodeWeigh
       const int extent = f == f0 && f + cnt == f0 + np ? ldb : (cnt + 15) / 16 * 16;
       single = single && f == f0 && f + cnt == f0 + np;
       const uint8_t* xg = x + (n * g.in_c + int64_t(grp) * cin_g) * in_plane;
-      int32_t* dst = s.quads.data() + at;
       if (pointwise_) {
-        PackQuadColumns(xg + p, in_plane, k, cnt, extent, ldb, dst, s.colsum.data() + at);
+        PackQuadColumns(xg + p, in_plane, k, cnt, extent, ldb, quads + at, colsum + at);
       } else {
         uint8_t* col = reinterpret_cast<uint8_t*>(s.col8.data());
         Im2colTileOf<uint8_t>(g, xg, p, cnt, static_cast<uint8_t>(x_zero), col);
-        PackQuadColumns(col, cnt, k, cnt, extent, ldb, dst, s.colsum.data() + at);
+        PackQuadColumns(col, cnt, k, cnt, extent, ldb, quads + at, colsum + at);
       }
       f += cnt;
       at += cnt;
+    }
+    return single;
+  };
+  // Where the channels are split into blocks, every tile is packed once,
+  // before the blocks (rather than again by each block's task).
+  const bool shared = pair_blocks_ > 1;
+  if (shared) {
+    ParallelItems(tiles, static_cast<int>(slots_.size()), [&](int64_t t, int slot) {
+      shared_single_[t] = pack(t, slots_[slot], shared_quads_.data() + t * shared_quads_stride_,
+                               shared_colsum_.data() + t * shared_colsum_stride_);
+    });
+  }
+  ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
+    Slot& s = slots_[slot];
+    const int64_t block = item % pair_blocks_;
+    const int64_t t = item / pair_blocks_;
+    int grp = 0, np = 0, ldb = 0;
+    int64_t f0 = 0;
+    tile_of(t, grp, f0, np, ldb);
+    const int32_t* quads = s.quads.data();
+    const int32_t* colsum = s.colsum.data();
+    bool single = false;
+    if (shared) {
+      quads = shared_quads_.data() + t * shared_quads_stride_;
+      colsum = shared_colsum_.data() + t * shared_colsum_stride_;
+      single = shared_single_[t] != 0;
+    } else {
+      single = pack(t, s, s.quads.data(), s.colsum.data());
     }
     const int64_t first = block * pair_panel_block_;
     const int64_t count = std::min(pair_panel_block_, panels - first);
@@ -512,8 +549,8 @@ void ConvCodesKernel::RunQuads(const uint8_t* x, int32_t x_zero, const CodeWeigh
       out.y = s.codes.data();
       out.y_stride = ldb;
     }
-    QuadGemm(count, kquads, w.quads + (grp * panels + first) * kquads * kQuadRows, s.quads.data(),
-             ldb, s.colsum.data(), np, s.c32.data(), out);
+    QuadGemm(count, kquads, w.quads + (grp * panels + first) * kquads * kQuadRows, quads, ldb,
+             colsum, np, s.c32.data(), out);
     // Rows whose multipliers the lane form does not cover.
     for (int r = 0; r < out.row_count; ++r) {
       if (out.rows[r].kind != kQuadRaw) continue;

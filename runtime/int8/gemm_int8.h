@@ -168,6 +168,10 @@ class ConvCodesKernel {
   int64_t pair_blocks_ = 1, pair_panel_block_ = 1;
   std::vector<QuadRow> quad_rows_;  // per output channel, made per run
   bool quad_flat_ = false;          // quad tiles run on across images
+  // The packed tiles of a layer whose channels are split into blocks.
+  std::vector<int32_t> shared_quads_, shared_colsum_;
+  std::vector<uint8_t> shared_single_;
+  int64_t shared_quads_stride_ = 0, shared_colsum_stride_ = 0;
   std::vector<float> centred_x_;
   std::vector<float> depthwise_out_, depthwise_scratch_;
   std::vector<Slot> slots_;
