@@ -37,8 +37,11 @@ if awk '{ exit !($1 > 0.5) }' /proc/loadavg; then
   echo "WARNING: the machine is busy (1-minute load above 0.5); figures will be low and noisy"
 fi
 
+# Repetitions of all cases in random order, so that a change of the load
+# during the run falls on float and 8-bit alike.
 "$BUILD/bench/int8_forward_bench" --benchmark_min_time="$MIN_TIME" \
   --benchmark_repetitions="$REPETITIONS" --benchmark_report_aggregates_only=true \
+  --benchmark_enable_random_interleaving=true \
   --benchmark_out="$WORK/int8.json" --benchmark_out_format=json >/dev/null
 
 echo "== median ms per forward (and the 8-bit speed-up over float)"

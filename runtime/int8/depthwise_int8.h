@@ -43,12 +43,25 @@ class DepthwiseCodesKernel {
  private:
   struct Slot {
     std::vector<uint8_t> plane, codes;
-    std::vector<int32_t> row, weights;
+    std::vector<int32_t> row;
   };
   ConvGeometry g_;
   bool intrinsics_ = true;
   int padded_h_ = 0, padded_w_ = 0, sub_h_ = 0, sub_w_ = 0, rows_per_block_ = 1;
   std::vector<int64_t> taps_;  // each tap's offset in the padded plane
+  // Taps whose offsets lie within four codes of each other, summed by one
+  // u8 x s8 dot product (VNNI): the first offset and the tap (or -1) of
+  // each of the four bytes.
+  struct TapQuad {
+    int64_t offset = 0;
+    int tap[4] = {-1, -1, -1, -1};
+  };
+  std::vector<TapQuad> quads_;
+  std::vector<int64_t> quad_offsets_;
+  // Per channel, made at each run: centred weights [out_c][taps], split
+  // quads [out_c][quads][2], start values, whether the dot products run.
+  std::vector<int32_t> weights_, quad_weights_, start_;
+  std::vector<uint8_t> dot_;
   std::vector<Slot> slots_;
 };
 

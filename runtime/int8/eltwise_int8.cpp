@@ -35,9 +35,14 @@ void EltwiseSumU8(const std::vector<const uint8_t*>& x, const std::vector<CodeGr
   const uint8_t* b = x[1];
   const int32_t za = inputs[0].zero, zb = inputs[1].zero;
   const int64_t ma = q.multiplier[0], mb = q.multiplier[1];
-  ParallelFor(count, [&](int64_t begin, int64_t end) {
-    Sum2(a + begin, b + begin, za, zb, ma, mb, q.shift, q.output_zero, end - begin, y + begin);
-  });
+  // A vectorized pass over a few bytes per code: chunks large enough that
+  // waking the pool pays.
+  ParallelFor(
+      count,
+      [&](int64_t begin, int64_t end) {
+        Sum2(a + begin, b + begin, za, zb, ma, mb, q.shift, q.output_zero, end - begin, y + begin);
+      },
+      int64_t{1} << 16);
 }
 
 // ---- Eltwise --------------------------------------------------------------

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 
 #include "runtime/int8/requantize.h"
 #include "runtime/kernels/conv_depthwise.h"
@@ -124,6 +125,7 @@ const char* ConvPathName(ConvPath path) {
     case ConvPath::kIntegerDepthwise: return "integer depthwise";
     case ConvPath::kIntegerDepthwisePortable: return "integer depthwise, portable loops";
     case ConvPath::kPairGemm: return "pair GEMM";
+    case ConvPath::kQuadGemm: return "quad GEMM (VNNI)";
   }
   return "?";
 }
@@ -138,6 +140,7 @@ bool ConvCodesKernel::CanRun(const ConvGeometry& g, ConvPath path) {
     case ConvPath::kIntegerDepthwise:
     case ConvPath::kIntegerDepthwisePortable: return DepthwiseCodesKernel::Fits(g);
     case ConvPath::kPairGemm: return !depthwise && k <= kMaxPairK;
+    case ConvPath::kQuadGemm: return !depthwise && k <= kMaxQuadK && HaveQuadGemm();
   }
   return false;
 }
@@ -148,6 +151,10 @@ void ConvCodesKernel::Reshape(const ConvGeometry& g, bool allow_shifted) {
     path = ConvPath::kIntegerDepthwise;
   } else if (CanRun(g, ConvPath::kFloatDepthwise)) {
     path = ConvPath::kFloatDepthwise;
+  } else if (allow_shifted && CanRun(g, ConvPath::kQuadGemm)) {
+    // The products on VNNI with the requantization in registers: no pass
+    // over int32 sums in memory.
+    path = ConvPath::kQuadGemm;
   } else if (allow_shifted && CanRun(g, ConvPath::kShiftedGemm)) {
     path = ConvPath::kShiftedGemm;
   } else if (allow_shifted && HaveFastPairGemm() && CanRun(g, ConvPath::kPairGemm)) {
@@ -171,7 +178,8 @@ void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
   const bool depthwise = path == ConvPath::kFloatDepthwise;
   const bool shifted = path == ConvPath::kShiftedGemm;
   const bool pairs = path == ConvPath::kPairGemm;
-  const bool gemm = path == ConvPath::kFloatGemm || shifted || pairs;
+  const bool quads = path == ConvPath::kQuadGemm;
+  const bool gemm = path == ConvPath::kFloatGemm || shifted || pairs || quads;
   pointwise_ = g.kernel_h == 1 && g.kernel_w == 1 && g.stride_h == 1 && g.stride_w == 1 &&
                g.pad_top == 0 && g.pad_bottom == 0 && g.pad_left == 0 && g.pad_right == 0;
   const int64_t plane = g.OutPlane();
@@ -179,25 +187,73 @@ void ConvCodesKernel::Setup(const ConvGeometry& g, ConvPath path) {
   int64_t tile =
       std::max<int64_t>(32, std::min<int64_t>(1024, (int64_t(1) << 18) / std::max<int64_t>(k, 1)));
   tile_ = static_cast<int>(std::max<int64_t>(1, std::min(tile, plane)));
+  const int threads = std::max(1, ParallelThreads());
+  quad_flat_ = false;
+  if (quads) {
+    // Tiles of whole 32-column blocks whose packed quads take about 128 KB,
+    // and at least four per thread where the positions allow (batch 1,
+    // small planes): every tile reads all the weights, which stay in the
+    // second-level cache, so smaller tiles cost little.
+    tile = std::max<int64_t>(kQuadColumns,
+                             std::min<int64_t>(1024, (int64_t(1) << 17) / std::max<int64_t>(k, 1)));
+    tile = tile / kQuadColumns * kQuadColumns;
+    const int64_t images = int64_t(g.batch) * g.group;
+    const int64_t want = (4 * threads + images - 1) / images;
+    const int64_t small = (plane + want - 1) / want;
+    tile = std::min(tile, std::max<int64_t>(kQuadColumns, QuadColumnsPadded(small)));
+    tile_ = static_cast<int>(std::max<int64_t>(1, std::min(tile, plane)));
+    // Planes that leave part of their last 32-column block empty (7 x 7:
+    // 49 of 64) at batch > 1: tiles run on across the images instead.
+    const int64_t total = int64_t(g.batch) * plane;
+    quad_flat_ = g.batch > 1 && plane % kQuadColumns != 0 && plane < 1024;
+    if (quad_flat_) {
+      const int64_t parts = std::max<int64_t>(1, (4 * threads + g.group - 1) / g.group);
+      tile = std::min(tile, std::max<int64_t>(kQuadColumns,
+                                              QuadColumnsPadded((total + parts - 1) / parts)));
+      tile_ = static_cast<int>(std::min(tile, total));
+    }
+  }
   const size_t inputs = static_cast<size_t>(int64_t(g.batch) * g.in_c * g.InPlane());
   const bool centres = path == ConvPath::kFloatGemm || depthwise;
   centred_x_.resize(centres ? inputs : 0);
-  const int threads = std::max(1, ParallelThreads());
   slots_.resize(static_cast<size_t>(gemm || depthwise ? threads : 0));
   depthwise_out_.resize(depthwise ? static_cast<size_t>(int64_t(g.batch) * g.out_c * plane) : 0);
   depthwise_scratch_.resize(depthwise ? DepthwiseScratchFloats(g) * slots_.size() : 0);
   if (path == ConvPath::kIntegerDepthwise || path == ConvPath::kIntegerDepthwisePortable)
     integer_depthwise_.Reshape(g, threads, path == ConvPath::kIntegerDepthwise);
-  const int64_t tiles_total = int64_t(g.batch) * g.group * ((plane + tile_ - 1) / tile_);
-  const int64_t panels = PairPanels(g.OutPerGroup());
+  const int64_t tiles_total =
+      quads && quad_flat_ ? g.group * ((int64_t(g.batch) * plane + tile_ - 1) / tile_)
+                          : int64_t(g.batch) * g.group * ((plane + tile_ - 1) / tile_);
+  const int64_t panels = quads ? QuadPanels(g.OutPerGroup()) : PairPanels(g.OutPerGroup());
   pair_blocks_ = 1;
-  if (pairs && tiles_total < 2 * threads)
-    pair_blocks_ = std::min<int64_t>(panels, (2 * threads + tiles_total - 1) / tiles_total);
+  // The quad GEMM's tiles are cheap to pack again: four items per thread.
+  const int64_t items_wanted = (quads ? 4 : 2) * threads;
+  if ((pairs || quads) && tiles_total < items_wanted)
+    pair_blocks_ = std::min<int64_t>(panels, (items_wanted + tiles_total - 1) / tiles_total);
   pair_blocks_ = std::max<int64_t>(pair_blocks_, 1);
   pair_panel_block_ = (panels + pair_blocks_ - 1) / pair_blocks_;
   pair_blocks_ = std::max<int64_t>(1, (panels + pair_panel_block_ - 1) / pair_panel_block_);
+  quad_rows_.resize(quads ? static_cast<size_t>(g.out_c) : 0);
+  const bool shared = quads && pair_blocks_ > 1;
+  const int64_t quad_ldb = QuadColumnsPadded(tile_ + (quad_flat_ ? 15 : 0));
+  shared_quads_stride_ = shared ? std::max<int64_t>(1, QuadCount(k)) * quad_ldb : 0;
+  shared_colsum_stride_ = shared ? quad_ldb : 0;
+  shared_quads_.resize(static_cast<size_t>(shared ? tiles_total * shared_quads_stride_ : 0));
+  shared_colsum_.resize(static_cast<size_t>(shared ? tiles_total * shared_colsum_stride_ : 0));
+  shared_single_.resize(static_cast<size_t>(shared ? tiles_total : 0));
   for (Slot& s : slots_) {
     s = Slot();
+    if (quads) {
+      // Room for the last image's columns packed 16 at a time past the
+      // tile (flat tiles), and the codes of a tile spanning images.
+      const int64_t ldb = QuadColumnsPadded(tile_ + (quad_flat_ ? 15 : 0));
+      s.col8.resize(pointwise_ ? 0 : static_cast<size_t>(k * tile_));
+      s.quads.resize(static_cast<size_t>(std::max<int64_t>(1, QuadCount(k)) * ldb));
+      s.colsum.resize(static_cast<size_t>(ldb));
+      s.c32.resize(static_cast<size_t>(pair_panel_block_ * kQuadRows * ldb));
+      s.codes.resize(quad_flat_ ? static_cast<size_t>(pair_panel_block_ * kQuadRows * ldb) : 0);
+      continue;
+    }
     if (pairs) {
       const int64_t ldb = PairColumnsPadded(tile_);
       s.col8.resize(pointwise_ ? 0 : static_cast<size_t>(k * tile_));
@@ -245,6 +301,7 @@ void ConvCodesKernel::Run(const uint8_t* x, int32_t x_zero, const CodeWeights& w
     return integer_depthwise_.Run(x, x_zero, w.codes, q, y);
   if (path_ == ConvPath::kShiftedGemm) return RunShifted(x, x_zero, w, q, y);
   if (path_ == ConvPath::kPairGemm) return RunPairs(x, x_zero, w, q, y);
+  if (path_ == ConvPath::kQuadGemm) return RunQuads(x, x_zero, w, q, y);
   const float* centred = w.centred;
   CentreCodes(x, static_cast<int64_t>(centred_x_.size()), x_zero, centred_x_.data());
   if (path_ == ConvPath::kFloatDepthwise) return RunDepthwise(centred, q, y);
@@ -388,6 +445,127 @@ void ConvCodesKernel::RunPairs(const uint8_t* x, int32_t x_zero, const CodeWeigh
         RequantizeRow32(s.c32.data() + (m - first * kPairRows) * ldb, np, q.bias[o],
                         q.requantizer[o], q.output_zero,
                         y + (int64_t(n) * g.out_c + o) * plane + p0);
+      }
+    }
+  });
+}
+
+void ConvCodesKernel::RunQuads(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
+                               const ChannelQuantization& q, uint8_t* y) {
+  const ConvGeometry& g = g_;
+  const int cin_g = g.InPerGroup(), cout_g = g.OutPerGroup();
+  const int k = static_cast<int>(int64_t(cin_g) * g.KernelArea());
+  const int64_t kquads = QuadCount(k), panels = QuadPanels(cout_g);
+  const int64_t plane = g.OutPlane(), in_plane = g.InPlane();
+  // Tiles of positions n * plane + p of one group: within one image, or
+  // (quad_flat_) running on across images.
+  const int64_t total = int64_t(g.batch) * plane;
+  const int64_t flat_tiles = (total + tile_ - 1) / tile_;
+  const int64_t tiles = quad_flat_ ? g.group * flat_tiles
+                                   : int64_t(g.batch) * g.group * ((plane + tile_ - 1) / tile_);
+  const int64_t items = tiles * pair_blocks_;
+  for (int o = 0; o < g.out_c; ++o)
+    quad_rows_[o] = MakeQuadRow(k, x_zero, q.weight_zero[o], w.code_sum[o], q.bias[o],
+                                q.requantizer[o], q.output_zero);
+  // Tile t: its group, first position and count, and row stride of packed
+  // quads.
+  auto tile_of = [&](int64_t t, int& grp, int64_t& f0, int& np, int& ldb) {
+    if (quad_flat_) {
+      grp = static_cast<int>(t / flat_tiles);
+      f0 = t % flat_tiles * tile_;
+      np = static_cast<int>(std::min<int64_t>(tile_, total - f0));
+    } else {
+      const Tile tile = TileOf(t);
+      grp = tile.group;
+      np = tile.count;
+      f0 = int64_t(tile.n) * plane + tile.first;
+    }
+    ldb = static_cast<int>(QuadColumnsPadded(np + (quad_flat_ ? 15 : 0)));
+  };
+  // The tile's patches (padding: the input zero point, real zero) packed
+  // in quads, and their sums per position, one image's run at a time (a
+  // run's last 16 columns may spill into the next run, packed after it).
+  // Returns whether the tile lies in one image.
+  auto pack = [&](int64_t t, Slot& s, int32_t* quads, int32_t* colsum) {
+    int grp = 0, np = 0, ldb = 0;
+    int64_t f0 = 0;
+    tile_of(t, grp, f0, np, ldb);
+    bool single = true;
+    for (int64_t f = f0, at = 0; f < f0 + np;) {
+      const int64_t n = f / plane, p = f % plane;
+      const int cnt = static_cast<int>(std::min(plane - p, f0 + np - f));
+      const int extent = f == f0 && f + cnt == f0 + np ? ldb : (cnt + 15) / 16 * 16;
+      single = single && f == f0 && f + cnt == f0 + np;
+      const uint8_t* xg = x + (n * g.in_c + int64_t(grp) * cin_g) * in_plane;
+      if (pointwise_) {
+        PackQuadColumns(xg + p, in_plane, k, cnt, extent, ldb, quads + at, colsum + at);
+      } else {
+        uint8_t* col = reinterpret_cast<uint8_t*>(s.col8.data());
+        Im2colTileOf<uint8_t>(g, xg, p, cnt, static_cast<uint8_t>(x_zero), col);
+        PackQuadColumns(col, cnt, k, cnt, extent, ldb, quads + at, colsum + at);
+      }
+      f += cnt;
+      at += cnt;
+    }
+    return single;
+  };
+  // Where the channels are split into blocks, every tile is packed once,
+  // before the blocks (rather than again by each block's task).
+  const bool shared = pair_blocks_ > 1;
+  if (shared) {
+    ParallelItems(tiles, static_cast<int>(slots_.size()), [&](int64_t t, int slot) {
+      shared_single_[t] = pack(t, slots_[slot], shared_quads_.data() + t * shared_quads_stride_,
+                               shared_colsum_.data() + t * shared_colsum_stride_);
+    });
+  }
+  ParallelItems(items, static_cast<int>(slots_.size()), [&](int64_t item, int slot) {
+    Slot& s = slots_[slot];
+    const int64_t block = item % pair_blocks_;
+    const int64_t t = item / pair_blocks_;
+    int grp = 0, np = 0, ldb = 0;
+    int64_t f0 = 0;
+    tile_of(t, grp, f0, np, ldb);
+    const int32_t* quads = s.quads.data();
+    const int32_t* colsum = s.colsum.data();
+    bool single = false;
+    if (shared) {
+      quads = shared_quads_.data() + t * shared_quads_stride_;
+      colsum = shared_colsum_.data() + t * shared_colsum_stride_;
+      single = shared_single_[t] != 0;
+    } else {
+      single = pack(t, s, s.quads.data(), s.colsum.data());
+    }
+    const int64_t first = block * pair_panel_block_;
+    const int64_t count = std::min(pair_panel_block_, panels - first);
+    const int row0 = static_cast<int>(first * kQuadRows);
+    const int o0 = grp * cout_g + row0;
+    QuadOutput out;
+    out.rows = quad_rows_.data() + o0;
+    out.row_count = static_cast<int>(std::min<int64_t>(cout_g - row0, count * kQuadRows));
+    if (single) {
+      out.y = y + ((f0 / plane) * g.out_c + o0) * plane + f0 % plane;
+      out.y_stride = plane;
+    } else {  // codes of a tile spanning images, moved to their planes below
+      out.y = s.codes.data();
+      out.y_stride = ldb;
+    }
+    QuadGemm(count, kquads, w.quads + (grp * panels + first) * kquads * kQuadRows, quads, ldb,
+             colsum, np, s.c32.data(), out);
+    // Rows whose multipliers the lane form does not cover.
+    for (int r = 0; r < out.row_count; ++r) {
+      if (out.rows[r].kind != kQuadRaw) continue;
+      RequantizeRow32(s.c32.data() + int64_t(r) * ldb, np, q.bias[o0 + r], q.requantizer[o0 + r],
+                      q.output_zero, out.y + r * out.y_stride);
+    }
+    if (single) return;
+    for (int r = 0; r < out.row_count; ++r) {
+      for (int64_t f = f0, at = 0; f < f0 + np;) {
+        const int64_t n = f / plane, p = f % plane;
+        const int64_t cnt = std::min(plane - p, f0 + np - f);
+        std::memcpy(y + (n * g.out_c + o0 + r) * plane + p, s.codes.data() + r * ldb + at,
+                    static_cast<size_t>(cnt));
+        f += cnt;
+        at += cnt;
       }
     }
   });

@@ -17,6 +17,7 @@
 
 #include "runtime/int8/depthwise_int8.h"
 #include "runtime/int8/pair_gemm.h"
+#include "runtime/int8/quad_gemm.h"
 #include "runtime/int8/reference.h"
 #include "runtime/kernels/conv_geometry.h"
 
@@ -70,6 +71,7 @@ struct CodeWeights {
   const int8_t* shifted = nullptr;
   const int32_t* shifted_sum = nullptr;
   const int32_t* pairs = nullptr;
+  const int32_t* quads = nullptr;
 };
 
 // Which of those forms a kernel reads.
@@ -77,6 +79,7 @@ enum class WeightForm {
   kCentred,  // centred floats
   kU8S8,     // the u8 x s8 forms (codes and sums, or shifted codes and sums)
   kPairs,    // packed pairs
+  kQuads,    // packed quads and the codes' row sums
 };
 
 // Where the CPU sums u8 x s8 products exactly (HaveExactU8S8Gemm), the
@@ -100,6 +103,7 @@ enum class ConvPath {
   kIntegerDepthwise,  // DepthwiseCodesKernel (depthwise_int8.h), on every CPU
   kIntegerDepthwisePortable,  // the same without its AVX-512 loop (for tests)
   kPairGemm,  // im2col tiles of centred codes on the 16-bit pair GEMM (pair_gemm.h)
+  kQuadGemm,  // im2col tiles of codes on the VNNI quad GEMM, requantized in registers
 };
 const char* ConvPathName(ConvPath path);
 
@@ -123,6 +127,7 @@ class ConvCodesKernel {
   WeightForm Form() const {
     if (path_ == ConvPath::kFloatGemm || path_ == ConvPath::kFloatDepthwise)
       return WeightForm::kCentred;
+    if (path_ == ConvPath::kQuadGemm) return WeightForm::kQuads;
     return path_ == ConvPath::kPairGemm ? WeightForm::kPairs : WeightForm::kU8S8;
   }
   // y = requantized bias + sum (x - x_zero) * (w - zw); the weights are
@@ -135,7 +140,8 @@ class ConvCodesKernel {
     std::vector<float> col, product;
     std::vector<int64_t> acc;
     std::vector<int8_t> col8;
-    std::vector<int32_t> c32, colsum, pairs;
+    std::vector<int32_t> c32, colsum, pairs, quads;
+    std::vector<uint8_t> codes;
   };
   // A work item: positions [first, first + count) of one group of one image.
   struct Tile {
@@ -150,14 +156,22 @@ class ConvCodesKernel {
                   const ChannelQuantization& q, uint8_t* y);
   void RunPairs(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
                 const ChannelQuantization& q, uint8_t* y);
+  void RunQuads(const uint8_t* x, int32_t x_zero, const CodeWeights& w,
+                const ChannelQuantization& q, uint8_t* y);
 
   ConvGeometry g_;
   ConvPath path_ = ConvPath::kFloatGemm;
   bool pointwise_ = false;
   int tile_ = 1;
-  // The pair GEMM splits a group's output channels into blocks of panels
-  // where the tiles alone would leave threads idle.
+  // The pair and quad GEMMs split a group's output channels into blocks of
+  // panels where the tiles alone would leave threads idle.
   int64_t pair_blocks_ = 1, pair_panel_block_ = 1;
+  std::vector<QuadRow> quad_rows_;  // per output channel, made per run
+  bool quad_flat_ = false;          // quad tiles run on across images
+  // The packed tiles of a layer whose channels are split into blocks.
+  std::vector<int32_t> shared_quads_, shared_colsum_;
+  std::vector<uint8_t> shared_single_;
+  int64_t shared_quads_stride_ = 0, shared_colsum_stride_ = 0;
   std::vector<float> centred_x_;
   std::vector<float> depthwise_out_, depthwise_scratch_;
   std::vector<Slot> slots_;

@@ -90,6 +90,10 @@ CodeWeights WeightedInt8Layer::KernelWeights(WeightForm form) {
   switch (form) {
     case WeightForm::kCentred: present = GetFloatAttrDatas().count("weight_centered") != 0; break;
     case WeightForm::kPairs: present = GetInt32AttrDatas().count("weight_pairs") != 0; break;
+    case WeightForm::kQuads:
+      present =
+          GetInt32AttrDatas().count("weight_quads") && GetInt32AttrDatas().count("weight_sum");
+      break;
     case WeightForm::kU8S8:
       present = shifts ? GetUint8AttrDatas().count("weight_shifted") &&
                              GetInt32AttrDatas().count("weight_shifted_sum")
@@ -102,6 +106,9 @@ CodeWeights WeightedInt8Layer::KernelWeights(WeightForm form) {
     w.centred = GetFloatAttrDatas().at("weight_centered")->GetCpuData();
   } else if (form == WeightForm::kPairs) {
     w.pairs = GetInt32AttrDatas().at("weight_pairs")->GetCpuData();
+  } else if (form == WeightForm::kQuads) {
+    w.quads = GetInt32AttrDatas().at("weight_quads")->GetCpuData();
+    w.code_sum = GetInt32AttrDatas().at("weight_sum")->GetCpuData();
   } else if (shifts) {
     w.shifted =
         reinterpret_cast<const int8_t*>(GetUint8AttrDatas().at("weight_shifted")->GetCpuData());
@@ -135,6 +142,21 @@ void WeightedInt8Layer::BuildKernelWeights(WeightForm form) {
           [&](int r, int64_t k) { return w[at(first + r, k)]; },
           pairs->GetCpuData() + grp * lanes);
     }
+  } else if (form == WeightForm::kQuads) {
+    const int groups = std::max(1, WeightGroups());
+    const int per_group = out / groups;
+    const int64_t lanes = QuadWeightLanes(per_group, k_dim);
+    Data<int>* quads = Attr(GetInt32AttrDatas(), "weight_quads",
+                            {groups, static_cast<int>(lanes)});
+    const uint8_t* w = codes->GetCpuData();
+    for (int grp = 0; grp < groups; ++grp) {
+      const int first = grp * per_group;
+      PackQuadWeights(
+          per_group, k_dim, [&](int r, int64_t k) { return w[at(first + r, k)]; },
+          quads->GetCpuData() + grp * lanes);
+    }
+    Data<int>* sums = Attr(GetInt32AttrDatas(), "weight_sum", {out});
+    SumCodeRows(out, k_dim, w, at, sums->GetCpuData());
   } else if (form == WeightForm::kU8S8 && ShiftsWeights()) {
     Data<unsigned char>* w =
         Attr(GetUint8AttrDatas(), "weight_shifted", {out, static_cast<int>(k_dim)});

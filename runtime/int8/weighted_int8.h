@@ -59,7 +59,9 @@ class WeightedInt8Layer : public FloatIslandLayer {
   // (code - 128 as int8; "weight_shifted") and their row sums
   // ("weight_shifted_sum") of an inner product; or, for the pair GEMM, the
   // centred codes packed in pairs, panels per group (the int32 attribute
-  // "weight_pairs", pair_gemm.h).
+  // "weight_pairs", pair_gemm.h); or, for the quad GEMM, the shifted codes
+  // packed in quads, panels per group ("weight_quads", quad_gemm.h), and
+  // the codes' row sums ("weight_sum").
   void BuildKernelWeights(WeightForm form);
   // Groups of output channels whose weights the pair GEMM packs apart.
   virtual int WeightGroups() const { return 1; }

@@ -54,7 +54,8 @@ ConvGeometry Geometry(int n, int c, int h, int w, int m, int kh, int kw, int s, 
 
 constexpr ConvPath kAllPaths[] = {ConvPath::kFloatGemm, ConvPath::kShiftedGemm,
                                    ConvPath::kFloatDepthwise, ConvPath::kIntegerDepthwise,
-                                   ConvPath::kIntegerDepthwisePortable, ConvPath::kPairGemm};
+                                   ConvPath::kIntegerDepthwisePortable, ConvPath::kPairGemm,
+                                   ConvPath::kQuadGemm};
 
 // The weights [out_c][k] packed in pairs, panels per group, as the 8-bit
 // convolution layer packs them.
@@ -71,6 +72,20 @@ std::vector<int32_t> PairsOf(const ConvGeometry& g, const std::vector<uint8_t>& 
         pairs.data() + grp * lanes);
   }
   return pairs;
+}
+
+// The weights [out_c][k] packed in quads, panels per group.
+std::vector<int32_t> QuadsOf(const ConvGeometry& g, const std::vector<uint8_t>& w) {
+  const int64_t k = int64_t(g.InPerGroup()) * g.KernelArea();
+  const int per = g.OutPerGroup();
+  const int64_t lanes = QuadWeightLanes(per, k);
+  std::vector<int32_t> quads(size_t(g.group * lanes));
+  for (int grp = 0; grp < g.group; ++grp) {
+    const uint8_t* wg = w.data() + int64_t(grp) * per * k;
+    PackQuadWeights(
+        per, k, [&](int r, int64_t i) { return wg[r * k + i]; }, quads.data() + grp * lanes);
+  }
+  return quads;
 }
 
 // Every path that can run the shape here against the reference, with the
@@ -92,11 +107,13 @@ void ExpectPathsMatchReference(const ConvGeometry& g, uint32_t seed, MakeQ make_
     CentreWeights(g.out_c, k, w.data(), q.weight_zero, at, centred.data());
     SumCodeRows(g.out_c, k, w.data(), at, sums.data());
     const std::vector<int32_t> pairs = PairsOf(g, w, q);
+    const std::vector<int32_t> quads = QuadsOf(g, w);
     CodeWeights weights;
     weights.centred = centred.data();
     weights.codes = w.data();
     weights.code_sum = sums.data();
     weights.pairs = pairs.data();
+    weights.quads = quads.data();
     for (ConvPath path : kAllPaths) {
       for (int threads : {1, 2}) {
         omp_set_num_threads(threads);
@@ -119,17 +136,23 @@ void ExpectConvMatchesReference(const ConvGeometry& g, uint32_t seed) {
 }
 
 TEST(ConvCodesKernel, SaysWhichGemmRuns) {
-  // The u8 x s8 path runs only where the CPU sums those products exactly;
-  // else the pair GEMM where it has a vector loop, else the float GEMM.
+  // The quad GEMM runs where the CPU has VNNI (and AVX-512BW); else the
+  // u8 x s8 path where oneDNN sums those products exactly; else the pair
+  // GEMM where it has a vector loop, else the float GEMM.
   ConvCodesKernel kernel;
   kernel.Reshape(Geometry(1, 8, 6, 6, 4, 3, 3, 1, 1, 1, 1));
-  EXPECT_EQ(kernel.Shifted(), HaveExactU8S8Gemm());
-  EXPECT_EQ(kernel.Path(), HaveExactU8S8Gemm()  ? ConvPath::kShiftedGemm
-                           : HaveFastPairGemm() ? ConvPath::kPairGemm
-                                                : ConvPath::kFloatGemm);
-  EXPECT_EQ(kernel.Form(), HaveExactU8S8Gemm()  ? WeightForm::kU8S8
-                           : HaveFastPairGemm() ? WeightForm::kPairs
-                                                : WeightForm::kCentred);
+  EXPECT_EQ(kernel.Shifted(), !HaveQuadGemm() && HaveExactU8S8Gemm());
+  EXPECT_EQ(kernel.Path(), HaveQuadGemm()        ? ConvPath::kQuadGemm
+                           : HaveExactU8S8Gemm() ? ConvPath::kShiftedGemm
+                           : HaveFastPairGemm()  ? ConvPath::kPairGemm
+                                                 : ConvPath::kFloatGemm);
+  EXPECT_EQ(kernel.Form(), HaveQuadGemm()        ? WeightForm::kQuads
+                           : HaveExactU8S8Gemm() ? WeightForm::kU8S8
+                           : HaveFastPairGemm()  ? WeightForm::kPairs
+                                                 : WeightForm::kCentred);
+  // The quad GEMM never runs without VNNI.
+  EXPECT_EQ(kernel.ReshapeFor(Geometry(1, 8, 6, 6, 4, 3, 3, 1, 1, 1, 1), ConvPath::kQuadGemm),
+            HaveQuadGemm());
   // Reductions whose int32 sums could overflow (K > 33025) stay off the
   // pair GEMM: 3669 * 9 = 33021 runs on it, 3670 * 9 = 33030 does not.
   EXPECT_TRUE(kernel.ReshapeFor(Geometry(1, 3669, 3, 3, 2, 3, 3, 1, 0, 1, 1), ConvPath::kPairGemm));
@@ -143,7 +166,8 @@ TEST(ConvCodesKernel, SaysWhichGemmRuns) {
   kernel.Reshape(Geometry(1, 8, 6, 6, 8, 3, 3, 1, 1, 1, 8));
   EXPECT_FALSE(kernel.Shifted());
   EXPECT_EQ(kernel.Path(), ConvPath::kIntegerDepthwise);
-  std::printf("8-bit GEMM here: %s\n", HaveExactU8S8Gemm()  ? "u8 x s8 (VNNI)"
+  std::printf("8-bit GEMM here: %s\n", HaveQuadGemm()        ? "quads (VNNI)"
+                                       : HaveExactU8S8Gemm() ? "u8 x s8 (VNNI)"
                                        : HaveFastPairGemm() ? "16-bit pairs"
                                                             : "float");
 }
@@ -159,6 +183,7 @@ TEST(ConvCodesKernel, MatchesTheReferenceOnRealShapes) {
     ExpectConvMatchesReference(Geometry(batch, 48, 14, 14, 32, 1, 1, 2, 0, 1, 1), seed++);
     // MobileNetV2: pointwise expansion and projection, depthwise 3x3 and 3x3/2.
     ExpectConvMatchesReference(Geometry(batch, 24, 14, 14, 144, 1, 1, 1, 0, 1, 1), seed++);
+    ExpectConvMatchesReference(Geometry(batch, 160, 7, 7, 40, 1, 1, 1, 0, 1, 1), seed++);
     ExpectConvMatchesReference(Geometry(batch, 32, 10, 10, 32, 3, 3, 1, 1, 1, 32), seed++);
     ExpectConvMatchesReference(Geometry(batch, 40, 13, 13, 40, 3, 3, 2, 1, 1, 40), seed++);
   }
@@ -233,6 +258,48 @@ TEST(ConvCodesKernel, DepthwiseSaturatesAndRoundsAsTheReference) {
   ExpectPathsMatchReference(Geometry(1, 35, 9, 8, 35, 3, 3, 2, 1, 1, 35), 401, extreme);
 }
 
+TEST(ConvCodesKernel, DepthwiseDotProductsTakeEveryWeight) {
+  // The VNNI loop splits each centred weight w - zw into two int8 halves,
+  // which covers [-256, 254]: channels with the extremes -255 and 254, one
+  // with 255 (the other loops), on full-range codes, strides 1 and 2, 3x3
+  // and 5x5, batch 1 and 8.
+  for (int batch : {1, 8}) {
+    for (int stride : {1, 2}) {
+      for (int kernel : {3, 5}) {
+        const ConvGeometry g =
+            Geometry(batch, 6, 23, 21, 6, kernel, kernel, stride, kernel / 2, 1, 6);
+        std::mt19937 rng(500 + batch + stride + kernel);
+        const int64_t taps = g.KernelArea();
+        const std::vector<uint8_t> x = Codes(size_t(g.batch) * g.in_c * g.InPlane(), rng);
+        std::vector<uint8_t> w = Codes(size_t(g.out_c) * taps, rng);
+        ChannelQuantization q = Channels(g.out_c, rng, false);
+        const int zeros[] = {255, 0, 0, 3, 128, 77};
+        for (int o = 0; o < g.out_c; ++o) {
+          q.weight_zero[o] = zeros[o];
+          for (int64_t t = 0; t < taps; ++t) {
+            uint8_t& code = w[o * taps + t];
+            if (o == 0) code = t % 2 ? 0 : 1;      // -255 and -254
+            if (o == 1) code = t % 3 ? 254 : 255;  // 254, and 255 (the other loops)
+            if (o == 2) code = t % 2 ? 254 : 0;    // 254 and 0
+          }
+        }
+        const int32_t x_zero = 201;
+        std::vector<uint8_t> want(size_t(g.batch) * g.out_c * g.OutPlane());
+        ReferenceConvolutionU8(g, x.data(), x_zero, w.data(), q, want.data());
+        for (ConvPath path : {ConvPath::kIntegerDepthwise, ConvPath::kIntegerDepthwisePortable}) {
+          ConvCodesKernel k;
+          ASSERT_TRUE(k.ReshapeFor(g, path));
+          CodeWeights weights;
+          weights.codes = w.data();
+          std::vector<uint8_t> got(want.size(), 0);
+          k.Run(x.data(), x_zero, weights, q, got.data());
+          EXPECT_EQ(got, want) << g.ToString() << ", " << ConvPathName(path);
+        }
+      }
+    }
+  }
+}
+
 // Sums beyond 2^24 that a float32 cannot hold (about 4 * 10^7):
 // every input code 255 (channel 0: 254) on zero point 0, every weight code
 // 255 on zero point 0, no padding. Output channel 0's bias puts bias + sum
@@ -251,9 +318,9 @@ ChannelQuantization TieChannels(int64_t sum, bool use_double) {
 }
 
 TEST(ConvCodesKernel, SumsBeyondFloatPrecisionStayExact) {
-  for (ConvGeometry g : {Geometry(1, 600, 3, 4, 2, 1, 1, 1, 0, 1, 1),
-                         Geometry(2, 66, 5, 6, 2, 3, 3, 1, 0, 1, 1),
-                         Geometry(1, 520, 5, 5, 2, 3, 3, 2, 0, 1, 1)}) {
+  for (ConvGeometry g :
+       {Geometry(1, 600, 3, 4, 2, 1, 1, 1, 0, 1, 1), Geometry(2, 66, 5, 6, 2, 3, 3, 1, 0, 1, 1),
+        Geometry(1, 520, 5, 5, 2, 3, 3, 2, 0, 1, 1)}) {
     g.pad_bottom = 0;  // no padding taps: every position has the same sum
     g.out_h = g.ConvOutH();
     std::vector<uint8_t> x(size_t(g.batch) * g.in_c * g.InPlane(), 255);
@@ -276,11 +343,13 @@ TEST(ConvCodesKernel, SumsBeyondFloatPrecisionStayExact) {
       CentreWeights(g.out_c, k, w.data(), q.weight_zero, at, centred.data());
       SumCodeRows(g.out_c, k, w.data(), at, sums.data());
       const std::vector<int32_t> pairs = PairsOf(g, w, q);
+      const std::vector<int32_t> quads = QuadsOf(g, w);
       CodeWeights weights;
       weights.centred = centred.data();
       weights.codes = w.data();
       weights.code_sum = sums.data();
       weights.pairs = pairs.data();
+      weights.quads = quads.data();
       for (ConvPath path : kAllPaths) {
         ConvCodesKernel kernel;
         if (!kernel.ReshapeFor(g, path)) continue;
