@@ -87,6 +87,9 @@ int PlanFusion(const std::vector<Layer<float>*>& layers, const std::vector<std::
       bool ok = true;
       for (int w : writers[t]) ok &= chain.count(w) != 0 || (w == j && u == t);
       for (int r : rd) ok &= chain.count(r) != 0 || r == j || (u == t && r > j);
+      // The producer writes u early; no layer before `next` can see it, as
+      // a tensor is first written by the layer that creates it (the net
+      // refuses other rewrites than in-place ones).
       if (!ok) break;
       if (is_act) {
         e.kind = act.kind;

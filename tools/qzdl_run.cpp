@@ -377,7 +377,7 @@ int CompareMain(int argc, char** argv) {
 
   std::unique_ptr<qzdl::Net<float>> float_net(CreateFloatNet(float_json, float_model));
   if (!float_net) return 1;
-  float_net->SetInferenceMode(true);
+  // No inference mode here: the report reads every tensor of both nets.
   std::unique_ptr<qzdl::Net<unsigned char>> quant_net;
   try {
     quant_net.reset(qzdl::CreateQuantizedNet(quant_json, quant_model));
