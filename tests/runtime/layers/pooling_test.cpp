@@ -312,45 +312,64 @@ TEST(PoolingLayer, SurvivesBadParamValues) {
                                {{1, 2, 7, 6}});
 }
 
+struct PoolCase {
+  int in_h, in_w, kernel, stride, pad;
+};
+
+PoolShape SquareShape(const PoolCase& c, int planes) {
+  PoolShape s;
+  s.planes = planes;
+  s.in_h = c.in_h, s.in_w = c.in_w;
+  s.kernel_h = s.kernel_w = c.kernel;
+  s.stride_h = s.stride_w = c.stride;
+  s.pad_top = s.pad_left = c.pad;
+  s.pad_bottom = s.pad_right = c.pad;
+  s.out_h = (c.in_h + 2 * c.pad - c.kernel) / c.stride + 1;
+  s.out_w = (c.in_w + 2 * c.pad - c.kernel) / c.stride + 1;
+  return s;
+}
+
+// Runs MaxPoolKernel on x and counts the outputs whose bits differ from
+// their window's std::max taken element by element in row-major order.
+template <typename E>
+int WindowMismatches(const PoolShape& s, const std::vector<E>& x) {
+  std::vector<E> y(size_t(s.planes * s.out_h * s.out_w), E(7));
+  MaxPoolKernel(s, x.data(), y.data());
+  const E lowest = std::numeric_limits<E>::has_infinity ? -std::numeric_limits<E>::infinity()
+                                                        : std::numeric_limits<E>::lowest();
+  int differ = 0;
+  for (int64_t p = 0; p < s.planes; ++p) {
+    for (int64_t oy = 0; oy < s.out_h; ++oy) {
+      for (int64_t ox = 0; ox < s.out_w; ++ox) {
+        E m = lowest;
+        for (int64_t i = oy * s.stride_h - s.pad_top; i < oy * s.stride_h - s.pad_top + s.kernel_h;
+             ++i)
+          for (int64_t j = ox * s.stride_w - s.pad_left;
+               j < ox * s.stride_w - s.pad_left + s.kernel_w; ++j)
+            if (i >= 0 && i < s.in_h && j >= 0 && j < s.in_w)
+              m = std::max(m, x[size_t((p * s.in_h + i) * s.in_w + j)]);
+        const E got = y[size_t((p * s.out_h + oy) * s.out_w + ox)];
+        differ += std::memcmp(&got, &m, sizeof m) != 0;
+      }
+    }
+  }
+  return differ;
+}
+
 TEST(MaxPoolKernel, CodesMatchEveryWindowTakenAlone) {
   // The two-pass loop of 8-bit codes against each window's own maximum:
   // pads on every side, strides, kernels wider than the stride, a row of
   // one element, and rows wider than the two-pass buffer.
   std::mt19937 rng(11);
   std::uniform_int_distribution<int> code(0, 255);
-  struct Case {
-    int in_h, in_w, kernel, stride, pad;
-  };
-  for (const Case& c : {Case{112, 112, 3, 2, 1}, Case{7, 9, 3, 2, 1}, Case{5, 5, 2, 2, 0},
-                        Case{6, 1, 3, 1, 1}, Case{9, 8, 4, 3, 2}, Case{3, 4100, 3, 2, 1}}) {
-    PoolShape s;
-    s.planes = 3;
-    s.in_h = c.in_h, s.in_w = c.in_w;
-    s.kernel_h = s.kernel_w = c.kernel;
-    s.stride_h = s.stride_w = c.stride;
-    s.pad_top = s.pad_left = c.pad;
-    s.pad_bottom = s.pad_right = c.pad;
-    s.out_h = (c.in_h + 2 * c.pad - c.kernel) / c.stride + 1;
-    s.out_w = (c.in_w + 2 * c.pad - c.kernel) / c.stride + 1;
+  for (const PoolCase& c :
+       {PoolCase{112, 112, 3, 2, 1}, PoolCase{7, 9, 3, 2, 1}, PoolCase{5, 5, 2, 2, 0},
+        PoolCase{6, 1, 3, 1, 1}, PoolCase{9, 8, 4, 3, 2}, PoolCase{3, 4100, 3, 2, 1}}) {
+    const PoolShape s = SquareShape(c, 3);
     std::vector<uint8_t> x(size_t(s.planes * s.in_h * s.in_w));
     for (uint8_t& v : x) v = static_cast<uint8_t>(code(rng));
-    std::vector<uint8_t> y(size_t(s.planes * s.out_h * s.out_w), 7);
-    MaxPoolKernel(s, x.data(), y.data());
-    int differ = 0;
-    for (int64_t p = 0; p < s.planes; ++p) {
-      for (int64_t oy = 0; oy < s.out_h; ++oy) {
-        for (int64_t ox = 0; ox < s.out_w; ++ox) {
-          int m = -1;
-          for (int64_t i = oy * c.stride - c.pad; i < oy * c.stride - c.pad + c.kernel; ++i)
-            for (int64_t j = ox * c.stride - c.pad; j < ox * c.stride - c.pad + c.kernel; ++j)
-              if (i >= 0 && i < c.in_h && j >= 0 && j < c.in_w)
-                m = std::max<int>(m, x[size_t((p * s.in_h + i) * s.in_w + j)]);
-          differ += y[size_t((p * s.out_h + oy) * s.out_w + ox)] != m;
-        }
-      }
-    }
-    EXPECT_EQ(differ, 0) << c.in_h << "x" << c.in_w << " kernel " << c.kernel << " stride "
-                         << c.stride << " pad " << c.pad;
+    EXPECT_EQ(WindowMismatches(s, x), 0) << c.in_h << "x" << c.in_w << " kernel " << c.kernel
+                                         << " stride " << c.stride << " pad " << c.pad;
   }
 }
 
@@ -362,40 +381,14 @@ TEST(MaxPoolKernel, FloatsKeepTheBitsOfEveryWindowTakenInRowMajorOrder) {
   const float nan = std::numeric_limits<float>::quiet_NaN();
   const std::vector<float> pool = {-0.0f, 0.0f, -1.0f, nan, -2.5f, 0.0f, -0.0f, 1.0f};
   std::uniform_int_distribution<size_t> pick(0, pool.size() - 1);
-  struct Case {
-    int in_h, in_w, kernel, stride, pad;
-  };
-  for (const Case& c : {Case{55, 55, 3, 2, 0}, Case{13, 40, 3, 1, 1}, Case{9, 33, 2, 2, 0},
-                        Case{8, 37, 4, 3, 2}, Case{5, 70, 5, 2, 2}, Case{4, 3, 3, 1, 1}}) {
-    PoolShape s;
-    s.planes = 2;
-    s.in_h = c.in_h, s.in_w = c.in_w;
-    s.kernel_h = s.kernel_w = c.kernel;
-    s.stride_h = s.stride_w = c.stride;
-    s.pad_top = s.pad_left = c.pad;
-    s.pad_bottom = s.pad_right = c.pad;
-    s.out_h = (c.in_h + 2 * c.pad - c.kernel) / c.stride + 1;
-    s.out_w = (c.in_w + 2 * c.pad - c.kernel) / c.stride + 1;
+  for (const PoolCase& c :
+       {PoolCase{55, 55, 3, 2, 0}, PoolCase{13, 40, 3, 1, 1}, PoolCase{9, 33, 2, 2, 0},
+        PoolCase{8, 37, 4, 3, 2}, PoolCase{5, 70, 5, 2, 2}, PoolCase{4, 3, 3, 1, 1}}) {
+    const PoolShape s = SquareShape(c, 2);
     std::vector<float> x(size_t(s.planes * s.in_h * s.in_w));
     for (float& v : x) v = pool[pick(rng)];
-    std::vector<float> y(size_t(s.planes * s.out_h * s.out_w), 7.0f);
-    MaxPoolKernel(s, x.data(), y.data());
-    int differ = 0;
-    for (int64_t p = 0; p < s.planes; ++p) {
-      for (int64_t oy = 0; oy < s.out_h; ++oy) {
-        for (int64_t ox = 0; ox < s.out_w; ++ox) {
-          float m = -std::numeric_limits<float>::infinity();
-          for (int64_t i = oy * c.stride - c.pad; i < oy * c.stride - c.pad + c.kernel; ++i)
-            for (int64_t j = ox * c.stride - c.pad; j < ox * c.stride - c.pad + c.kernel; ++j)
-              if (i >= 0 && i < c.in_h && j >= 0 && j < c.in_w)
-                m = std::max(m, x[size_t((p * s.in_h + i) * s.in_w + j)]);
-          const float got = y[size_t((p * s.out_h + oy) * s.out_w + ox)];
-          differ += std::memcmp(&got, &m, sizeof m) != 0;
-        }
-      }
-    }
-    EXPECT_EQ(differ, 0) << c.in_h << "x" << c.in_w << " kernel " << c.kernel << " stride "
-                         << c.stride << " pad " << c.pad;
+    EXPECT_EQ(WindowMismatches(s, x), 0) << c.in_h << "x" << c.in_w << " kernel " << c.kernel
+                                         << " stride " << c.stride << " pad " << c.pad;
   }
 }
 
