@@ -18,13 +18,6 @@
 namespace qzdl::test {
 namespace {
 
-std::string Types(const OnnxImportResult& r) {
-  std::string types;
-  const json11::Json layers = Layers(r);
-  for (const auto& l : layers.array_items()) types += l["type"].string_value() + " ";
-  return types;
-}
-
 // Q, K, V projections, softmax(Q K^T / sqrt(6)) V over 2 heads and the output
 // projection (scripts/fixtures/make_attention_fixtures.py), exported with a
 // dynamic batch and run at batch 2.

@@ -18,13 +18,6 @@
 namespace qzdl::test {
 namespace {
 
-std::string Types(const OnnxImportResult& r) {
-  std::string types;
-  const json11::Json layers = Layers(r);
-  for (const auto& l : layers.array_items()) types += l["type"].string_value() + " ";
-  return types;
-}
-
 TEST(OnnxBroadcast, MaxWithAOneElementConstant) {
   // y = max(x, 0.25) for x [1, 2, 3]: the constant broadcasts.
   onnx::ModelProto m = EmptyModel();

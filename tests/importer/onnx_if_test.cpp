@@ -54,7 +54,7 @@ void AddIf(onnx::ModelProto* m, const std::string& cond) {
   else_g->add_output()->set_name("else_y");
 }
 
-std::string Types(const OnnxImportResult& r) {
+std::string NamesAndTypes(const OnnxImportResult& r) {
   std::string s;
   const json11::Json layers = Layers(r);
   for (const auto& l : layers.array_items())
@@ -73,8 +73,8 @@ TEST(OnnxIf, ConstantConditionTakesItsBranch) {
     AddIf(&m, "c");
     AddOutput(&m, "y");
     const OnnxImportResult r = ImportOnnxBytes(m.SerializeAsString(), "m.onnx", ".");
-    EXPECT_EQ(Types(r), cond ? "if/relu:ReLU if/Mul_1:Scale if/result_0:Dropout "
-                             : "if/sig:Sigmoid if/result_0:Dropout ")
+    EXPECT_EQ(NamesAndTypes(r), cond ? "if/relu:ReLU if/Mul_1:Scale if/result_0:Dropout "
+                                     : "if/sig:Sigmoid if/result_0:Dropout ")
         << r.net_json;
     auto net = BuildNet(r);
     const auto out = RunNet(net.get(), {kX});
@@ -162,8 +162,8 @@ TEST(OnnxIf, ConditionFromAConstantInput) {
     OnnxImportOptions options;
     options.constant_inputs["sr"] = t.SerializeAsString();
     const OnnxImportResult r = ImportOnnxBytes(m.SerializeAsString(), "m.onnx", ".", options);
-    EXPECT_EQ(Types(r), value == 16000 ? "if/relu:ReLU if/Mul_1:Scale if/result_0:Dropout "
-                                       : "if/sig:Sigmoid if/result_0:Dropout ");
+    EXPECT_EQ(NamesAndTypes(r), value == 16000 ? "if/relu:ReLU if/Mul_1:Scale if/result_0:Dropout "
+                                               : "if/sig:Sigmoid if/result_0:Dropout ");
   }
   // Without the constant the input is refused as before.
   EXPECT_EQ(ImportErrorOf(m),

@@ -78,6 +78,13 @@ json11::Json Layers(const OnnxImportResult& r) {
   return net["layers"];
 }
 
+std::string Types(const OnnxImportResult& r) {
+  std::string types;
+  const json11::Json layers = Layers(r);
+  for (const auto& l : layers.array_items()) types += l["type"].string_value() + " ";
+  return types;
+}
+
 std::unique_ptr<Net<float>> BuildNet(const OnnxImportResult& result) {
   std::string weights = SerializeWeights(result.blobs);
   return std::unique_ptr<Net<float>>(CreateNetFromContent<float>(

@@ -19,6 +19,8 @@ bool FileExists(const std::string& path);
 std::string Fixture(const std::string& name);
 // The "layers" array of an import result's net description.
 json11::Json Layers(const OnnxImportResult& r);
+// The layer types of the imported net in order, each followed by a space.
+std::string Types(const OnnxImportResult& r);
 
 // An empty model of IR version 7 that imports operator set `opset`.
 onnx::ModelProto EmptyModel(int opset = 13);

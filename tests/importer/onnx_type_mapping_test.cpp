@@ -20,13 +20,6 @@
 namespace qzdl::test {
 namespace {
 
-std::string Types(const OnnxImportResult& r) {
-  std::string types;
-  const json11::Json layers = Layers(r);
-  for (const auto& l : layers.array_items()) types += l["type"].string_value() + " ";
-  return types;
-}
-
 struct TypeCase {
   const char* name;
   int dynamic;  // the first `dynamic` inputs are fed at run time, the rest become constants
