@@ -1,11 +1,13 @@
 #include "runtime/fusion.h"
 
 #include <algorithm>
+#include <climits>
 #include <map>
 #include <set>
 #include <string>
 
 #include "runtime/layers/activation.h"
+#include "runtime/layers/concat.h"
 #include "runtime/layers/normalization.h"
 
 namespace qzdl {
@@ -112,6 +114,54 @@ int PlanFusion(const std::vector<Layer<float>*>& layers, const std::vector<std::
     ++fused;
   }
   return fused;
+}
+
+int PlanConcatViews(const std::vector<Layer<float>*>& layers, const std::vector<std::string>& keep,
+                    bool on, std::vector<Data<float>*>* viewed) {
+  for (Data<float>* t : *viewed)
+    if (t->GetCpuData() != nullptr) t->Reallocate();
+  viewed->clear();
+  if (!on) return 0;
+  std::map<std::string, std::vector<int>> readers, writers;
+  const int count = static_cast<int>(layers.size());
+  for (int i = 0; i < count; ++i) {
+    for (Data<float>* t : layers[i]->GetInputs()) readers[t->GetName()].push_back(i);
+    for (Data<float>* t : layers[i]->GetOutputs()) writers[t->GetName()].push_back(i);
+  }
+  const std::set<std::string> kept(keep.begin(), keep.end());
+  // Per viewed tensor: the first layer that rewrites its storage through
+  // the concat outputs that hold it (its readers must all come before).
+  std::map<std::string, int> limit;
+  // Later concats first: an output viewed by a later concat then already
+  // points into that concat's output when its own inputs are placed.
+  for (int c = count - 1; c >= 0; --c) {
+    auto* concat = dynamic_cast<ConcatLayer<float>*>(layers[c]);
+    if (concat == nullptr || !concat->Contiguous() || layers[c]->GetOutputs().size() != 1) continue;
+    Data<float>* out = layers[c]->GetOutputs()[0];
+    const std::string o = out->GetName();
+    if (out->GetCpuData() == nullptr || out->Count(0) == 0) continue;
+    int rewrite = INT_MAX;
+    for (int w : writers[o])
+      if (w > c) rewrite = std::min(rewrite, w);
+    auto held = limit.find(o);
+    if (held != limit.end()) rewrite = std::min(rewrite, held->second);
+    const std::vector<Data<float>*>& ins = layers[c]->GetInputs();
+    for (size_t k = 0; k < ins.size(); ++k) {
+      Data<float>* t = ins[k];
+      const std::string n = t->GetName();
+      if (n == o || kept.count(n) != 0 || limit.count(n) != 0) continue;
+      if (t->GetCpuData() == nullptr || t->Count(0) == 0) continue;
+      bool ok = true;
+      for (size_t j = 0; j < ins.size(); ++j) ok &= j == k || ins[j]->GetName() != n;
+      for (int w : writers[n]) ok &= w < c;
+      for (int r : readers[n]) ok &= r < rewrite;
+      if (!ok) continue;
+      t->ShareData(out->GetCpuData() + concat->Offset(k));
+      limit[n] = rewrite;
+      viewed->push_back(t);
+    }
+  }
+  return static_cast<int>(viewed->size());
 }
 
 }  // namespace qzdl

@@ -27,4 +27,18 @@ bool EpilogueOf(Layer<float>* layer, Epilogue* e);
 int PlanFusion(const std::vector<Layer<float>*>& layers, const std::vector<std::string>& keep,
                bool on);
 
+// Concat views (inference mode, with storage): an input of a "Concat" whose
+// inputs are each one block of its output (ConcatLayer::Contiguous) is given
+// that block as storage, so its writers write there and the concat has
+// nothing to copy. The tensors in `*viewed` (those of the last call) first
+// get storage of their own back (when they had storage); with `on`,
+// `*viewed` then lists the new views. An input gets a view when it is none
+// of `keep` (the net's inputs and outputs), appears once among the concat's
+// inputs and in no later concat's views, every layer writing it runs before
+// the concat, and every layer reading it runs before any layer that rewrites
+// the block (in place, after the concat: also through a concat that views
+// the output in turn). Returns the number of views.
+int PlanConcatViews(const std::vector<Layer<float>*>& layers, const std::vector<std::string>& keep,
+                    bool on, std::vector<Data<float>*>* viewed);
+
 }  // namespace qzdl

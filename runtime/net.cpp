@@ -383,6 +383,9 @@ void Net<T>::AllocateStorage() {
     }
   }
   for (auto& s : staging_) s->ClearData();
+  // Views into the old storage are gone with it.
+  viewed_.clear();
+  ApplyViews();
 }
 
 template <typename T>
@@ -425,9 +428,20 @@ int Net<T>::ApplyFusion() {
   if constexpr (std::is_same_v<T, float>) {
     std::vector<std::string> keep(input_names_);
     keep.insert(keep.end(), output_names_.begin(), output_names_.end());
-    return PlanFusion(layers_, keep, inference_mode_ && !context_.frugal);
+    const int fused = PlanFusion(layers_, keep, inference_mode_ && !context_.frugal);
+    ApplyViews();
+    return fused;
   }
   return 0;
+}
+
+template <typename T>
+void Net<T>::ApplyViews() {
+  if constexpr (std::is_same_v<T, float>) {
+    std::vector<std::string> keep(input_names_);
+    keep.insert(keep.end(), output_names_.begin(), output_names_.end());
+    PlanConcatViews(layers_, keep, inference_mode_ && !context_.frugal, &viewed_);
+  }
 }
 
 template <typename T>

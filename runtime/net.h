@@ -136,6 +136,8 @@ class Net {
   void ComputeOutputsAndLifetimes(const json11::Json& net);
   void AllocateStorage();
   int ApplyFusion();
+  // Concat views of inference mode (fusion.h), after storage changes.
+  void ApplyViews();
 
   std::string data_type_;
   // The files the net was created from, named again by errors of later
@@ -155,6 +157,7 @@ class Net {
   bool high_accuracy_ = false;
   bool hybrid_mode_ = false;
   bool inference_mode_ = false;
+  std::vector<Data<T>*> viewed_;  // tensors stored in a concat's output
   json11::Json description_;
 };
 

@@ -54,6 +54,15 @@ void ConcatLayer<float>::Move(Input input, E* y) const {
     const E* x = input(k);
     const int64_t slice = slice_[k];
     const int64_t at = offset;
+    if (outer_ == 1) {
+      // One block: split it across threads instead of the outer loop.
+      if (x != y + at)
+        ParallelFor(slice, [=](int64_t begin, int64_t end) {
+          std::memcpy(y + at + begin, x + begin, sizeof(E) * (end - begin));
+        });
+      offset += slice;
+      continue;
+    }
     ParallelFor(
         outer_,
         [=](int64_t begin, int64_t end) {

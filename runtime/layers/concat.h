@@ -15,12 +15,22 @@ class ConcatLayer : public Layer<T>, public ElementMover {
   void Reshape() override;
   // The axis as given (may be negative).
   int Axis() const { return axis_; }
+  // Whether each input is one block of the output (a single outer block,
+  // e.g. a batch of 1 on the channel axis), as of the last Reshape; input k
+  // then starts at Offset(k) elements into the output.
+  bool Contiguous() const { return outer_ == 1; }
+  int64_t Offset(size_t k) const {
+    int64_t at = 0;
+    for (size_t j = 0; j < k && j < slice_.size(); ++j) at += slice_[j];
+    return at;
+  }
 
  protected:
   void Run() override;
 
  private:
-  // Run's kernel on any element type; input(k) is the data of input k.
+  // Run's kernel on any element type; input(k) is the data of input k. An
+  // input already in its place in y (a view, see Contiguous) is not copied.
   template <typename E, typename Input>
   void Move(Input input, E* y) const;
   int axis_ = 1;
