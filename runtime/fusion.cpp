@@ -164,4 +164,48 @@ int PlanConcatViews(const std::vector<Layer<float>*>& layers, const std::vector<
   return static_cast<int>(viewed->size());
 }
 
+int PlanBlockedLayouts(const std::vector<Layer<float>*>& layers,
+                       const std::vector<std::string>& keep, bool on) {
+  for (Layer<float>* l : layers) l->SetBlocked(false, false);
+  if (!on) return 0;
+  // What the running layers read and write (a fused layer writes its
+  // destination; fused-away layers do not run).
+  std::map<std::string, std::vector<int>> readers, writers;
+  const int count = static_cast<int>(layers.size());
+  for (int i = 0; i < count; ++i) {
+    Layer<float>* l = layers[i];
+    if (l->FusedAway()) continue;
+    for (Data<float>* t : l->GetInputs()) readers[t->GetName()].push_back(i);
+    if (Data<float>* dst = l->FusedDestination()) {
+      writers[dst->GetName()].push_back(i);
+    } else {
+      for (Data<float>* t : l->GetOutputs()) writers[t->GetName()].push_back(i);
+    }
+  }
+  const std::set<std::string> kept(keep.begin(), keep.end());
+  std::vector<bool> in(count, false), out(count, false);
+  int handed = 0;
+  for (int i = 0; i < count; ++i) {
+    Layer<float>* p = layers[i];
+    const int block = p->FusedAway() ? 0 : p->OutputBlock();
+    if (block == 0) continue;
+    Data<float>* dst = p->FusedDestination();
+    if (dst == nullptr && p->GetOutputs().size() == 1) dst = p->GetOutputs()[0];
+    if (dst == nullptr) continue;
+    const std::string t = dst->GetName();
+    const std::vector<int>& rd = readers[t];
+    if (kept.count(t) != 0 || writers[t] != std::vector<int>{i} || rd.empty()) continue;
+    bool ok = true;
+    for (int r : rd)
+      ok &= r > i && layers[r]->GetInputs().size() == 1 && layers[r]->InputBlock() == block;
+    if (!ok) continue;
+    out[i] = true;
+    for (int r : rd) in[r] = true;
+    ++handed;
+  }
+  for (int i = 0; i < count; ++i)
+    if (in[i] || out[i]) layers[i]->SetBlocked(in[i], out[i]);
+  return handed;
+}
+
 }  // namespace qzdl

@@ -111,6 +111,18 @@ class Layer {
   // when the layer cannot; it then stays as it was.
   virtual bool FuseEpilogue(const Epilogue&, Data<T>*, ChannelAffine* = nullptr) { return false; }
 
+  // The tensor a fused layer writes instead of its output (FuseEpilogue's
+  // `dst`), or null.
+  virtual Data<T>* FusedDestination() const { return nullptr; }
+  // Channel-blocked hand-off between layers (inference mode): the channel
+  // block (8 or 16) of a layout in which the layer can read its only input
+  // / write the tensor it writes without reordering, else 0. SetBlocked
+  // makes it do so at every run until it is called again; a tensor so
+  // stored holds its NCHW values permuted, in as many bytes.
+  virtual int InputBlock() const { return 0; }
+  virtual int OutputBlock() const { return 0; }
+  virtual void SetBlocked(bool /*input*/, bool /*output*/) {}
+
   // An activation whose work the layer before it does: Forward skips it.
   void SetFusedAway(bool fused) { fused_away_ = fused; }
   bool FusedAway() const { return fused_away_; }

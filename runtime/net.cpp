@@ -363,6 +363,8 @@ void Net<T>::Reshape(bool allocate, int batch) {
     // Old storage may no longer fit the new shapes.
     for (auto& kv : tensors_) kv.second->ClearData();
     for (auto& s : staging_) s->ClearData();
+    viewed_.clear();
+    ApplyViews();
   }
 }
 
@@ -441,6 +443,7 @@ void Net<T>::ApplyViews() {
     std::vector<std::string> keep(input_names_);
     keep.insert(keep.end(), output_names_.begin(), output_names_.end());
     PlanConcatViews(layers_, keep, inference_mode_ && !context_.frugal, &viewed_);
+    blocked_handoffs_ = PlanBlockedLayouts(layers_, keep, inference_mode_ && !context_.frugal);
   }
 }
 

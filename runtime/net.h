@@ -76,6 +76,9 @@ class Net {
   // the number of fused pairs.
   int SetInferenceMode(bool on);
   bool GetInferenceMode() const { return inference_mode_; }
+  // Tensors inference mode hands from layer to layer in channel blocks at
+  // the current shapes (docs/runtime.md, "Fused execution").
+  int BlockedHandoffs() const { return blocked_handoffs_; }
 
   // The current configuration: the net's own empty one until SetInt8Config
   // hands it another, which stays owned by the caller.
@@ -136,7 +139,8 @@ class Net {
   void ComputeOutputsAndLifetimes(const json11::Json& net);
   void AllocateStorage();
   int ApplyFusion();
-  // Concat views of inference mode (fusion.h), after storage changes.
+  // Concat views and channel-blocked hand-offs of inference mode
+  // (fusion.h), planned again whenever shapes or storage change.
   void ApplyViews();
 
   std::string data_type_;
@@ -158,6 +162,7 @@ class Net {
   bool hybrid_mode_ = false;
   bool inference_mode_ = false;
   std::vector<Data<T>*> viewed_;  // tensors stored in a concat's output
+  int blocked_handoffs_ = 0;
   json11::Json description_;
 };
 

@@ -130,6 +130,9 @@ void PrintProfile(Net<T>* net, int repeat) {
   for (const auto& kv : per_type) types.push_back({kv.second.first, kv.first});
   std::sort(types.rbegin(), types.rend());
   printf("profile: %.3f ms per pass layer by layer\n", total * 1000 / repeat);
+  if (net->GetInferenceMode())
+    printf("profile: %d tensors handed between layers in channel blocks\n",
+           net->BlockedHandoffs());
   for (const auto& t : types) {
     printf("profile: %-22s %4d layers %9.3f ms %5.1f%%\n", t.second.c_str(),
            per_type[t.second].second, t.first * 1000 / repeat, 100 * t.first / total);

@@ -45,6 +45,17 @@ memory Bound(const memory::desc& md, AlignedBuffer* buf) {
   return memory(md, CpuEngine(), buf->Reserve(std::max<size_t>(md.get_size(), 64)));
 }
 
+// 8 or 16 when md is the nChw8c / nChw16c form of [1, c, h, w] with c a
+// multiple of the block, 1 when it is channels-last (nhwc), else 0.
+int BlockOf(const memory::desc& md, const memory::dims& dims) {
+  if (md == Desc(dims, tag::nhwc)) return 1;
+  for (int block : {16, 8}) {
+    if (dims[1] % block != 0) continue;
+    if (md == Desc(dims, block == 16 ? tag::nChw16c : tag::nChw8c)) return block;
+  }
+  return 0;
+}
+
 // Sets the calling thread's OpenMP thread count for the scope.
 class ThreadCountScope {
  public:
@@ -92,6 +103,8 @@ struct DnnlConvolution::Impl {
   AlignedBuffer src_buf;  // every image in oneDNN's layout
   std::string impl_name;
   const float* reordered_from = nullptr;  // the weights of the last run
+  int src_block = 0, dst_block = 0;        // see SrcBlock / DstBlock
+  bool src_blocked = false, dst_blocked = false;
 
   // Creates the primitive for `channels` output channels; src_md may be
   // "any" (first part) or the layout the first part chose.
@@ -212,6 +225,18 @@ bool DnnlConvolution::Configure(const ConvGeometry& g, bool bias) {
     }
   }
   m.src_image_bytes = src_md.get_size();
+  m.src_block = m.reorder_src ? BlockOf(src_md, {1, g.in_c, g.in_h, g.in_w}) : 0;
+  {
+    const Impl::Part& first_part = m.parts.front();
+    m.dst_block = BlockOf(first_part.dst_md, {1, first_part.channels, g.out_h, g.out_w});
+    for (const Impl::Part& p : m.parts)
+      if (BlockOf(p.dst_md, {1, p.channels, g.out_h, g.out_w}) != m.dst_block) m.dst_block = 0;
+    // Channels-last chunks of channels are not pieces of the image's layout
+    // (the library's fast primitives write no strided outputs).
+    if (m.dst_block == 1 && m.chunks.size() > 1) m.dst_block = 0;
+    for (const Impl::Chunk& c : m.chunks)
+      if (m.dst_block > 1 && c.first % m.dst_block != 0) m.dst_block = 0;
+  }
   if (m.reorder_src) m.src_buf.Reserve(std::max<size_t>(m.src_image_bytes * g.batch, 64));
   for (Impl::Chunk& c : m.chunks) {
     const Impl::Part& p = m.parts[c.part];
@@ -284,7 +309,7 @@ void DnnlConvolution::Run(const float* x, const float* w, const float* b, float*
       s.stream.wait();
     });
   }
-  if (m.reorder_src) {
+  if (m.reorder_src && !m.src_blocked) {
     ParallelItems(g.batch, threads, [&](int64_t n, int slot) {
       Impl::Slot& s = *m.slots[slot];
       s.user_src.set_data_handle(handle(x + n * in_image));
@@ -297,27 +322,51 @@ void DnnlConvolution::Run(const float* x, const float* w, const float* b, float*
     Impl::Slot& s = *m.slots[slot];
     const int n = static_cast<int>(item / chunks), c = static_cast<int>(item % chunks);
     const Impl::Part& p = m.parts[m.chunks[c].part];
-    if (m.reorder_src) {
+    if (m.reorder_src && !m.src_blocked) {
       s.src.set_data_handle(src_buf + n * m.src_image_bytes);
     } else {
       s.src.set_data_handle(handle(x + n * in_image));
     }
-    s.user_dst[c].set_data_handle(y + n * out_image + m.chunks[c].first * plane);
+    // A chunk of whole channel blocks is one block of the image in both
+    // layouts, at the same offset.
+    const int first = m.chunks[c].first;
+    float* image = y + n * out_image;
+    float* out = image + int64_t(first) * plane;
+    s.user_dst[c].set_data_handle(out);
+    if (p.reorder_dst) {
+      float* lib = m.dst_blocked ? image : static_cast<float*>(s.dst_buf.get());
+      s.conv_args[c][DNNL_ARG_DST].set_data_handle(lib + (m.dst_blocked ? int64_t(first) * plane : 0));
+    }
     p.conv.execute(s.stream, s.conv_args[c]);
-    if (p.reorder_dst) p.dst_reorder.execute(s.stream, s.dst_args[c]);
+    if (p.reorder_dst && !m.dst_blocked) p.dst_reorder.execute(s.stream, s.dst_args[c]);
     s.stream.wait();
-    if (e.Active()) {
-      const int first = m.chunks[c].first;
+    if (e.Active() && m.dst_blocked) {
+      ApplyEpilogue(e, out, int64_t(p.channels) * plane);
+    } else if (e.Active()) {
       for (int ch = 0; ch < p.channels; ++ch)
-        ApplyEpilogue(e, y + n * out_image + int64_t(first + ch) * plane, plane, first + ch);
+        ApplyEpilogue(e, out + int64_t(ch) * plane, plane, first + ch);
     }
   });
 }
 
+int DnnlConvolution::SrcBlock() const { return impl_ ? impl_->src_block : 0; }
+int DnnlConvolution::DstBlock() const { return impl_ ? impl_->dst_block : 0; }
+
+void DnnlConvolution::SetBlocked(bool src, bool dst) {
+  if (!impl_) return;
+  impl_->src_blocked = src && impl_->src_block != 0;
+  impl_->dst_blocked = dst && impl_->dst_block != 0;
+}
+
 std::string DnnlConvolution::ImplName() const {
   if (!impl_) return "";
-  const size_t chunks = impl_->chunks.size();
-  return impl_->impl_name + (chunks > 1 ? " x" + std::to_string(chunks) + " channel chunks" : "");
+  const Impl& m = *impl_;
+  const size_t chunks = m.chunks.size();
+  std::string name = m.impl_name;
+  if (chunks > 1) name += " x" + std::to_string(chunks) + " channel chunks";
+  if (m.src_blocked) name += ", input in blocks of " + std::to_string(m.src_block);
+  if (m.dst_blocked) name += ", output in blocks of " + std::to_string(m.dst_block);
+  return name;
 }
 
 int64_t DnnlConvolution::Items() const {
@@ -333,6 +382,9 @@ bool DnnlConvolution::Available() { return false; }
 bool DnnlConvolution::Configure(const ConvGeometry&, bool) { return false; }
 void DnnlConvolution::Run(const float*, const float*, const float*, float*, const Epilogue&, bool) {
 }
+int DnnlConvolution::SrcBlock() const { return 0; }
+int DnnlConvolution::DstBlock() const { return 0; }
+void DnnlConvolution::SetBlocked(bool, bool) {}
 std::string DnnlConvolution::ImplName() const { return ""; }
 int64_t DnnlConvolution::Items() const { return 0; }
 

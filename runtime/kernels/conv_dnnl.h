@@ -38,6 +38,19 @@ class DnnlConvolution {
   // reordered then are used again.
   void Run(const float* x, const float* w, const float* b, float* y, const Epilogue& e = {},
            bool same_weights = false);
+  // Hand-off between convolutions without reorders: the layout the
+  // primitive reads its input in / writes its output in, when the image in
+  // it has the size of its NCHW form and each output chunk is one piece of
+  // it: 8 or 16 for oneDNN's nChw8c / nChw16c (channels filling whole
+  // blocks), 1 for channels-last (nhwc; output only in one chunk), else 0.
+  int SrcBlock() const;
+  int DstBlock() const;
+  // With `src`, Run reads x already in the SrcBlock() layout (no reorder);
+  // with `dst`, it leaves y in the DstBlock() layout, and `e` (which must
+  // not hold a per-channel affine) goes over it as it lies. The values are
+  // those of the NCHW run, permuted. Flags a shape
+  // cannot honour are dropped.
+  void SetBlocked(bool src, bool dst);
   // oneDNN's implementation name, e.g. "brgconv:avx512_core", and the
   // number of output-channel chunks.
   std::string ImplName() const;

@@ -45,6 +45,14 @@ class ConvKernel {
   // e.g. "im2col+gemm (oneDNN 2.6.3)" or "oneDNN brgconv:avx512_core".
   std::string Describe() const;
 
+  // The channel-blocked hand-off of the library's primitive (see
+  // DnnlConvolution): 0 for the other algorithms.
+  int SrcBlock() const { return dnnl_ ? dnnl_->SrcBlock() : 0; }
+  int DstBlock() const { return dnnl_ ? dnnl_->DstBlock() : 0; }
+  void SetBlocked(bool src, bool dst) {
+    if (dnnl_) dnnl_->SetBlocked(src, dst);
+  }
+
   // x [N, C, H, W], w [M, C/group, kh, kw], b [M] or null, y [N, M, OH, OW].
   // `e` is applied to every output after the bias, while it is in cache.
   // `same_weights` promises that w holds what it held at the last run, so

@@ -38,6 +38,11 @@ class ConvolutionLayer : public Layer<T> {
   void Reshape() override;
   std::vector<WeightSpec> WeightSpecs() override;
   bool FuseEpilogue(const Epilogue& e, Data<T>* dst, ChannelAffine* affine) override;
+  Data<T>* FusedDestination() const override { return fused_dst_; }
+  // The library's primitive only; not with a fused per-channel affine.
+  int InputBlock() const override { return kernel_.SrcBlock(); }
+  int OutputBlock() const override { return affine_ == nullptr ? kernel_.DstBlock() : 0; }
+  void SetBlocked(bool input, bool output) override { kernel_.SetBlocked(input, output); }
 
   const ConvParams& params() const { return params_; }
   const ConvGeometry& geometry() const { return geometry_; }

@@ -25,6 +25,7 @@ class EltwiseLayer : public Layer<T> {
   Op Operation() const { return op_; }
   const std::vector<float>& Coeffs() const { return coeff_; }
   bool FuseEpilogue(const Epilogue& e, Data<T>* dst, ChannelAffine* affine) override;
+  Data<T>* FusedDestination() const override { return fused_dst_; }
 
  protected:
   void Run() override;
