@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -168,43 +169,77 @@ int PlanBlockedLayouts(const std::vector<Layer<float>*>& layers,
                        const std::vector<std::string>& keep, bool on) {
   for (Layer<float>* l : layers) l->SetBlocked(false, false);
   if (!on) return 0;
-  // What the running layers read and write (a fused layer writes its
-  // destination; fused-away layers do not run).
-  std::map<std::string, std::vector<int>> readers, writers;
+  // Tensors by name, with what the running layers read and write (a fused
+  // layer writes its destination; fused-away layers do not run).
+  std::map<std::string, int> ids;
+  std::vector<std::vector<int>> readers, writers;
+  auto id = [&](const std::string& name) {
+    auto it = ids.emplace(name, static_cast<int>(ids.size())).first;
+    readers.resize(ids.size());
+    writers.resize(ids.size());
+    return it->second;
+  };
   const int count = static_cast<int>(layers.size());
+  std::vector<int> written(count, -1);  // the tensor each running layer writes
   for (int i = 0; i < count; ++i) {
     Layer<float>* l = layers[i];
     if (l->FusedAway()) continue;
-    for (Data<float>* t : l->GetInputs()) readers[t->GetName()].push_back(i);
-    if (Data<float>* dst = l->FusedDestination()) {
-      writers[dst->GetName()].push_back(i);
+    for (Data<float>* t : l->GetInputs()) readers[id(t->GetName())].push_back(i);
+    Data<float>* dst = l->FusedDestination();
+    if (dst == nullptr && l->GetOutputs().size() == 1) dst = l->GetOutputs()[0];
+    if (dst != nullptr) {
+      written[i] = id(dst->GetName());
+      writers[written[i]].push_back(i);
     } else {
-      for (Data<float>* t : l->GetOutputs()) writers[t->GetName()].push_back(i);
+      for (Data<float>* t : l->GetOutputs()) writers[id(t->GetName())].push_back(i);
     }
   }
-  const std::set<std::string> kept(keep.begin(), keep.end());
-  std::vector<bool> in(count, false), out(count, false);
-  int handed = 0;
+  // A layout-agnostic layer's inputs and output form one group that shares
+  // a layout.
+  const int tensors = static_cast<int>(ids.size());
+  std::vector<int> parent(tensors);
+  for (int t = 0; t < tensors; ++t) parent[t] = t;
+  std::function<int(int)> root = [&](int t) { return parent[t] == t ? t : parent[t] = root(parent[t]); };
   for (int i = 0; i < count; ++i) {
-    Layer<float>* p = layers[i];
-    const int block = p->FusedAway() ? 0 : p->OutputBlock();
-    if (block == 0) continue;
-    Data<float>* dst = p->FusedDestination();
-    if (dst == nullptr && p->GetOutputs().size() == 1) dst = p->GetOutputs()[0];
-    if (dst == nullptr) continue;
-    const std::string t = dst->GetName();
-    const std::vector<int>& rd = readers[t];
-    if (kept.count(t) != 0 || writers[t] != std::vector<int>{i} || rd.empty()) continue;
-    bool ok = true;
-    for (int r : rd)
-      ok &= r > i && layers[r]->GetInputs().size() == 1 && layers[r]->InputBlock() == block;
-    if (!ok) continue;
-    out[i] = true;
-    for (int r : rd) in[r] = true;
-    ++handed;
+    Layer<float>* l = layers[i];
+    if (l->FusedAway() || !l->LayoutAgnostic() || written[i] < 0) continue;
+    for (Data<float>* t : l->GetInputs()) parent[root(ids[t->GetName()])] = root(written[i]);
   }
-  for (int i = 0; i < count; ++i)
-    if (in[i] || out[i]) layers[i]->SetBlocked(in[i], out[i]);
+  // Per group: -1 while no convolution constrains it, then the one block
+  // every convolution writing or reading a member uses, or 0.
+  std::vector<int> block(tensors, -1);
+  auto constrain = [&](int t, int b) {
+    int& g = block[root(t)];
+    g = (b <= 0 || (g != -1 && g != b)) ? 0 : b;
+  };
+  const std::set<std::string> kept(keep.begin(), keep.end());
+  for (const auto& kv : ids) {
+    const int t = kv.second;
+    if (kept.count(kv.first) != 0 || writers[t].size() != 1) {
+      constrain(t, 0);
+      continue;
+    }
+    Layer<float>* w = layers[writers[t][0]];
+    if (!w->LayoutAgnostic()) constrain(t, written[writers[t][0]] == t ? w->OutputBlock() : 0);
+    for (int r : readers[t]) {
+      Layer<float>* l = layers[r];
+      if (r <= writers[t][0]) constrain(t, 0);
+      if (!l->LayoutAgnostic()) {
+        constrain(t, l->GetInputs().size() == 1 ? l->InputBlock() : 0);
+      } else if (written[r] < 0) {
+        constrain(t, 0);
+      }
+    }
+  }
+  int handed = 0;
+  for (int t = 0; t < tensors; ++t) handed += block[root(t)] > 0 && !readers[t].empty();
+  for (int i = 0; i < count; ++i) {
+    Layer<float>* l = layers[i];
+    if (l->FusedAway() || l->LayoutAgnostic()) continue;
+    const bool in = l->GetInputs().size() == 1 && block[root(ids[l->GetInputs()[0]->GetName()])] > 0;
+    const bool out = written[i] >= 0 && block[root(written[i])] > 0;
+    if (in || out) l->SetBlocked(in, out);
+  }
   return handed;
 }
 

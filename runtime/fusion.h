@@ -42,12 +42,14 @@ int PlanConcatViews(const std::vector<Layer<float>*>& layers, const std::vector<
                     bool on, std::vector<Data<float>*>* viewed);
 
 // Channel-blocked hand-off (inference mode, after PlanFusion): a tensor
-// that one running layer writes and that only layers reading it as their
-// only input read (none fused away) stays in the producer's channel-blocked
-// layout (Layer::OutputBlock) when every reader takes that same block
-// (Layer::InputBlock) and the tensor is none of `keep`: two reorders fewer
-// per hand-off, and the same values. Every layer's blocking is reset first.
-// Returns the number of tensors handed over blocked.
+// that one running layer writes stays in the channel-blocked layout of the
+// convolutions that write and read it (Layer::OutputBlock / InputBlock)
+// when they all use the same one, it is none of `keep`, and every other
+// layer that touches it is layout-agnostic (Layer::LayoutAgnostic, e.g. an
+// element-wise sum), whose inputs and output then form one group that takes
+// one layout. Any other reader or writer keeps its group in NCHW. Two
+// reorders fewer per hand-off, the same values. Every layer's blocking is
+// reset first. Returns the number of tensors handed over blocked.
 int PlanBlockedLayouts(const std::vector<Layer<float>*>& layers,
                        const std::vector<std::string>& keep, bool on);
 

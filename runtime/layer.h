@@ -122,6 +122,10 @@ class Layer {
   virtual int InputBlock() const { return 0; }
   virtual int OutputBlock() const { return 0; }
   virtual void SetBlocked(bool /*input*/, bool /*output*/) {}
+  // Whether the layer computes element by element over inputs of its
+  // output's shape with nothing per channel, so that it runs on any layout
+  // its inputs and output share.
+  virtual bool LayoutAgnostic() const { return false; }
 
   // An activation whose work the layer before it does: Forward skips it.
   void SetFusedAway(bool fused) { fused_away_ = fused; }

@@ -26,6 +26,8 @@ class EltwiseLayer : public Layer<T> {
   const std::vector<float>& Coeffs() const { return coeff_; }
   bool FuseEpilogue(const Epilogue& e, Data<T>* dst, ChannelAffine* affine) override;
   Data<T>* FusedDestination() const override { return fused_dst_; }
+  // Inputs of one shape, no per-channel epilogue.
+  bool LayoutAgnostic() const override { return true; }
 
  protected:
   void Run() override;

@@ -111,6 +111,52 @@ TEST(BlockedHandoff, HappensOnThisMachineWithTheLibrary) {
 }
 #endif
 
+// Two convolutions summed (ReLU fused into the sum) and the sum convolved
+// again: the sum runs on whatever layout its inputs and output share. With
+// `pool`, a pooling also reads the sum, which keeps the group in NCHW.
+test::NetBuilder Residual(bool pool) {
+  test::NetBuilder b;
+  b.Input("data", {8, 16, 10, 9});
+  Conv(b, "a", "data", "a_out", 16, 32, 1);
+  Conv(b, "b", "a_out", "b_out", 32, 32, 3);
+  Conv(b, "c", "a_out", "c_out", 32, 32, 5);
+  b.Layer("sum", "Eltwise", {"b_out", "c_out"}, {"s"});
+  b.Layer("relu", "ReLU", {"s"}, {"r"});
+  Conv(b, "e", "r", "e_out", 32, 16, 7);
+  if (pool)
+    b.Layer("pool", "Pooling", {"r"}, {"p"},
+            Json::object{{"pool", "max"}, {"kernel_size", 2}, {"stride", 2}});
+  b.Top("outputs", pool ? Json::array{"e_out", "p"} : Json::array{"e_out"});
+  return b;
+}
+
+TEST(BlockedHandoff, ThroughAnElementwiseSumWhenAllItsTensorsShareTheLayout) {
+  for (bool pool : {false, true}) {
+    SCOPED_TRACE(pool ? "with a pooling reader" : "convolutions only");
+    auto plain = Residual(pool).Build();
+    const std::vector<float> x = test::RandomVector(8 * 16 * 10 * 9, 3, -2.0f, 2.0f);
+    plain->SetFloatInputData(const_cast<float*>(x.data()), 0);
+    plain->ForwardAll();
+    auto net = Residual(pool).Build();
+    net->SetInferenceMode(true);
+    const int block = OutBlock(net.get(), "a");
+    const bool first = block != 0 && InBlock(net.get(), "b") == block &&
+                       InBlock(net.get(), "c") == block;
+    const int sum_block = OutBlock(net.get(), "b");
+    const bool sum = !pool && sum_block != 0 && OutBlock(net.get(), "c") == sum_block &&
+                     InBlock(net.get(), "e") == sum_block;
+    // a_out, then b_out, c_out and r (s is the fused sum's raw output).
+    EXPECT_EQ(net->BlockedHandoffs(), (first ? 1 : 0) + (sum ? 3 : 0));
+#if defined(__x86_64__)
+    if (DnnlConvolution::Available()) EXPECT_EQ(net->BlockedHandoffs(), pool ? 1 : 4);
+#endif
+    net->SetFloatInputData(const_cast<float*>(x.data()), 0);
+    net->ForwardAll();
+    EXPECT_EQ(Values(net.get(), "e_out"), Values(plain.get(), "e_out"));
+    if (pool) EXPECT_EQ(Values(net.get(), "p"), Values(plain.get(), "p"));
+  }
+}
+
 TEST(BlockedHandoff, PlannerResetsEveryLayer) {
   auto net = Chain(8).Build();
   net->SetInferenceMode(true);
