@@ -122,6 +122,7 @@ int PlanConcatViews(const std::vector<Layer<float>*>& layers, const std::vector<
   for (Data<float>* t : *viewed)
     if (t->GetCpuData() != nullptr) t->Reallocate();
   viewed->clear();
+  for (Layer<float>* l : layers) l->SetOutputImageStride(0);
   if (!on) return 0;
   std::map<std::string, std::vector<int>> readers, writers;
   const int count = static_cast<int>(layers.size());
@@ -137,7 +138,12 @@ int PlanConcatViews(const std::vector<Layer<float>*>& layers, const std::vector<
   // points into that concat's output when its own inputs are placed.
   for (int c = count - 1; c >= 0; --c) {
     auto* concat = dynamic_cast<ConcatLayer<float>*>(layers[c]);
-    if (concat == nullptr || !concat->Contiguous() || layers[c]->GetOutputs().size() != 1) continue;
+    if (concat == nullptr || layers[c]->GetOutputs().size() != 1) continue;
+    // One block per input, or one per input and image: then an input whose
+    // writer can space its images (Layer::SetOutputImageStride) and that
+    // the concat alone reads is written in place, image by image.
+    const bool whole = concat->Contiguous();
+    if (!whole && !concat->PerImage()) continue;
     Data<float>* out = layers[c]->GetOutputs()[0];
     const std::string o = out->GetName();
     if (out->GetCpuData() == nullptr || out->Count(0) == 0) continue;
@@ -157,6 +163,22 @@ int PlanConcatViews(const std::vector<Layer<float>*>& layers, const std::vector<
       for (int w : writers[n]) ok &= w < c;
       for (int r : readers[n]) ok &= r < rewrite;
       if (!ok) continue;
+      if (!whole) {
+        // The one running writer (the others fused into it), read by the
+        // concat alone: its output is no tensor of its own any more.
+        Layer<float>* writer = nullptr;
+        int running = 0;
+        for (int w : writers[n])
+          if (!layers[w]->FusedAway()) writer = layers[w], ++running;
+        for (int i = 0; i < c && running == 0; ++i)
+          if (!layers[i]->FusedAway() && layers[i]->FusedDestination() == t)
+            writer = layers[i], ++running;
+        int others = 0;  // running readers besides the concat
+        for (int r : readers[n]) others += r != c && !layers[r]->FusedAway();
+        if (running != 1 || others != 0) continue;
+        if (writer->FusedDestination() != nullptr && writer->FusedDestination() != t) continue;
+        if (!writer->SetOutputImageStride(concat->OutBlock())) continue;
+      }
       t->ShareData(out->GetCpuData() + concat->Offset(k));
       limit[n] = rewrite;
       viewed->push_back(t);

@@ -37,7 +37,12 @@ int PlanFusion(const std::vector<Layer<float>*>& layers, const std::vector<std::
 // inputs and in no later concat's views, every layer writing it runs before
 // the concat, and every layer reading it runs before any layer that rewrites
 // the block (in place, after the concat: also through a concat that views
-// the output in turn). Returns the number of views.
+// the output in turn). Where each input is one block per image instead
+// (concats on the channel axis at any batch), an input that the concat
+// alone reads and whose one running writer can space its images
+// (Layer::SetOutputImageStride, e.g. a convolution) is written image by
+// image into its place; its own storage then holds no tensor of its own.
+// Every layer's image stride is reset first. Returns the number of views.
 int PlanConcatViews(const std::vector<Layer<float>*>& layers, const std::vector<std::string>& keep,
                     bool on, std::vector<Data<float>*>* viewed);
 

@@ -122,6 +122,11 @@ class Layer {
   virtual int InputBlock() const { return 0; }
   virtual int OutputBlock() const { return 0; }
   virtual void SetBlocked(bool /*input*/, bool /*output*/) {}
+  // Asks the layer to write image n of the tensor it writes `stride`
+  // floats after image n - 1 (0: dense again), so that it can write into
+  // its place in a concat's output. False when it cannot (then only 0 is
+  // accepted, as a no-op).
+  virtual bool SetOutputImageStride(int64_t stride) { return stride == 0; }
   // Whether the layer computes element by element over inputs of its
   // output's shape with nothing per channel, so that it runs on any layout
   // its inputs and output share.

@@ -135,11 +135,13 @@ size_t DepthwiseScratchFloats(const ConvGeometry& g) {
 }
 
 void DepthwiseConvolution(const ConvGeometry& g, const float* x, const float* w, const float* b,
-                          float* y, float* scratch, int slots, const Epilogue& e) {
+                          float* y, float* scratch, int slots, const Epilogue& e,
+                          int64_t y_image) {
   const int multiplier = g.out_c / g.in_c;
   const int64_t planes = int64_t(g.batch) * g.out_c;
   const int64_t in_plane = g.InPlane(), out_plane = g.OutPlane();
   const int64_t kk = g.KernelArea();
+  if (y_image == 0) y_image = g.out_c * out_plane;
   const size_t per_thread = DepthwiseScratchFloats(g);
   const size_t padded = size_t(PaddedH(g)) * PaddedW(g);
   const Path path = PathFor(g);
@@ -157,7 +159,7 @@ void DepthwiseConvolution(const ConvGeometry& g, const float* x, const float* w,
         const float* xp = x + (int64_t(n) * g.in_c + o / multiplier) * in_plane;
         const float* k = w + int64_t(o) * kk;
         const float bias = b != nullptr ? b[o] : 0.0f;
-        float* yp = y + i * out_plane;
+        float* yp = y + n * y_image + o * out_plane;
         switch (path) {
           case Path::kFlat3x3:
             PadPlane(g, xp, p);

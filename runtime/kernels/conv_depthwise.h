@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "runtime/kernels/conv_geometry.h"
 #include "runtime/kernels/epilogue.h"
@@ -20,8 +21,10 @@ size_t DepthwiseScratchFloats(const ConvGeometry& g);
 // `slots` per-thread buffers of DepthwiseScratchFloats(g); at most `slots`
 // threads run. Planes are spread over the threads; each output element is
 // summed by one thread, bias first, then the taps in (ky, kx) order; `e` is
-// applied to each output plane once it is complete.
+// applied to each output plane once it is complete. Image n of y starts
+// n * y_image floats in (0: out_c x the output plane, dense).
 void DepthwiseConvolution(const ConvGeometry& g, const float* x, const float* w, const float* b,
-                          float* y, float* scratch, int slots, const Epilogue& e = {});
+                          float* y, float* scratch, int slots, const Epilogue& e = {},
+                          int64_t y_image = 0);
 
 }  // namespace qzdl

@@ -280,12 +280,13 @@ bool DnnlConvolution::Configure(const ConvGeometry& g, bool bias) {
 }
 
 void DnnlConvolution::Run(const float* x, const float* w, const float* b, float* y,
-                          const Epilogue& e, bool same_weights) {
+                          const Epilogue& e, bool same_weights, int64_t y_image) {
   Impl& m = *impl_;
   const ConvGeometry& g = m.g;
   auto handle = [](const float* p) { return const_cast<float*>(p); };
   const int64_t kk = g.KernelArea(), in_image = int64_t(g.in_c) * g.InPlane();
-  const int64_t plane = g.OutPlane(), out_image = int64_t(g.out_c) * plane;
+  const int64_t plane = g.OutPlane();
+  const int64_t out_image = y_image != 0 ? y_image : int64_t(g.out_c) * plane;
   for (Impl::Chunk& c : m.chunks) {
     c.user_wei.set_data_handle(handle(w + int64_t(c.first) * g.InPerGroup() * kk));
     if (m.bias) c.user_bias.set_data_handle(handle(b + c.first));
@@ -380,7 +381,8 @@ DnnlConvolution::DnnlConvolution() = default;
 DnnlConvolution::~DnnlConvolution() = default;
 bool DnnlConvolution::Available() { return false; }
 bool DnnlConvolution::Configure(const ConvGeometry&, bool) { return false; }
-void DnnlConvolution::Run(const float*, const float*, const float*, float*, const Epilogue&, bool) {
+void DnnlConvolution::Run(const float*, const float*, const float*, float*, const Epilogue&, bool,
+                          int64_t) {
 }
 int DnnlConvolution::SrcBlock() const { return 0; }
 int DnnlConvolution::DstBlock() const { return 0; }

@@ -36,8 +36,9 @@ class DnnlConvolution {
   // goes over each chunk of outputs as soon as it is in NCHW. With
   // `same_weights` (w holds what it held at the last run) the weights
   // reordered then are used again.
+  // Image n of y starts n * y_image floats in (0: dense).
   void Run(const float* x, const float* w, const float* b, float* y, const Epilogue& e = {},
-           bool same_weights = false);
+           bool same_weights = false, int64_t y_image = 0);
   // Hand-off between convolutions without reorders: the layout the
   // primitive reads its input in / writes its output in, when the image in
   // it has the size of its NCHW form and each output chunk is one piece of

@@ -192,10 +192,10 @@ void ConvKernel::Run(const float* x, const float* w, const float* b, float* y, c
   if (!bias_) b = nullptr;
   switch (algorithm_) {
     case ConvAlgorithm::kDepthwise:
-      DepthwiseConvolution(g_, x, w, b, y, static_cast<float*>(cols_.get()), slots_, e);
+      DepthwiseConvolution(g_, x, w, b, y, static_cast<float*>(cols_.get()), slots_, e, y_image_);
       break;
     case ConvAlgorithm::kDnnl:
-      dnnl_->Run(x, w, b, y, e, same_weights);
+      dnnl_->Run(x, w, b, y, e, same_weights, y_image_);
       break;
     default:
       RunGemm(x, w, b, y, e);
@@ -227,7 +227,8 @@ void ConvKernel::RunGemm(const float* x, const float* w, const float* b, float* 
     const int m0 = mt * m_block_, mb = std::min(m_block_, cout_g - m0);
     const int o0 = grp * cout_g + m0;
     const float* xg = x + (int64_t(n) * g.in_c + int64_t(grp) * cin_g) * g.InPlane();
-    float* yt = y + (int64_t(n) * g.out_c + o0) * plane + p0;
+    const int64_t y_image = y_image_ != 0 ? y_image_ : int64_t(g.out_c) * plane;
+    float* yt = y + n * y_image + int64_t(o0) * plane + p0;
     const float* wt = w + int64_t(o0) * k;
     if (im2col) {
       Im2colTile(g, xg, p0, np, col);

@@ -53,6 +53,11 @@ class ConvKernel {
     if (dnnl_) dnnl_->SetBlocked(src, dst);
   }
 
+  // Where the images of y start: image n at n * stride floats (0: dense,
+  // M x OH x OW apart), so that an output can be written straight into its
+  // place in a larger tensor (a concat's). Kept across Configure.
+  void SetOutputImageStride(int64_t stride) { y_image_ = stride; }
+
   // x [N, C, H, W], w [M, C/group, kh, kw], b [M] or null, y [N, M, OH, OW].
   // `e` is applied to every output after the bias, while it is in cache.
   // `same_weights` promises that w holds what it held at the last run, so
@@ -73,6 +78,7 @@ class ConvKernel {
   int m_block_ = 0, m_tiles_ = 0, n_block_ = 0, n_tiles_ = 0;
   int slots_ = 0;       // per-thread buffers in cols_
   AlignedBuffer cols_;  // im2col: slots_ x (K x n_block_) floats; depthwise: padded planes
+  int64_t y_image_ = 0;  // see SetOutputImageStride
   std::unique_ptr<DnnlConvolution> dnnl_;
 };
 

@@ -40,6 +40,7 @@ void ConcatLayer<float>::Reshape() {
   if (total > INT32_MAX)
     this->Fail("the output would be too large on axis " + std::to_string(axis));
   outer_ = first->Count(0) / first->Count(axis);
+  per_image_ = axis == 1;
   dims[axis] = static_cast<int>(total);
   this->out()->Resize(dims);
 }
@@ -60,6 +61,11 @@ void ConcatLayer<float>::Move(Input input, E* y) const {
         ParallelFor(slice, [=](int64_t begin, int64_t end) {
           std::memcpy(y + at + begin, x + begin, sizeof(E) * (end - begin));
         });
+      offset += slice;
+      continue;
+    }
+    // Written in place by a producer that spaced its images.
+    if (x == y + at) {
       offset += slice;
       continue;
     }

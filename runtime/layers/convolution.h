@@ -43,6 +43,10 @@ class ConvolutionLayer : public Layer<T> {
   int InputBlock() const override { return kernel_.SrcBlock(); }
   int OutputBlock() const override { return affine_ == nullptr ? kernel_.DstBlock() : 0; }
   void SetBlocked(bool input, bool output) override { kernel_.SetBlocked(input, output); }
+  bool SetOutputImageStride(int64_t stride) override {
+    kernel_.SetOutputImageStride(stride);
+    return true;
+  }
 
   const ConvParams& params() const { return params_; }
   const ConvGeometry& geometry() const { return geometry_; }

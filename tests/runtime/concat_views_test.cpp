@@ -60,6 +60,11 @@ std::vector<std::vector<float>> Outputs(Net<float>* net) {
 
 // Where tensor `name` is stored within tensor `in`: its offset in elements,
 // or -1 when it has storage of its own.
+std::vector<float> Values(Net<float>* net, const std::string& name) {
+  const Data<float>* d = net->GetData(name);
+  return std::vector<float>(d->GetCpuData(), d->GetCpuData() + d->Count(0));
+}
+
 int64_t OffsetIn(Net<float>* net, const std::string& name, const std::string& in) {
   const float* p = net->GetData(name)->GetCpuData();
   const Data<float>* whole = net->GetData(in);
@@ -93,6 +98,9 @@ TEST(ConcatViews, OnlyWhereEachInputIsOneBlock) {
   const auto want = Outputs(plain.get());
   auto net = Branches(2).Build();
   net->SetInferenceMode(true);
+  // Per image: c2 (read by cat1 alone) spaces its images into cat1; r1
+  // (also read by c3) and cat1 (written by a concat) keep their storage.
+  EXPECT_EQ(OffsetIn(net.get(), "c2_out", "cat1"), 8 * 30);
   EXPECT_EQ(OffsetIn(net.get(), "r1", "cat1"), -1);
   EXPECT_EQ(OffsetIn(net.get(), "cat1", "cat2"), -1);
   EXPECT_EQ(Outputs(net.get()), want);
@@ -101,6 +109,45 @@ TEST(ConcatViews, OnlyWhereEachInputIsOneBlock) {
   EXPECT_EQ(OffsetIn(net.get(), "r1", "cat2"), 0);
   auto one = Branches(1).Build();
   EXPECT_EQ(Outputs(net.get()), Outputs(one.get()));
+}
+
+// Every convolution path (depthwise, 1x1 GEMM, the library's primitive or
+// im2col) and a pooling, joined on channels at a batch of 3.
+test::NetBuilder Paths() {
+  test::NetBuilder b;
+  b.Input("data", {3, 8, 9, 7});
+  b.Layer("dw", "Convolution", {"data"}, {"dw_out"},
+          Json::object{{"num_output", 8}, {"kernel_size", 3}, {"pad", 1}, {"group", 8}})
+      .Weight("dw", "weight", {8, 1, 3, 3}, test::RandomVector(72, 21))
+      .Weight("dw", "bias", {8}, test::RandomVector(8, 22));
+  b.Layer("relu", "ReLU", {"dw_out"}, {"r"});
+  b.Layer("pw", "Convolution", {"data"}, {"pw_out"},
+          Json::object{{"num_output", 16}, {"kernel_size", 1}, {"bias_term", false}})
+      .Weight("pw", "weight", {16, 8, 1, 1}, test::RandomVector(128, 23));
+  Conv(b, "c3", "data", "c3_out", 8, 32, 25);
+  b.Layer("pool", "Pooling", {"data"}, {"p"},
+          Json::object{{"pool", "max"}, {"kernel_size", 3}, {"stride", 1}, {"pad", 1}});
+  b.Layer("cat", "Concat", {"r", "pw_out", "p", "c3_out"}, {"cat"}, Json::object{{"axis", 1}});
+  b.Top("outputs", Json::array{"cat"});
+  return b;
+}
+
+TEST(ConcatViews, ConvolutionsWriteTheirImagesIntoTheJoin) {
+  auto plain = Paths().Build();
+  const auto want = Outputs(plain.get());
+  auto net = Paths().Build();
+  net->SetInferenceMode(true);
+  EXPECT_EQ(OffsetIn(net.get(), "r", "cat"), 0);
+  EXPECT_EQ(OffsetIn(net.get(), "pw_out", "cat"), 8 * 63);
+  EXPECT_EQ(OffsetIn(net.get(), "p", "cat"), -1);  // a pooling writes dense images
+  EXPECT_EQ(OffsetIn(net.get(), "c3_out", "cat"), 32 * 63);
+  EXPECT_EQ(Outputs(net.get()), want);
+  EXPECT_EQ(Outputs(net.get()), want);
+  // Dense again without the mode.
+  net->SetInferenceMode(false);
+  EXPECT_EQ(OffsetIn(net.get(), "pw_out", "cat"), -1);
+  EXPECT_EQ(Outputs(net.get()), want);
+  EXPECT_EQ(Values(net.get(), "pw_out"), Values(plain.get(), "pw_out"));
 }
 
 TEST(ConcatViews, GoneWithInferenceModeAndInFrugalMode) {

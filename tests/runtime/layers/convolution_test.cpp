@@ -414,6 +414,43 @@ TEST(ConvolutionKernels, MatchReferenceOnManyShapes) {
   }
 }
 
+TEST(ConvolutionKernels, SpacedImagesHoldTheDenseBitsAndLeaveTheGapsAlone) {
+  const std::vector<ConvAlgorithm> algorithms = {ConvAlgorithm::kDepthwise, ConvAlgorithm::kGemm1x1,
+                                                 ConvAlgorithm::kIm2colGemm, ConvAlgorithm::kDnnl};
+  std::map<ConvAlgorithm, int> tested;
+  const std::vector<ConvGeometry> shapes = ConvShapes();
+  for (size_t i = 0; i < shapes.size(); ++i) {
+    const ConvGeometry& g = shapes[i];
+    SCOPED_TRACE(g.ToString());
+    const ConvData d = RandomData(g, 300 + i, i % 2 == 0);
+    const Epilogue relu{Epilogue::Kind::kRelu, 0.25f};
+    const int64_t image = int64_t(g.out_c) * g.OutPlane(), gap = 13, spaced = image + gap;
+    for (ConvAlgorithm algo : algorithms) {
+      if (!ConvKernel::Applies(algo, g)) continue;
+      SCOPED_TRACE(ConvAlgorithmName(algo));
+      ConvKernel kernel;
+      const float* b = d.b.empty() ? nullptr : d.b.data();
+      ASSERT_TRUE(kernel.Configure(g, b != nullptr, algo));
+      std::vector<float> dense(size_t(g.batch) * image);
+      kernel.Run(d.x.data(), d.w.data(), b, dense.data(), relu);
+      kernel.SetOutputImageStride(spaced);
+      std::vector<float> y(size_t(g.batch) * spaced, -7.0f);
+      kernel.Run(d.x.data(), d.w.data(), b, y.data(), relu);
+      ++tested[kernel.algorithm()];
+      for (int n = 0; n < g.batch; ++n) {
+        EXPECT_EQ(0, std::memcmp(y.data() + n * spaced, dense.data() + n * image,
+                                 sizeof(float) * image))
+            << "image " << n;
+        for (int64_t k = image; k < spaced; ++k) ASSERT_EQ(y[n * spaced + k], -7.0f);
+      }
+    }
+  }
+  EXPECT_GE(tested[ConvAlgorithm::kDepthwise], 10);
+  EXPECT_GE(tested[ConvAlgorithm::kGemm1x1], 3);
+  EXPECT_GE(tested[ConvAlgorithm::kIm2colGemm], 50);
+  if (DnnlConvolution::Available()) EXPECT_GE(tested[ConvAlgorithm::kDnnl], 30);
+}
+
 TEST(ConvolutionKernels, AutomaticChoice) {
   ConvKernel k;
   k.Configure(Geometry({1, 8, 9, 9, 8, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, 8}), true);
