@@ -13,6 +13,21 @@
 
 namespace qzdl {
 
+namespace {
+
+// The layers that read and write each tensor, by name, in net order (staged
+// inputs are private copies under the shared name).
+void TensorUsers(const std::vector<Layer<float>*>& layers,
+                 std::map<std::string, std::vector<int>>* readers,
+                 std::map<std::string, std::vector<int>>* writers) {
+  for (int i = 0; i < static_cast<int>(layers.size()); ++i) {
+    for (Data<float>* t : layers[i]->GetInputs()) (*readers)[t->GetName()].push_back(i);
+    for (Data<float>* t : layers[i]->GetOutputs()) (*writers)[t->GetName()].push_back(i);
+  }
+}
+
+}  // namespace
+
 bool EpilogueOf(Layer<float>* layer, Epilogue* e) {
   if (layer->GetInputs().size() != 1 || layer->GetOutputs().size() != 1) return false;
   if (auto* relu = dynamic_cast<ReluLayer<float>*>(layer)) {
@@ -46,13 +61,9 @@ int PlanFusion(const std::vector<Layer<float>*>& layers, const std::vector<std::
     l->SetFusedAway(false);
   }
   if (!on) return 0;
-  // Tensors by name: staged inputs are private copies under the shared name.
   std::map<std::string, std::vector<int>> readers, writers;
+  TensorUsers(layers, &readers, &writers);
   const int count = static_cast<int>(layers.size());
-  for (int i = 0; i < count; ++i) {
-    for (Data<float>* t : layers[i]->GetInputs()) readers[t->GetName()].push_back(i);
-    for (Data<float>* t : layers[i]->GetOutputs()) writers[t->GetName()].push_back(i);
-  }
   const std::set<std::string> kept(keep.begin(), keep.end());
   std::vector<bool> taken(layers.size(), false);  // producers and fused layers
   int fused = 0;
@@ -125,11 +136,8 @@ int PlanConcatViews(const std::vector<Layer<float>*>& layers, const std::vector<
   for (Layer<float>* l : layers) l->SetOutputImageStride(0);
   if (!on) return 0;
   std::map<std::string, std::vector<int>> readers, writers;
+  TensorUsers(layers, &readers, &writers);
   const int count = static_cast<int>(layers.size());
-  for (int i = 0; i < count; ++i) {
-    for (Data<float>* t : layers[i]->GetInputs()) readers[t->GetName()].push_back(i);
-    for (Data<float>* t : layers[i]->GetOutputs()) writers[t->GetName()].push_back(i);
-  }
   const std::set<std::string> kept(keep.begin(), keep.end());
   // Per viewed tensor: the first layer that rewrites its storage through
   // the concat outputs that hold it (its readers must all come before).
@@ -221,7 +229,9 @@ int PlanBlockedLayouts(const std::vector<Layer<float>*>& layers,
   const int tensors = static_cast<int>(ids.size());
   std::vector<int> parent(tensors);
   for (int t = 0; t < tensors; ++t) parent[t] = t;
-  std::function<int(int)> root = [&](int t) { return parent[t] == t ? t : parent[t] = root(parent[t]); };
+  std::function<int(int)> root = [&](int t) {
+    return parent[t] == t ? t : parent[t] = root(parent[t]);
+  };
   for (int i = 0; i < count; ++i) {
     Layer<float>* l = layers[i];
     if (l->FusedAway() || !l->LayoutAgnostic() || written[i] < 0) continue;
@@ -258,7 +268,8 @@ int PlanBlockedLayouts(const std::vector<Layer<float>*>& layers,
   for (int i = 0; i < count; ++i) {
     Layer<float>* l = layers[i];
     if (l->FusedAway() || l->LayoutAgnostic()) continue;
-    const bool in = l->GetInputs().size() == 1 && block[root(ids[l->GetInputs()[0]->GetName()])] > 0;
+    const bool in =
+        l->GetInputs().size() == 1 && block[root(ids[l->GetInputs()[0]->GetName()])] > 0;
     const bool out = written[i] >= 0 && block[root(written[i])] > 0;
     if (in || out) l->SetBlocked(in, out);
   }

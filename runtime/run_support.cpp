@@ -67,7 +67,8 @@ bool ReadNpyFloats(const std::string& path, std::vector<float>* values, std::str
     header_len = static_cast<unsigned char>(bytes[8]) | static_cast<unsigned char>(bytes[9]) << 8;
     start = 10;
   } else if (bytes.size() >= 12 && (bytes[6] == 2 || bytes[6] == 3)) {
-    for (int k = 3; k >= 0; --k) header_len = header_len << 8 | static_cast<unsigned char>(bytes[8 + k]);
+    for (int k = 3; k >= 0; --k)
+      header_len = header_len << 8 | static_cast<unsigned char>(bytes[8 + k]);
     start = 12;
   } else {
     return fail("an .npy version this reader does not know");
@@ -78,9 +79,11 @@ bool ReadNpyFloats(const std::string& path, std::vector<float>* values, std::str
   if (header.find("'fortran_order': False") == std::string::npos)
     return fail("its values are not in C order");
   const size_t data = start + header_len;
-  if ((bytes.size() - data) % sizeof(float) != 0) return fail("its data is not whole float32 values");
+  if ((bytes.size() - data) % sizeof(float) != 0)
+    return fail("its data is not whole float32 values");
   values->resize((bytes.size() - data) / sizeof(float));
-  if (!values->empty()) std::memcpy(values->data(), bytes.data() + data, values->size() * sizeof(float));
+  if (!values->empty())
+    std::memcpy(values->data(), bytes.data() + data, values->size() * sizeof(float));
   return true;
 }
 
@@ -131,8 +134,7 @@ void PrintProfile(Net<T>* net, int repeat) {
   std::sort(types.rbegin(), types.rend());
   printf("profile: %.3f ms per pass layer by layer\n", total * 1000 / repeat);
   if (net->GetInferenceMode())
-    printf("profile: %d tensors handed between layers in channel blocks\n",
-           net->BlockedHandoffs());
+    printf("profile: %d tensors handed between layers in channel blocks\n", net->BlockedHandoffs());
   for (const auto& t : types) {
     printf("profile: %-22s %4d layers %9.3f ms %5.1f%%\n", t.second.c_str(),
            per_type[t.second].second, t.first * 1000 / repeat, 100 * t.first / total);

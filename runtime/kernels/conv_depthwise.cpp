@@ -135,8 +135,7 @@ size_t DepthwiseScratchFloats(const ConvGeometry& g) {
 }
 
 void DepthwiseConvolution(const ConvGeometry& g, const float* x, const float* w, const float* b,
-                          float* y, float* scratch, int slots, const Epilogue& e,
-                          int64_t y_image) {
+                          float* y, float* scratch, int slots, const Epilogue& e, int64_t y_image) {
   const int multiplier = g.out_c / g.in_c;
   const int64_t planes = int64_t(g.batch) * g.out_c;
   const int64_t in_plane = g.InPlane(), out_plane = g.OutPlane();

@@ -103,7 +103,7 @@ struct DnnlConvolution::Impl {
   AlignedBuffer src_buf;  // every image in oneDNN's layout
   std::string impl_name;
   const float* reordered_from = nullptr;  // the weights of the last run
-  int src_block = 0, dst_block = 0;        // see SrcBlock / DstBlock
+  int src_block = 0, dst_block = 0;       // see SrcBlock / DstBlock
   bool src_blocked = false, dst_blocked = false;
 
   // Creates the primitive for `channels` output channels; src_md may be
@@ -336,7 +336,8 @@ void DnnlConvolution::Run(const float* x, const float* w, const float* b, float*
     s.user_dst[c].set_data_handle(out);
     if (p.reorder_dst) {
       float* lib = m.dst_blocked ? image : static_cast<float*>(s.dst_buf.get());
-      s.conv_args[c][DNNL_ARG_DST].set_data_handle(lib + (m.dst_blocked ? int64_t(first) * plane : 0));
+      s.conv_args[c][DNNL_ARG_DST].set_data_handle(lib +
+                                                   (m.dst_blocked ? int64_t(first) * plane : 0));
     }
     p.conv.execute(s.stream, s.conv_args[c]);
     if (p.reorder_dst && !m.dst_blocked) p.dst_reorder.execute(s.stream, s.dst_args[c]);
@@ -382,8 +383,7 @@ DnnlConvolution::~DnnlConvolution() = default;
 bool DnnlConvolution::Available() { return false; }
 bool DnnlConvolution::Configure(const ConvGeometry&, bool) { return false; }
 void DnnlConvolution::Run(const float*, const float*, const float*, float*, const Epilogue&, bool,
-                          int64_t) {
-}
+                          int64_t) {}
 int DnnlConvolution::SrcBlock() const { return 0; }
 int DnnlConvolution::DstBlock() const { return 0; }
 void DnnlConvolution::SetBlocked(bool, bool) {}

@@ -76,8 +76,8 @@ class ConvKernel {
   ConvAlgorithm algorithm_ = ConvAlgorithm::kAuto;
   // GEMM tiling: output rows (channels of a group) x output positions.
   int m_block_ = 0, m_tiles_ = 0, n_block_ = 0, n_tiles_ = 0;
-  int slots_ = 0;       // per-thread buffers in cols_
-  AlignedBuffer cols_;  // im2col: slots_ x (K x n_block_) floats; depthwise: padded planes
+  int slots_ = 0;        // per-thread buffers in cols_
+  AlignedBuffer cols_;   // im2col: slots_ x (K x n_block_) floats; depthwise: padded planes
   int64_t y_image_ = 0;  // see SetOutputImageStride
   std::unique_ptr<DnnlConvolution> dnnl_;
 };

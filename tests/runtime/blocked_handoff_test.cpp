@@ -17,44 +17,24 @@ namespace {
 
 using json11::Json;
 
-void Conv(test::NetBuilder& b, const std::string& name, const std::string& in,
-          const std::string& out, int cin, int cout, uint32_t seed) {
-  b.Layer(name, "Convolution", {in}, {out},
-          Json::object{{"num_output", cout}, {"kernel_size", 3}, {"pad", 1}})
-      .Weight(name, "weight", {cout, cin, 3, 3}, test::RandomVector(size_t(cout) * cin * 9, seed))
-      .Weight(name, "bias", {cout}, test::RandomVector(cout, seed + 1));
-}
-
 // a -> ReLU (fused) -> b and c (two convolution readers) -> sum; b's output
 // also goes to a pooling, c's through a Scale (fused: a per-channel affine
 // on c's output, no hand-off from c), d writes a net output.
 test::NetBuilder Chain(int batch) {
   test::NetBuilder b;
   b.Input("data", {batch, 16, 10, 9});
-  Conv(b, "a", "data", "a_out", 16, 32, 1);
+  b.Conv("a", "data", "a_out", 16, 32, 3, 1);
   b.Layer("relu", "ReLU", {"a_out"}, {"r"});
-  Conv(b, "b", "r", "b_out", 32, 32, 3);
-  Conv(b, "c", "r", "c_out", 32, 32, 5);
+  b.Conv("b", "r", "b_out", 32, 32, 3, 3);
+  b.Conv("c", "r", "c_out", 32, 32, 3, 5);
   b.Layer("scale", "Scale", {"c_out"}, {"s"}, Json::object{{"bias_term", true}})
       .Weight("scale", "scale", {32}, test::RandomVector(32, 7))
       .Weight("scale", "bias", {32}, test::RandomVector(32, 8));
-  Conv(b, "d", "s", "d_out", 32, 16, 9);
+  b.Conv("d", "s", "d_out", 32, 16, 3, 9);
   b.Layer("pool", "Pooling", {"b_out"}, {"p"},
           Json::object{{"pool", "max"}, {"kernel_size", 2}, {"stride", 2}});
   b.Top("outputs", Json::array{"d_out", "p"});
   return b;
-}
-
-std::vector<float> Values(Net<float>* net, const std::string& name) {
-  const Data<float>* d = net->GetData(name);
-  return std::vector<float>(d->GetCpuData(), d->GetCpuData() + d->Count(0));
-}
-
-std::vector<std::vector<float>> Outputs(Net<float>* net) {
-  const std::vector<float> x = test::RandomVector(net->GetInputData(0)->Count(0), 42, -2.0f, 2.0f);
-  net->SetFloatInputData(const_cast<float*>(x.data()), 0);
-  net->ForwardAll();
-  return {Values(net, "d_out"), Values(net, "p")};
 }
 
 int OutBlock(Net<float>* net, const std::string& layer) {
@@ -68,19 +48,19 @@ TEST(BlockedHandoff, OnlyBetweenConvolutionsThatShareALayoutWithTheSameBits) {
   for (int batch : {8, 1}) {
     SCOPED_TRACE("batch " + std::to_string(batch));
     auto plain = Chain(batch).Build();
-    const auto want = Outputs(plain.get());
-    const std::vector<float> r_plain = Values(plain.get(), "r");
+    const auto want = test::RunOutputs(plain.get());
+    const std::vector<float> r_plain = test::TensorValues(plain.get(), "r");
     auto net = Chain(batch).Build();
     net->SetInferenceMode(true);
     // r goes from a to b and c when they read what a writes; nothing else
     // qualifies: b_out is read by a pooling, c's output has a fused affine,
     // d_out is a net output.
     const int block = OutBlock(net.get(), "a");
-    const bool handed = block != 0 && InBlock(net.get(), "b") == block &&
-                        InBlock(net.get(), "c") == block;
+    const bool handed =
+        block != 0 && InBlock(net.get(), "b") == block && InBlock(net.get(), "c") == block;
     EXPECT_EQ(net->BlockedHandoffs(), handed ? 1 : 0);
-    EXPECT_EQ(Outputs(net.get()), want);
-    std::vector<float> r = Values(net.get(), "r");
+    EXPECT_EQ(test::RunOutputs(net.get()), want);
+    std::vector<float> r = test::TensorValues(net.get(), "r");
     if (handed) {
       // The same values in another order.
       EXPECT_NE(r, r_plain);
@@ -91,12 +71,12 @@ TEST(BlockedHandoff, OnlyBetweenConvolutionsThatShareALayoutWithTheSameBits) {
     } else {
       EXPECT_EQ(r, r_plain);
     }
-    EXPECT_EQ(Outputs(net.get()), want);
+    EXPECT_EQ(test::RunOutputs(net.get()), want);
     // Off again: every tensor in NCHW.
     net->SetInferenceMode(false);
     EXPECT_EQ(net->BlockedHandoffs(), 0);
-    EXPECT_EQ(Outputs(net.get()), want);
-    EXPECT_EQ(Values(net.get(), "r"), r_plain);
+    EXPECT_EQ(test::RunOutputs(net.get()), want);
+    EXPECT_EQ(test::TensorValues(net.get(), "r"), r_plain);
   }
 }
 
@@ -117,12 +97,12 @@ TEST(BlockedHandoff, HappensOnThisMachineWithTheLibrary) {
 test::NetBuilder Residual(bool pool) {
   test::NetBuilder b;
   b.Input("data", {8, 16, 10, 9});
-  Conv(b, "a", "data", "a_out", 16, 32, 1);
-  Conv(b, "b", "a_out", "b_out", 32, 32, 3);
-  Conv(b, "c", "a_out", "c_out", 32, 32, 5);
+  b.Conv("a", "data", "a_out", 16, 32, 3, 1);
+  b.Conv("b", "a_out", "b_out", 32, 32, 3, 3);
+  b.Conv("c", "a_out", "c_out", 32, 32, 3, 5);
   b.Layer("sum", "Eltwise", {"b_out", "c_out"}, {"s"});
   b.Layer("relu", "ReLU", {"s"}, {"r"});
-  Conv(b, "e", "r", "e_out", 32, 16, 7);
+  b.Conv("e", "r", "e_out", 32, 16, 3, 7);
   if (pool)
     b.Layer("pool", "Pooling", {"r"}, {"p"},
             Json::object{{"pool", "max"}, {"kernel_size", 2}, {"stride", 2}});
@@ -140,8 +120,8 @@ TEST(BlockedHandoff, ThroughAnElementwiseSumWhenAllItsTensorsShareTheLayout) {
     auto net = Residual(pool).Build();
     net->SetInferenceMode(true);
     const int block = OutBlock(net.get(), "a");
-    const bool first = block != 0 && InBlock(net.get(), "b") == block &&
-                       InBlock(net.get(), "c") == block;
+    const bool first =
+        block != 0 && InBlock(net.get(), "b") == block && InBlock(net.get(), "c") == block;
     const int sum_block = OutBlock(net.get(), "b");
     const bool sum = !pool && sum_block != 0 && OutBlock(net.get(), "c") == sum_block &&
                      InBlock(net.get(), "e") == sum_block;
@@ -152,8 +132,8 @@ TEST(BlockedHandoff, ThroughAnElementwiseSumWhenAllItsTensorsShareTheLayout) {
 #endif
     net->SetFloatInputData(const_cast<float*>(x.data()), 0);
     net->ForwardAll();
-    EXPECT_EQ(Values(net.get(), "e_out"), Values(plain.get(), "e_out"));
-    if (pool) EXPECT_EQ(Values(net.get(), "p"), Values(plain.get(), "p"));
+    EXPECT_EQ(test::TensorValues(net.get(), "e_out"), test::TensorValues(plain.get(), "e_out"));
+    if (pool) EXPECT_EQ(test::TensorValues(net.get(), "p"), test::TensorValues(plain.get(), "p"));
   }
 }
 
@@ -162,10 +142,10 @@ TEST(BlockedHandoff, PlannerResetsEveryLayer) {
   net->SetInferenceMode(true);
   EXPECT_EQ(PlanBlockedLayouts(net->GetLayers(), {"data", "d_out", "p"}, false), 0);
   auto plain = Chain(8).Build();
-  EXPECT_EQ(Outputs(net.get()), Outputs(plain.get()));
+  EXPECT_EQ(test::RunOutputs(net.get()), test::RunOutputs(plain.get()));
   // Keeping r (as if it were a net output) stops its hand-off.
   EXPECT_EQ(PlanBlockedLayouts(net->GetLayers(), {"data", "d_out", "p", "r"}, true), 0);
-  EXPECT_EQ(Values(net.get(), "r"), Values(plain.get(), "r"));
+  EXPECT_EQ(test::TensorValues(net.get(), "r"), test::TensorValues(plain.get(), "r"));
 }
 
 }  // namespace

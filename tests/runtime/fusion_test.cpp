@@ -15,24 +15,13 @@ namespace {
 
 using json11::Json;
 
-// Adds a convolution with random weights and a bias.
-void Conv(test::NetBuilder& b, const std::string& name, const std::string& in,
-          const std::string& out, int cin, int cout, int kernel, int group, uint32_t seed) {
-  const Json::object param{
-      {"num_output", cout}, {"kernel_size", kernel}, {"pad", kernel / 2}, {"group", group}};
-  b.Layer(name, "Convolution", {in}, {out}, param)
-      .Weight(name, "weight", {cout, cin / group, kernel, kernel},
-              test::RandomVector(size_t(cout) * cin / group * kernel * kernel, seed))
-      .Weight(name, "bias", {cout}, test::RandomVector(cout, seed + 1));
-}
-
 // A 3x3 convolution (oneDNN's primitive where the build has it: reordered
 // weights) and a 1x1 one, weights from `seed`.
 test::NetBuilder TwoConvs(uint32_t seed) {
   test::NetBuilder b;
   b.Input("data", {1, 16, 12, 12});
-  Conv(b, "a", "data", "a_out", 16, 32, 3, 1, seed);
-  Conv(b, "b", "a_out", "b_out", 32, 8, 1, 1, seed + 2);
+  b.Conv("a", "data", "a_out", 16, 32, 3, seed);
+  b.Conv("b", "a_out", "b_out", 32, 8, 1, seed + 2);
   return b;
 }
 
@@ -43,38 +32,26 @@ test::NetBuilder TwoConvs(uint32_t seed) {
 test::NetBuilder FusableNet() {
   test::NetBuilder b;
   b.Input("data", {2, 8, 9, 7});
-  Conv(b, "c1", "data", "c1_out", 8, 16, 3, 1, 1);
+  b.Conv("c1", "data", "c1_out", 8, 16, 3, 1, 1);
   b.Layer("relu1", "ReLU", {"c1_out"}, {"r1"});
-  Conv(b, "c2", "r1", "c2_out", 16, 16, 3, 16, 3);  // depthwise
+  b.Conv("c2", "r1", "c2_out", 16, 16, 3, 3, 16);  // depthwise
   b.Layer("clip2", "ReLUX", {"c2_out"}, {"r2"}, Json::object{{"threshold", 0.5}});
-  Conv(b, "c3", "r2", "c3_out", 16, 16, 1, 1, 5);
+  b.Conv("c3", "r2", "c3_out", 16, 16, 1, 5, 1);
   b.Layer("hs3", "Swish", {"c3_out"}, {"c3_out"}, Json::object{{"hard", true}});  // in place
   b.Layer("sum", "Eltwise", {"c3_out", "r1"}, {"s"});
   b.Layer("leaky", "LeakyRelu", {"s"}, {"l"}, Json::object{{"negative_slope", 0.125}});
-  Conv(b, "c4", "l", "c4_out", 16, 8, 1, 1, 7);
+  b.Conv("c4", "l", "c4_out", 16, 8, 1, 7, 1);
   b.Layer("relu4", "ReLU", {"c4_out"}, {"r4"});
   b.Layer("sig4", "Sigmoid", {"c4_out"}, {"g4"});  // a second reader of c4_out
-  Conv(b, "c5", "r4", "c5_out", 8, 8, 3, 1, 9);
+  b.Conv("c5", "r4", "c5_out", 8, 8, 3, 9, 1);
   b.Layer("relu5", "ReLU", {"c5_out"}, {"r5"});
   b.Top("outputs", Json::array{"g4", "c5_out", "r5"});
   return b;
 }
 
-std::vector<std::vector<float>> RunAll(Net<float>* net) {
-  const std::vector<float> x = test::RandomVector(net->GetInputData(0)->Count(0), 42, -2.0f, 2.0f);
-  net->SetFloatInputData(const_cast<float*>(x.data()), 0);
-  net->ForwardAll();
-  std::vector<std::vector<float>> outs;
-  for (int k = 0; k < net->GetOutCount(); ++k) {
-    const Data<float>* d = net->GetOutputData(k);
-    outs.emplace_back(d->GetCpuData(), d->GetCpuData() + d->Count(0));
-  }
-  return outs;
-}
-
 TEST(Fusion, FusesWhereOnlyTheActivationReadsAndGivesTheSameBits) {
   auto unfused = FusableNet().Build();
-  const auto want = RunAll(unfused.get());
+  const auto want = test::RunOutputs(unfused.get());
   auto net = FusableNet().Build();
   EXPECT_FALSE(net->GetInferenceMode());
   EXPECT_EQ(net->SetInferenceMode(true), 4);
@@ -82,7 +59,7 @@ TEST(Fusion, FusesWhereOnlyTheActivationReadsAndGivesTheSameBits) {
     EXPECT_TRUE(net->GetLayer(name)->FusedAway()) << name;
   for (const char* name : {"relu4", "sig4", "relu5", "c1", "sum"})
     EXPECT_FALSE(net->GetLayer(name)->FusedAway()) << name;
-  const auto got = RunAll(net.get());
+  const auto got = test::RunOutputs(net.get());
   ASSERT_EQ(got.size(), want.size());
   for (size_t k = 0; k < got.size(); ++k) {
     ASSERT_EQ(got[k].size(), want[k].size());
@@ -106,9 +83,9 @@ TEST(Fusion, OffAgainAndFrugalModeRunEveryLayer) {
   EXPECT_EQ(net->SetInferenceMode(false), 0);
   for (Layer<float>* l : net->GetLayers()) EXPECT_FALSE(l->FusedAway()) << l->GetName();
   // Unfused again, the pre-activation tensor is computed.
-  RunAll(net.get());
+  test::RunOutputs(net.get());
   auto reference = FusableNet().Build();
-  RunAll(reference.get());
+  test::RunOutputs(reference.get());
   const Data<float>* c1 = net->GetData("c1_out");
   EXPECT_EQ(std::memcmp(c1->GetCpuData(), reference->GetData("c1_out")->GetCpuData(),
                         c1->Count(0) * sizeof(float)),
@@ -121,19 +98,19 @@ TEST(Fusion, OffAgainAndFrugalModeRunEveryLayer) {
 test::NetBuilder AffineNet() {
   test::NetBuilder b;
   b.Input("data", {2, 8, 9, 7});
-  Conv(b, "c1", "data", "c1_out", 8, 16, 3, 1, 1);
+  b.Conv("c1", "data", "c1_out", 8, 16, 3, 1, 1);
   b.Layer("bn1", "BatchNormal", {"c1_out"}, {"c1_out"}, Json::object{{"affine", true}})
       .Weight("bn1", "mean", {16}, test::RandomVector(16, 20))
       .Weight("bn1", "variance", {16}, test::RandomVector(16, 21, 0.5f, 2.0f))
       .Weight("bn1", "scale", {16}, test::RandomVector(16, 22))
       .Weight("bn1", "bias", {16}, test::RandomVector(16, 23));
   b.Layer("relu1", "ReLU", {"c1_out"}, {"r1"});
-  Conv(b, "c2", "r1", "c2_out", 16, 16, 3, 16, 3);  // depthwise
+  b.Conv("c2", "r1", "c2_out", 16, 16, 3, 3, 16);  // depthwise
   b.Layer("sc2", "Scale", {"c2_out"}, {"s2"}, Json::object{{"bias_term", true}})
       .Weight("sc2", "scale", {16}, test::RandomVector(16, 24))
       .Weight("sc2", "bias", {16}, test::RandomVector(16, 25));
   b.Layer("clip2", "ReLUX", {"s2"}, {"r2"}, Json::object{{"threshold", 0.5}});
-  Conv(b, "c3", "r2", "c3_out", 16, 16, 1, 1, 5);
+  b.Conv("c3", "r2", "c3_out", 16, 16, 1, 5, 1);
   b.Layer("sc3", "Scale", {"c3_out"}, {"s3"})
       .Weight("sc3", "scale", {16}, test::RandomVector(16, 26));
   b.Layer("sum", "Eltwise", {"s3", "r1"}, {"sum_out"});
@@ -144,13 +121,13 @@ test::NetBuilder AffineNet() {
 
 TEST(Fusion, ScaleAndBatchNormalFoldIntoConvolutionsWithTheSameBits) {
   auto unfused = AffineNet().Build();
-  const auto want = RunAll(unfused.get());
+  const auto want = test::RunOutputs(unfused.get());
   auto net = AffineNet().Build();
   EXPECT_EQ(net->SetInferenceMode(true), 3);
   for (const char* name : {"bn1", "relu1", "sc2", "clip2", "sc3"})
     EXPECT_TRUE(net->GetLayer(name)->FusedAway()) << name;
   EXPECT_FALSE(net->GetLayer("sc4")->FusedAway());
-  const auto got = RunAll(net.get());
+  const auto got = test::RunOutputs(net.get());
   ASSERT_EQ(got.size(), 1u);
   ASSERT_EQ(got[0].size(), want[0].size());
   EXPECT_EQ(std::memcmp(got[0].data(), want[0].data(), got[0].size() * sizeof(float)), 0);
@@ -161,20 +138,20 @@ TEST(Fusion, ScaleAndBatchNormalFoldIntoConvolutionsWithTheSameBits) {
     for (int c = 0; c < 16; ++c) var[c] *= 4.0f;
   }
   net->SetInferenceMode(true);
-  EXPECT_EQ(RunAll(net.get()), RunAll(unfused.get()));
+  EXPECT_EQ(test::RunOutputs(net.get()), test::RunOutputs(unfused.get()));
 }
 
 TEST(Fusion, InferenceModeReadsWeightsAgainAfterLoadingOrSettingTheMode) {
   auto net = TwoConvs(1).Build();
   net->SetInferenceMode(true);
-  RunAll(net.get());
-  RunAll(net.get());
+  test::RunOutputs(net.get());
+  test::RunOutputs(net.get());
   // New weights through the loading function.
   const test::NetBuilder second = TwoConvs(11);
   std::string bytes = second.WeightsBytes();
   net->LoadWeights(bytes.data(), static_cast<int>(bytes.size()));
   auto fresh = second.Build();
-  EXPECT_EQ(RunAll(net.get()), RunAll(fresh.get()));
+  EXPECT_EQ(test::RunOutputs(net.get()), test::RunOutputs(fresh.get()));
   // Written directly, then the mode set again.
   Data<float>* w = net->GetLayer("a")->GetWeights()[0];
   Data<float>* w_fresh = fresh->GetLayer("a")->GetWeights()[0];
@@ -183,7 +160,7 @@ TEST(Fusion, InferenceModeReadsWeightsAgainAfterLoadingOrSettingTheMode) {
     w_fresh->GetCpuData()[i] *= -0.5f;
   }
   net->SetInferenceMode(true);
-  EXPECT_EQ(RunAll(net.get()), RunAll(fresh.get()));
+  EXPECT_EQ(test::RunOutputs(net.get()), test::RunOutputs(fresh.get()));
 }
 
 TEST(Fusion, EpilogueOfNamesTheFusableActivations) {

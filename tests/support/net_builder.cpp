@@ -66,6 +66,31 @@ std::pair<std::string, std::string> NetBuilder::WriteFiles(const std::string& di
   return {json, bin};
 }
 
+NetBuilder& NetBuilder::Conv(const std::string& name, const std::string& in, const std::string& out,
+                             int cin, int cout, int kernel, uint32_t seed, int group) {
+  const json11::Json::object param{
+      {"num_output", cout}, {"kernel_size", kernel}, {"pad", kernel / 2}, {"group", group}};
+  return Layer(name, "Convolution", {in}, {out}, param)
+      .Weight(name, "weight", {cout, cin / group, kernel, kernel},
+              RandomVector(size_t(cout) * cin / group * kernel * kernel, seed))
+      .Weight(name, "bias", {cout}, RandomVector(cout, seed + 1));
+}
+
+std::vector<std::vector<float>> RunOutputs(Net<float>* net, uint32_t seed) {
+  std::vector<float> x = RandomVector(net->GetInputData(0)->Count(0), seed, -2.0f, 2.0f);
+  net->SetFloatInputData(x.data(), 0);
+  net->ForwardAll();
+  std::vector<std::vector<float>> outs;
+  for (int k = 0; k < net->GetOutCount(); ++k)
+    outs.push_back(TensorValues(net, net->GetOutputDataName(k)));
+  return outs;
+}
+
+std::vector<float> TensorValues(Net<float>* net, const std::string& name) {
+  const Data<float>* d = net->GetData(name);
+  return std::vector<float>(d->GetCpuData(), d->GetCpuData() + d->Count(0));
+}
+
 std::vector<float> RandomVector(size_t n, uint32_t seed, float lo, float hi) {
   std::mt19937 gen(seed);
   std::uniform_real_distribution<float> dist(lo, hi);

@@ -21,6 +21,10 @@ class NetBuilder {
                     const json11::Json::object& param = {});
   NetBuilder& Weight(const std::string& layer, const std::string& blob,
                      const std::vector<int>& dims, const std::vector<float>& values);
+  // A "Convolution" with random weights and bias from `seed`: kernel x
+  // kernel, padded to keep the plane, in `group` groups.
+  NetBuilder& Conv(const std::string& name, const std::string& in, const std::string& out, int cin,
+                   int cout, int kernel, uint32_t seed, int group = 1);
   // A top-level key of the net description.
   NetBuilder& Top(const std::string& key, const json11::Json& value);
 
@@ -43,6 +47,12 @@ class NetBuilder {
 
 // Deterministic values in [lo, hi).
 std::vector<float> RandomVector(size_t n, uint32_t seed, float lo = -1.0f, float hi = 1.0f);
+
+// Fills input 0 with values in [-2, 2) from `seed`, runs the net and
+// returns the values of every net output.
+std::vector<std::vector<float>> RunOutputs(Net<float>* net, uint32_t seed = 42);
+// The values tensor `name` holds now.
+std::vector<float> TensorValues(Net<float>* net, const std::string& name);
 
 // A fresh empty directory under the test temp area.
 std::string TempDir(const std::string& name);

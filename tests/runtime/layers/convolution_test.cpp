@@ -375,9 +375,11 @@ std::vector<float> RunKernel(const ConvGeometry& g, const ConvData& d, ConvAlgor
   return y;
 }
 
+const std::vector<ConvAlgorithm> kAlgorithms = {ConvAlgorithm::kDepthwise, ConvAlgorithm::kGemm1x1,
+                                                ConvAlgorithm::kIm2colGemm, ConvAlgorithm::kDnnl};
+
 TEST(ConvolutionKernels, MatchReferenceOnManyShapes) {
-  const std::vector<ConvAlgorithm> algorithms = {ConvAlgorithm::kDepthwise, ConvAlgorithm::kGemm1x1,
-                                                 ConvAlgorithm::kIm2colGemm, ConvAlgorithm::kDnnl};
+  const std::vector<ConvAlgorithm>& algorithms = kAlgorithms;
   std::map<ConvAlgorithm, int> tested;
   const std::vector<ConvGeometry> shapes = ConvShapes();
   for (size_t i = 0; i < shapes.size(); ++i) {
@@ -415,17 +417,13 @@ TEST(ConvolutionKernels, MatchReferenceOnManyShapes) {
 }
 
 TEST(ConvolutionKernels, SpacedImagesHoldTheDenseBitsAndLeaveTheGapsAlone) {
-  const std::vector<ConvAlgorithm> algorithms = {ConvAlgorithm::kDepthwise, ConvAlgorithm::kGemm1x1,
-                                                 ConvAlgorithm::kIm2colGemm, ConvAlgorithm::kDnnl};
   std::map<ConvAlgorithm, int> tested;
-  const std::vector<ConvGeometry> shapes = ConvShapes();
-  for (size_t i = 0; i < shapes.size(); ++i) {
-    const ConvGeometry& g = shapes[i];
+  const Epilogue relu{Epilogue::Kind::kRelu, 0.25f};
+  for (const ConvGeometry& g : ConvShapes()) {
     SCOPED_TRACE(g.ToString());
-    const ConvData d = RandomData(g, 300 + i, i % 2 == 0);
-    const Epilogue relu{Epilogue::Kind::kRelu, 0.25f};
+    const ConvData d = RandomData(g, 300 + g.in_c + g.out_h, g.out_w % 2 == 0);
     const int64_t image = int64_t(g.out_c) * g.OutPlane(), gap = 13, spaced = image + gap;
-    for (ConvAlgorithm algo : algorithms) {
+    for (ConvAlgorithm algo : kAlgorithms) {
       if (!ConvKernel::Applies(algo, g)) continue;
       SCOPED_TRACE(ConvAlgorithmName(algo));
       ConvKernel kernel;
@@ -438,8 +436,8 @@ TEST(ConvolutionKernels, SpacedImagesHoldTheDenseBitsAndLeaveTheGapsAlone) {
       kernel.Run(d.x.data(), d.w.data(), b, y.data(), relu);
       ++tested[kernel.algorithm()];
       for (int n = 0; n < g.batch; ++n) {
-        EXPECT_EQ(0, std::memcmp(y.data() + n * spaced, dense.data() + n * image,
-                                 sizeof(float) * image))
+        EXPECT_EQ(
+            0, std::memcmp(y.data() + n * spaced, dense.data() + n * image, sizeof(float) * image))
             << "image " << n;
         for (int64_t k = image; k < spaced; ++k) ASSERT_EQ(y[n * spaced + k], -7.0f);
       }
