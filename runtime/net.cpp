@@ -428,9 +428,7 @@ int Net<T>::SetInferenceMode(bool on) {
 template <typename T>
 int Net<T>::ApplyFusion() {
   if constexpr (std::is_same_v<T, float>) {
-    std::vector<std::string> keep(input_names_);
-    keep.insert(keep.end(), output_names_.begin(), output_names_.end());
-    const int fused = PlanFusion(layers_, keep, inference_mode_ && !context_.frugal);
+    const int fused = PlanFusion(layers_, KeptNames(), inference_mode_ && !context_.frugal);
     ApplyViews();
     return fused;
   }
@@ -438,10 +436,16 @@ int Net<T>::ApplyFusion() {
 }
 
 template <typename T>
+std::vector<std::string> Net<T>::KeptNames() const {
+  std::vector<std::string> keep(input_names_);
+  keep.insert(keep.end(), output_names_.begin(), output_names_.end());
+  return keep;
+}
+
+template <typename T>
 void Net<T>::ApplyViews() {
   if constexpr (std::is_same_v<T, float>) {
-    std::vector<std::string> keep(input_names_);
-    keep.insert(keep.end(), output_names_.begin(), output_names_.end());
+    const std::vector<std::string> keep = KeptNames();
     PlanConcatViews(layers_, keep, inference_mode_ && !context_.frugal, &viewed_);
     blocked_handoffs_ = PlanBlockedLayouts(layers_, keep, inference_mode_ && !context_.frugal);
   }

@@ -139,6 +139,8 @@ class Net {
   void ComputeOutputsAndLifetimes(const json11::Json& net);
   void AllocateStorage();
   int ApplyFusion();
+  // The net's inputs and outputs: tensors no fusion or view may touch.
+  std::vector<std::string> KeptNames() const;
   // Concat views and channel-blocked hand-offs of inference mode
   // (fusion.h), planned again whenever shapes or storage change.
   void ApplyViews();
