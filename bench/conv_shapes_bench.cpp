@@ -2,9 +2,12 @@
 // depthwise kernel, the 1x1 GEMM, im2col + GEMM, the convolution library's
 // primitive) on real and odd shapes, and prints each one's time and its
 // ratio to the best one for the shape, with the algorithm the runtime picks
-// marked: the picked one should never be far behind the best.
+// marked: the picked one should never be far behind the best. With
+// --blocked, kernels that can read or write 16-channel blocks (the direct
+// depthwise and 1x1 kernels, the library's primitive) are timed a second
+// time in that layout, as they run between such kernels in a net.
 //
-//   conv_shapes_bench [--batch N] [--min-ms M] [--cpu-time]
+//   conv_shapes_bench [--batch N] [--min-ms M] [--cpu-time] [--blocked]
 //
 // Threads: OMP_NUM_THREADS. Each time is the median of 5 rounds of at least
 // M ms (default 100) of back-to-back runs. --cpu-time measures the process's
@@ -93,7 +96,8 @@ double Now(bool cpu) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-// Median over 5 rounds of the time per run, in ms.
+// Median over 5 rounds of the time per run, in ms. Weights are prepared at
+// the first run and used again, as in an inference-mode net.
 double TimeRuns(qzdl::ConvKernel& k, const float* x, const float* w, const float* b, float* y,
                 double min_ms, bool cpu) {
   k.Run(x, w, b, y);
@@ -103,7 +107,7 @@ double TimeRuns(qzdl::ConvKernel& k, const float* x, const float* w, const float
     const double t0 = Now(cpu);
     double t = t0;
     do {
-      k.Run(x, w, b, y);
+      k.Run(x, w, b, y, {}, true);
       ++runs;
       t = Now(cpu);
     } while ((t - t0) * 1e3 < min_ms);
@@ -144,7 +148,7 @@ void Fill(float* p, size_t n, unsigned seed) {
 int main(int argc, char** argv) {
   int batch = 1;
   double min_ms = 100;
-  bool cpu = false;
+  bool cpu = false, blocked = false;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     if (a == "--batch" && i + 1 < argc) {
@@ -153,15 +157,19 @@ int main(int argc, char** argv) {
       min_ms = std::atof(argv[++i]);
     } else if (a == "--cpu-time") {
       cpu = true;
+    } else if (a == "--blocked") {
+      blocked = true;
     } else {
-      fprintf(stderr, "usage: conv_shapes_bench [--batch N] [--min-ms M] [--cpu-time]\n");
+      fprintf(stderr,
+              "usage: conv_shapes_bench [--batch N] [--min-ms M] [--cpu-time] [--blocked]\n");
       return 2;
     }
   }
   printf("instruction sets: %s; threads %d; batch %d; %s time\n", InstructionSets().c_str(),
          omp_get_max_threads(), batch, cpu ? "CPU" : "wall");
   const ConvAlgorithm algs[] = {ConvAlgorithm::kDepthwise, ConvAlgorithm::kGemm1x1,
-                                ConvAlgorithm::kIm2colGemm, ConvAlgorithm::kDnnl};
+                                ConvAlgorithm::kPointwise, ConvAlgorithm::kIm2colGemm,
+                                ConvAlgorithm::kDnnl};
   printf("%-28s %-16s %10s %8s %s\n", "shape", "algorithm", "ms", "/best", "");
   for (const Shape& s : kShapes) {
     ConvGeometry g;
@@ -179,7 +187,7 @@ int main(int argc, char** argv) {
     qzdl::ConvKernel picked;
     picked.Configure(g, true);
     struct Row {
-      const char* name;
+      std::string name;
       double ms;
     };
     std::vector<Row> rows;
@@ -189,12 +197,17 @@ int main(int argc, char** argv) {
       if (!k.Configure(g, true, a) || k.algorithm() != a) continue;
       rows.push_back({qzdl::ConvAlgorithmName(a),
                       TimeRuns(k, x.data(), w.data(), b.data(), y.data(), min_ms, cpu)});
+      if (blocked && (k.SrcBlock() != 0 || k.DstBlock() != 0)) {
+        k.SetBlocked(true, true);
+        rows.push_back({std::string(qzdl::ConvAlgorithmName(a)) + " blocked",
+                        TimeRuns(k, x.data(), w.data(), b.data(), y.data(), min_ms, cpu)});
+      }
     }
     double best = 1e30;
     for (const Row& r : rows) best = std::min(best, r.ms);
     for (const Row& r : rows) {
-      const bool is_picked = std::strcmp(r.name, qzdl::ConvAlgorithmName(picked.algorithm())) == 0;
-      printf("%-28s %-16s %10.4f %8.2f %s\n", s.what, r.name, r.ms, r.ms / best,
+      const bool is_picked = r.name == qzdl::ConvAlgorithmName(picked.algorithm());
+      printf("%-28s %-18s %10.4f %8.2f %s\n", s.what, r.name.c_str(), r.ms, r.ms / best,
              is_picked ? "<- picked" : "");
     }
   }

@@ -66,6 +66,8 @@ const char* ConvAlgorithmName(ConvAlgorithm a) {
       return "depthwise";
     case ConvAlgorithm::kGemm1x1:
       return "gemm1x1";
+    case ConvAlgorithm::kPointwise:
+      return "pointwise";
     case ConvAlgorithm::kIm2colGemm:
       return "im2col+gemm";
     case ConvAlgorithm::kDnnl:
@@ -83,6 +85,8 @@ bool ConvKernel::Applies(ConvAlgorithm a, const ConvGeometry& g) {
       return IsDepthwise(g) && g.KernelArea() <= INT_MAX;
     case ConvAlgorithm::kGemm1x1:
       return Is1x1Plain(g) && GemmFits(g);
+    case ConvAlgorithm::kPointwise:
+      return PointwiseKernel::Applies(g);
     case ConvAlgorithm::kIm2colGemm:
       return GemmFits(g);
     case ConvAlgorithm::kDnnl:
@@ -112,7 +116,8 @@ bool ConvKernel::Configure(const ConvGeometry& g, bool bias, ConvAlgorithm want)
       if (!IsDepthwise3x3(g) && g.batch >= 2 && Applies(ConvAlgorithm::kDnnl, g))
         a = ConvAlgorithm::kDnnl;
     } else if (Is1x1Plain(g)) {
-      a = ConvAlgorithm::kGemm1x1;
+      a = Applies(ConvAlgorithm::kPointwise, g) ? ConvAlgorithm::kPointwise
+                                                : ConvAlgorithm::kGemm1x1;
     } else if (Is1x1Unpadded(g)) {
       // Strided 1x1: gathering the used pixels beats reordering all of them.
       a = ConvAlgorithm::kIm2colGemm;
@@ -121,6 +126,8 @@ bool ConvKernel::Configure(const ConvGeometry& g, bool bias, ConvAlgorithm want)
     }
   }
   dnnl_.reset();
+  src_blocked_ = dst_blocked_ = false;
+  packed_valid_ = false;
   if (!Applies(a, g)) {
     algorithm_ = ConvAlgorithm::kAuto;
     return false;
@@ -140,9 +147,11 @@ bool ConvKernel::Configure(const ConvGeometry& g, bool bias, ConvAlgorithm want)
   }
   algorithm_ = a;
   if (a == ConvAlgorithm::kGemm1x1 || a == ConvAlgorithm::kIm2colGemm) PlanTiles();
+  if (a == ConvAlgorithm::kPointwise) pointwise_.Configure(g, bias);
   if (a == ConvAlgorithm::kDepthwise) {
     slots_ = std::max(1, omp_get_max_threads());
     cols_.Reserve(sizeof(float) * slots_ * DepthwiseScratchFloats(g));
+    if (DepthwiseBlockable(g)) packed_.Reserve(sizeof(float) * size_t(g.out_c) * g.KernelArea());
   }
   configured_ = true;
   return true;
@@ -172,12 +181,36 @@ void ConvKernel::PlanTiles() {
   }
 }
 
+int ConvKernel::SrcBlock() const {
+  if (dnnl_) return dnnl_->SrcBlock();
+  if (algorithm_ == ConvAlgorithm::kDepthwise) return DepthwiseBlockable(g_) ? kChannelBlock : 0;
+  if (algorithm_ == ConvAlgorithm::kPointwise)
+    return g_.in_c % kChannelBlock == 0 ? kChannelBlock : 0;
+  return 0;
+}
+
+int ConvKernel::DstBlock() const {
+  if (dnnl_) return dnnl_->DstBlock();
+  if (algorithm_ == ConvAlgorithm::kDepthwise) return DepthwiseBlockable(g_) ? kChannelBlock : 0;
+  if (algorithm_ == ConvAlgorithm::kPointwise)
+    return g_.out_c % kChannelBlock == 0 ? kChannelBlock : 0;
+  return 0;
+}
+
+void ConvKernel::SetBlocked(bool src, bool dst) {
+  if (dnnl_) dnnl_->SetBlocked(src, dst);
+  src_blocked_ = src && SrcBlock() != 0;
+  dst_blocked_ = dst && DstBlock() != 0;
+}
+
 std::string ConvKernel::Describe() const {
   switch (algorithm_) {
     case ConvAlgorithm::kDepthwise:
       return "depthwise direct";
     case ConvAlgorithm::kGemm1x1:
       return std::string("1x1 gemm (") + GemmBackendName() + ")";
+    case ConvAlgorithm::kPointwise:
+      return "1x1 direct";
     case ConvAlgorithm::kIm2colGemm:
       return std::string("im2col+gemm (") + GemmBackendName() + ")";
     case ConvAlgorithm::kDnnl:
@@ -192,10 +225,22 @@ void ConvKernel::Run(const float* x, const float* w, const float* b, float* y, c
   if (!bias_) b = nullptr;
   switch (algorithm_) {
     case ConvAlgorithm::kDepthwise:
-      DepthwiseConvolution(g_, x, w, b, y, static_cast<float*>(cols_.get()), slots_, e, y_image_);
+      if (src_blocked_) {
+        if (!same_weights || !packed_valid_)
+          PackDepthwiseWeights(g_, w, static_cast<float*>(packed_.get()));
+        packed_valid_ = true;
+        DepthwiseBlocked(g_, x, static_cast<float*>(packed_.get()), b, y, dst_blocked_,
+                         static_cast<float*>(cols_.get()), slots_, e, y_image_);
+      } else {
+        DepthwiseConvolution(g_, x, w, b, y, static_cast<float*>(cols_.get()), slots_, e, y_image_,
+                             dst_blocked_);
+      }
       break;
     case ConvAlgorithm::kDnnl:
       dnnl_->Run(x, w, b, y, e, same_weights, y_image_);
+      break;
+    case ConvAlgorithm::kPointwise:
+      pointwise_.Run(x, src_blocked_, w, b, same_weights, y, dst_blocked_, y_image_, e);
       break;
     default:
       RunGemm(x, w, b, y, e);

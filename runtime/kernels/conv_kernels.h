@@ -13,6 +13,7 @@
 #include "runtime/data.h"
 #include "runtime/kernels/conv_dnnl.h"
 #include "runtime/kernels/conv_geometry.h"
+#include "runtime/kernels/conv_pointwise.h"
 #include "runtime/kernels/epilogue.h"
 
 namespace qzdl {
@@ -21,6 +22,7 @@ enum class ConvAlgorithm {
   kAuto,        // choose (configuration only)
   kDepthwise,   // direct kernel, one input channel per output channel
   kGemm1x1,     // 1x1, stride 1, no padding: GEMM straight on the input
+  kPointwise,   // 1x1, stride 1, no padding, one group: direct kernel (conv_pointwise.h)
   kIm2colGemm,  // patches gathered tile by tile, then GEMM
   kDnnl,        // oneDNN's convolution primitive (builds with oneDNN only)
 };
@@ -45,13 +47,15 @@ class ConvKernel {
   // e.g. "im2col+gemm (oneDNN 2.6.3)" or "oneDNN brgconv:avx512_core".
   std::string Describe() const;
 
-  // The channel-blocked hand-off of the library's primitive (see
-  // DnnlConvolution): 0 for the other algorithms.
-  int SrcBlock() const { return dnnl_ ? dnnl_->SrcBlock() : 0; }
-  int DstBlock() const { return dnnl_ ? dnnl_->DstBlock() : 0; }
-  void SetBlocked(bool src, bool dst) {
-    if (dnnl_) dnnl_->SetBlocked(src, dst);
-  }
+  // Channel-blocked hand-off: the block of the layout in which the kernel
+  // can read its input / write its output without a reorder (the library's
+  // primitive: see DnnlConvolution; the direct depthwise and 1x1 kernels:
+  // 16, see conv_pointwise.h, when the channels fill whole blocks), else 0.
+  // SetBlocked makes Run read / write that layout; the values are those of
+  // the NCHW run, bit for bit, permuted. Configure resets it.
+  int SrcBlock() const;
+  int DstBlock() const;
+  void SetBlocked(bool src, bool dst);
 
   // Where the images of y start: image n at n * stride floats (0: dense,
   // M x OH x OW apart), so that an output can be written straight into its
@@ -79,7 +83,11 @@ class ConvKernel {
   int slots_ = 0;        // per-thread buffers in cols_
   AlignedBuffer cols_;   // im2col: slots_ x (K x n_block_) floats; depthwise: padded planes
   int64_t y_image_ = 0;  // see SetOutputImageStride
+  bool src_blocked_ = false, dst_blocked_ = false;  // the direct kernels' SetBlocked
   std::unique_ptr<DnnlConvolution> dnnl_;
+  PointwiseKernel pointwise_;
+  AlignedBuffer packed_;  // blocked depthwise: weights and bias in 16-channel blocks
+  bool packed_valid_ = false;
 };
 
 // Deconvolution as GEMM (the weights against the input) followed by adding

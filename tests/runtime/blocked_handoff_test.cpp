@@ -128,12 +128,16 @@ TEST(BlockedHandoff, ThroughAnElementwiseSumWhenAllItsTensorsShareTheLayout) {
     // a_out, then b_out, c_out and r (s is the fused sum's raw output).
     EXPECT_EQ(net->BlockedHandoffs(), (first ? 1 : 0) + (sum ? 3 : 0));
 #if defined(__x86_64__)
-    if (DnnlConvolution::Available()) EXPECT_EQ(net->BlockedHandoffs(), pool ? 1 : 4);
+    if (DnnlConvolution::Available()) {
+      EXPECT_EQ(net->BlockedHandoffs(), pool ? 1 : 4);
+    }
 #endif
     net->SetFloatInputData(const_cast<float*>(x.data()), 0);
     net->ForwardAll();
     EXPECT_EQ(test::TensorValues(net.get(), "e_out"), test::TensorValues(plain.get(), "e_out"));
-    if (pool) EXPECT_EQ(test::TensorValues(net.get(), "p"), test::TensorValues(plain.get(), "p"));
+    if (pool) {
+      EXPECT_EQ(test::TensorValues(net.get(), "p"), test::TensorValues(plain.get(), "p"));
+    }
   }
 }
 

@@ -376,6 +376,7 @@ std::vector<float> RunKernel(const ConvGeometry& g, const ConvData& d, ConvAlgor
 }
 
 const std::vector<ConvAlgorithm> kAlgorithms = {ConvAlgorithm::kDepthwise, ConvAlgorithm::kGemm1x1,
+                                                ConvAlgorithm::kPointwise,
                                                 ConvAlgorithm::kIm2colGemm, ConvAlgorithm::kDnnl};
 
 TEST(ConvolutionKernels, MatchReferenceOnManyShapes) {
@@ -410,6 +411,7 @@ TEST(ConvolutionKernels, MatchReferenceOnManyShapes) {
   }
   EXPECT_GE(tested[ConvAlgorithm::kDepthwise], 10);
   EXPECT_GE(tested[ConvAlgorithm::kGemm1x1], 3);
+  EXPECT_GE(tested[ConvAlgorithm::kPointwise], 2);
   EXPECT_EQ(tested[ConvAlgorithm::kIm2colGemm], static_cast<int>(shapes.size()));
   if (DnnlConvolution::Available()) {
     EXPECT_GE(tested[ConvAlgorithm::kDnnl], 40);
@@ -445,8 +447,11 @@ TEST(ConvolutionKernels, SpacedImagesHoldTheDenseBitsAndLeaveTheGapsAlone) {
   }
   EXPECT_GE(tested[ConvAlgorithm::kDepthwise], 10);
   EXPECT_GE(tested[ConvAlgorithm::kGemm1x1], 3);
+  EXPECT_GE(tested[ConvAlgorithm::kPointwise], 2);
   EXPECT_GE(tested[ConvAlgorithm::kIm2colGemm], 50);
-  if (DnnlConvolution::Available()) EXPECT_GE(tested[ConvAlgorithm::kDnnl], 30);
+  if (DnnlConvolution::Available()) {
+    EXPECT_GE(tested[ConvAlgorithm::kDnnl], 30);
+  }
 }
 
 TEST(ConvolutionKernels, AutomaticChoice) {
@@ -454,6 +459,9 @@ TEST(ConvolutionKernels, AutomaticChoice) {
   k.Configure(Geometry({1, 8, 9, 9, 8, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, 8}), true);
   EXPECT_EQ(k.algorithm(), ConvAlgorithm::kDepthwise);
   k.Configure(Geometry({1, 8, 9, 9, 16, 1, 1, 1, 1, 0, 0, 0, 0, 1, 1, 1}), true);
+  EXPECT_EQ(k.algorithm(), ConvAlgorithm::kPointwise);
+  // Grouped 1x1: the GEMM per group.
+  k.Configure(Geometry({1, 8, 9, 9, 16, 1, 1, 1, 1, 0, 0, 0, 0, 1, 1, 2}), true);
   EXPECT_EQ(k.algorithm(), ConvAlgorithm::kGemm1x1);
   k.Configure(Geometry({1, 8, 9, 9, 16, 1, 1, 2, 2, 0, 0, 0, 0, 1, 1, 1}), true);
   EXPECT_EQ(k.algorithm(), ConvAlgorithm::kIm2colGemm);
