@@ -23,6 +23,7 @@ constexpr int kChunkFloats = 1 << 15;  // x of one work item: about 128 KiB
 constexpr int kMinChunk = 48;          // narrowest split of a plane
 constexpr int kMinItems = 8;           // below this, split the output channels too
 constexpr int kMinPixelPlane = 100;    // smaller planes run on vectors of channels
+constexpr int kSmallK = 128;           // input channels whose tile of pixels fits L1
 
 int64_t RoundUp(int64_t v, int64_t to) { return (v + to - 1) / to * to; }
 
@@ -197,16 +198,30 @@ inline __attribute__((always_inline)) void Item(const Job& jb, int64_t item, int
         for (int j = 0; j < 16; ++j)
           xt[ch * 16 + j] = j < tail ? x_img[ch * plane + p0 + full + j] : 0.0f;
     }
-    for (int o = o0; o < o1; o += R) {
-      const float* w = jb.w + int64_t(o / R) * jb.k * R;
-      const float* b = bias != nullptr ? bias + o : nullptr;
-      const int rows = std::min(R, o1 - o);
-      int j = 0;
-      for (; j + 16 * Q <= full; j += 16 * Q)
-        PixelTile<R, Q>(x_img + p0 + j, plane, jb.k, w, b, rows, y_img + o * plane + p0 + j, plane);
-      for (; j < full; j += 16)
-        PixelTile<R, 1>(x_img + p0 + j, plane, jb.k, w, b, rows, y_img + o * plane + p0 + j, plane);
-      if (tail > 0) {
+    // Few input channels: a strip of pixels stays in L1 while every output
+    // channel runs over it; many: one tile of weights stays while the
+    // pixels of the item run.
+    const int strip = jb.k <= kSmallK ? 16 * Q : std::max(full, 1);
+    for (int s0 = 0; s0 < full; s0 += strip) {
+      const int s1 = std::min(full, s0 + strip);
+      for (int o = o0; o < o1; o += R) {
+        const float* w = jb.w + int64_t(o / R) * jb.k * R;
+        const float* b = bias != nullptr ? bias + o : nullptr;
+        const int rows = std::min(R, o1 - o);
+        int j = s0;
+        for (; j + 16 * Q <= s1; j += 16 * Q)
+          PixelTile<R, Q>(x_img + p0 + j, plane, jb.k, w, b, rows, y_img + o * plane + p0 + j,
+                          plane);
+        for (; j < s1; j += 16)
+          PixelTile<R, 1>(x_img + p0 + j, plane, jb.k, w, b, rows, y_img + o * plane + p0 + j,
+                          plane);
+      }
+    }
+    if (tail > 0) {
+      for (int o = o0; o < o1; o += R) {
+        const float* w = jb.w + int64_t(o / R) * jb.k * R;
+        const float* b = bias != nullptr ? bias + o : nullptr;
+        const int rows = std::min(R, o1 - o);
         alignas(64) float buf[R * 16];
         PixelTile<R, 1>(xt, 16, jb.k, w, b, rows, buf, 16);
         for (int r = 0; r < rows; ++r)
@@ -214,9 +229,13 @@ inline __attribute__((always_inline)) void Item(const Job& jb, int64_t item, int
       }
     }
   } else {
-    int ob = ob0;
-    for (; ob + V <= ob1; ob += V) BlockRun<P, V>(jb, x_img, y_img, ob, p0, pn);
-    for (; ob < ob1; ++ob) BlockRun<P, 1>(jb, x_img, y_img, ob, p0, pn);
+    const int strip = jb.k <= kSmallK ? P : pn;  // as above
+    for (int s0 = 0; s0 < pn; s0 += strip) {
+      const int sn = std::min(strip, pn - s0);
+      int ob = ob0;
+      for (; ob + V <= ob1; ob += V) BlockRun<P, V>(jb, x_img, y_img, ob, p0 + s0, sn);
+      for (; ob < ob1; ++ob) BlockRun<P, 1>(jb, x_img, y_img, ob, p0 + s0, sn);
+    }
   }
   // The activation over the item's outputs while they are in cache.
   const Epilogue& e = *jb.e;
