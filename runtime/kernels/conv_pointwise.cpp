@@ -9,6 +9,10 @@
 #include "runtime/kernels/cpu_features.h"
 #include "runtime/kernels/parallel.h"
 
+// 64-byte vectors pass by value only between this file's inlined helpers,
+// never across files, so the calling-convention warning does not apply.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
 namespace qzdl {
 
 namespace {
@@ -27,6 +31,24 @@ constexpr int kSmallK = 128;           // input channels whose tile of pixels fi
 
 int64_t RoundUp(int64_t v, int64_t to) { return (v + to - 1) / to * to; }
 
+// Activations applied in registers before the store: the selects of
+// PositiveOrScaled and ClipZeroTo (epilogue.h), lane by lane, the same bits.
+enum Act { kActNone, kActRelu, kActClip };
+
+inline __attribute__((always_inline)) V16 Activate(V16 x, int act, float t) {
+  const V16 zero = {};
+  if (act == kActRelu) {
+    const V16 scaled = x * t;
+    return x > zero ? x : scaled;
+  }
+  if (act == kActClip) {
+    const V16 tv = t - zero;
+    const V16 capped = x >= tv ? tv : x;
+    return x <= zero ? zero : capped;
+  }
+  return x;
+}
+
 struct Job {
   const float* x;
   bool x_blocked;
@@ -39,6 +61,8 @@ struct Job {
   int k, m, blocks;  // input channels, output channels, output blocks
   int64_t plane;
   int chunk, chunks, groups, per_group;
+  int act;          // Act applied in the tiles (then not after them)
+  float act_param;
   int pixel_rows;  // NCHW in and out: output channels per tile (weights [M / R][C][R]), else 0
   float* scratch;  // per slot: k x 16 floats
 };
@@ -51,7 +75,8 @@ struct Job {
 template <int P, int V, bool XB>
 inline __attribute__((always_inline)) void Tile(const float* xp, int64_t plane, int k,
                                                 const float* w, int64_t w_block, const float* bias,
-                                                float* out, int64_t out_block) {
+                                                float* out, int64_t out_block, int act,
+                                                float act_param) {
   V16 acc[V][P];
 #pragma GCC unroll 4
   for (int v = 0; v < V; ++v) {
@@ -93,7 +118,8 @@ inline __attribute__((always_inline)) void Tile(const float* xp, int64_t plane, 
 #pragma GCC unroll 4
   for (int v = 0; v < V; ++v)
 #pragma GCC unroll 16
-    for (int j = 0; j < P; ++j) *reinterpret_cast<V16*>(out + v * out_block + j * 16) = acc[v][j];
+    for (int j = 0; j < P; ++j)
+      *reinterpret_cast<V16*>(out + v * out_block + j * 16) = Activate(acc[v][j], act, act_param);
 }
 
 template <int P, int V>
@@ -103,9 +129,11 @@ inline __attribute__((always_inline)) void TileAny(const Job& jb, const float* x
   const float* w = jb.w + ob * w_block;
   const float* bias = jb.bias != nullptr ? jb.bias + ob * 16 : nullptr;
   if (jb.x_blocked)
-    Tile<P, V, true>(x_img + p * 16, jb.plane, jb.k, w, w_block, bias, out, out_block);
+    Tile<P, V, true>(x_img + p * 16, jb.plane, jb.k, w, w_block, bias, out, out_block, jb.act,
+                     jb.act_param);
   else
-    Tile<P, V, false>(x_img + p, jb.plane, jb.k, w, w_block, bias, out, out_block);
+    Tile<P, V, false>(x_img + p, jb.plane, jb.k, w, w_block, bias, out, out_block, jb.act,
+                      jb.act_param);
 }
 
 // Output blocks [ob, ob + V) of pixels [p, p + P) of image y_img.
@@ -145,7 +173,8 @@ inline __attribute__((always_inline)) void BlockRun(const Job& jb, const float* 
 template <int R, int Q>
 inline __attribute__((always_inline)) void PixelTile(const float* xp, int64_t plane, int k,
                                                      const float* w, const float* bias, int rows,
-                                                     float* yp, int64_t y_row) {
+                                                     float* yp, int64_t y_row, int act,
+                                                     float act_param) {
   V16 acc[R][Q] = {};
 #pragma GCC unroll 8
   for (int r = 0; r < R; ++r) {
@@ -170,7 +199,8 @@ inline __attribute__((always_inline)) void PixelTile(const float* xp, int64_t pl
   for (int r = 0; r < R; ++r)
     if (r < rows)
 #pragma GCC unroll 4
-      for (int q = 0; q < Q; ++q) *reinterpret_cast<V16*>(yp + r * y_row + q * 16) = acc[r][q];
+      for (int q = 0; q < Q; ++q)
+        *reinterpret_cast<V16*>(yp + r * y_row + q * 16) = Activate(acc[r][q], act, act_param);
 }
 
 template <int P, int V>
@@ -187,7 +217,7 @@ inline __attribute__((always_inline)) void Item(const Job& jb, int64_t item, int
   float* y_img = jb.y + n * jb.y_image;
   if (jb.pixel_rows > 0) {
     // NCHW to NCHW: vectors over pixels.
-    constexpr int R = V == 2 ? 8 : 4, Q = V == 2 ? 3 : 1;
+    constexpr int R = V >= 2 ? 8 : 4, Q = V >= 2 ? 3 : 1;
     const int o0 = ob0 * 16, o1 = std::min(jb.m, ob1 * 16);
     const float* bias = jb.bias;
     float* xt = jb.scratch + int64_t(slot) * jb.k * 16;
@@ -211,10 +241,10 @@ inline __attribute__((always_inline)) void Item(const Job& jb, int64_t item, int
         int j = s0;
         for (; j + 16 * Q <= s1; j += 16 * Q)
           PixelTile<R, Q>(x_img + p0 + j, plane, jb.k, w, b, rows, y_img + o * plane + p0 + j,
-                          plane);
+                          plane, jb.act, jb.act_param);
         for (; j < s1; j += 16)
           PixelTile<R, 1>(x_img + p0 + j, plane, jb.k, w, b, rows, y_img + o * plane + p0 + j,
-                          plane);
+                          plane, jb.act, jb.act_param);
       }
     }
     if (tail > 0) {
@@ -223,7 +253,7 @@ inline __attribute__((always_inline)) void Item(const Job& jb, int64_t item, int
         const float* b = bias != nullptr ? bias + o : nullptr;
         const int rows = std::min(R, o1 - o);
         alignas(64) float buf[R * 16];
-        PixelTile<R, 1>(xt, 16, jb.k, w, b, rows, buf, 16);
+        PixelTile<R, 1>(xt, 16, jb.k, w, b, rows, buf, 16, jb.act, jb.act_param);
         for (int r = 0; r < rows; ++r)
           std::memcpy(y_img + (o + r) * plane + p0 + full, buf + r * 16, sizeof(float) * tail);
       }
@@ -239,7 +269,7 @@ inline __attribute__((always_inline)) void Item(const Job& jb, int64_t item, int
   }
   // The activation over the item's outputs while they are in cache.
   const Epilogue& e = *jb.e;
-  if (!e.Active()) return;
+  if (!e.Active() || jb.act != kActNone) return;
   if (jb.y_blocked) {
     for (int b = ob0; b < ob1; ++b) {
       float* run = y_img + b * plane * 16 + p0 * 16;
@@ -354,6 +384,12 @@ void PointwiseKernel::Run(const float* x, bool x_blocked, const float* w, const 
   jb.y_blocked = y_blk;
   jb.y_image = y_image != 0 ? y_image : int64_t(m) * plane;
   jb.e = &e;
+  // ReLU, LeakyRelu and ReLUX without a per-channel affine run in the
+  // tiles; the rest over each item's outputs afterwards.
+  jb.act = kActNone;
+  jb.act_param = e.param;
+  if (e.mult == nullptr && e.kind == Epilogue::Kind::kRelu) jb.act = kActRelu;
+  if (e.mult == nullptr && e.kind == Epilogue::Kind::kClip) jb.act = kActClip;
   jb.k = k;
   jb.m = m;
   jb.blocks = blocks;

@@ -123,6 +123,17 @@ int CheckLayouts(const ConvGeometry& g, ConvAlgorithm algo, int want_src, int wa
     }
     const std::vector<float> base_relu6 = Run(g, s, algo, src, false, relu6);
     const std::vector<float> base_affine = Run(g, s, algo, src, false, affine);
+    // A fused activation gives the bits of the activation layer after the
+    // convolution (the 1x1 kernel applies ReLU and ReLUX in registers).
+    const Epilogue leaky{Epilogue::Kind::kRelu, 0.1f};
+    for (const Epilogue& act : {relu6, leaky}) {
+      std::vector<float> after = base;
+      MapActivation(act, after.data(), after.data(), static_cast<int64_t>(after.size()));
+      EXPECT_TRUE(SameBits(Run(g, s, algo, src, false, act), after));
+      if (want_dst != 0) {
+        EXPECT_TRUE(SameBits(Run(g, s, algo, src, true, act), after));
+      }
+    }
     for (int threads : {1, 3})
       EXPECT_TRUE(SameBits(Run(g, s, algo, src, false, relu6, threads), base_relu6)) << threads;
     if (src) ++checked;
