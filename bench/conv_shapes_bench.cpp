@@ -167,9 +167,9 @@ int main(int argc, char** argv) {
   }
   printf("instruction sets: %s; threads %d; batch %d; %s time\n", InstructionSets().c_str(),
          omp_get_max_threads(), batch, cpu ? "CPU" : "wall");
-  const ConvAlgorithm algs[] = {ConvAlgorithm::kDepthwise, ConvAlgorithm::kGemm1x1,
-                                ConvAlgorithm::kPointwise, ConvAlgorithm::kIm2colGemm,
-                                ConvAlgorithm::kDnnl};
+  const ConvAlgorithm algs[] = {ConvAlgorithm::kDepthwise,  ConvAlgorithm::kGemm1x1,
+                                ConvAlgorithm::kPointwise,  ConvAlgorithm::kDirect,
+                                ConvAlgorithm::kIm2colGemm, ConvAlgorithm::kDnnl};
   printf("%-28s %-16s %10s %8s %s\n", "shape", "algorithm", "ms", "/best", "");
   for (const Shape& s : kShapes) {
     ConvGeometry g;

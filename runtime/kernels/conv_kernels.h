@@ -12,6 +12,7 @@
 
 #include "runtime/data.h"
 #include "runtime/kernels/conv_dnnl.h"
+#include "runtime/kernels/conv_direct.h"
 #include "runtime/kernels/conv_geometry.h"
 #include "runtime/kernels/conv_pointwise.h"
 #include "runtime/kernels/epilogue.h"
@@ -23,6 +24,7 @@ enum class ConvAlgorithm {
   kDepthwise,   // direct kernel, one input channel per output channel
   kGemm1x1,     // 1x1, stride 1, no padding: GEMM straight on the input
   kPointwise,   // 1x1, stride 1, no padding, one group: direct kernel (conv_pointwise.h)
+  kDirect,      // few input channels, one group: direct kernel (conv_direct.h)
   kIm2colGemm,  // patches gathered tile by tile, then GEMM
   kDnnl,        // oneDNN's convolution primitive (builds with oneDNN only)
 };
@@ -86,6 +88,7 @@ class ConvKernel {
   bool src_blocked_ = false, dst_blocked_ = false;  // the direct kernels' SetBlocked
   std::unique_ptr<DnnlConvolution> dnnl_;
   PointwiseKernel pointwise_;
+  DirectConvKernel direct_;
   AlignedBuffer packed_;  // blocked depthwise: weights and bias in 16-channel blocks
   bool packed_valid_ = false;
 };

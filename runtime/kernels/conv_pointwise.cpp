@@ -61,7 +61,7 @@ struct Job {
   int k, m, blocks;  // input channels, output channels, output blocks
   int64_t plane;
   int chunk, chunks, groups, per_group;
-  int act;          // Act applied in the tiles (then not after them)
+  int act;  // Act applied in the tiles (then not after them)
   float act_param;
   int pixel_rows;  // NCHW in and out: output channels per tile (weights [M / R][C][R]), else 0
   float* scratch;  // per slot: k x 16 floats

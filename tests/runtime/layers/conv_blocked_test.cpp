@@ -173,6 +173,19 @@ TEST(ConvBlocked, PointwiseGivesTheNchwBitsInEveryLayout) {
   EXPECT_EQ(checked, 3 + 3 + 1 + 1 + 1 + 3 + 3 + 1 + 0);
 }
 
+TEST(ConvBlocked, DirectStemGivesTheSameBitsInBothOutputLayouts) {
+  int checked = 0;
+  const ConvAlgorithm direct = ConvAlgorithm::kDirect;
+  checked += CheckLayouts(Geo(1, 3, 23, 21, 32, 3, 2, 1, 1), direct, 0, 16, true);
+  checked += CheckLayouts(Geo(2, 4, 9, 10, 16, 3, 1, 1, 1), direct, 0, 16, true);
+  checked += CheckLayouts(Geo(1, 3, 8, 8, 48, 5, 2, 2, 1), direct, 0, 16, true);
+  checked += CheckLayouts(Geo(1, 1, 7, 6, 16, 3, 1, 0, 1, 2), direct, 0, 16, true);
+  checked += CheckLayouts(Geo(1, 2, 40, 37, 16, 7, 2, 3, 1), direct, 0, 16, true);
+  EXPECT_EQ(checked, 5);
+  // Outputs beyond whole blocks: NCHW only.
+  EXPECT_EQ(CheckLayouts(Geo(1, 3, 9, 9, 20, 3, 1, 1, 1), direct, 0, 0, true), 0);
+}
+
 TEST(ConvBlocked, DepthwiseInEveryLayoutWithinTheTolerance) {
   int checked = 0;
   const ConvAlgorithm dw = ConvAlgorithm::kDepthwise;

@@ -375,8 +375,8 @@ std::vector<float> RunKernel(const ConvGeometry& g, const ConvData& d, ConvAlgor
   return y;
 }
 
-const std::vector<ConvAlgorithm> kAlgorithms = {ConvAlgorithm::kDepthwise, ConvAlgorithm::kGemm1x1,
-                                                ConvAlgorithm::kPointwise,
+const std::vector<ConvAlgorithm> kAlgorithms = {ConvAlgorithm::kDepthwise,  ConvAlgorithm::kGemm1x1,
+                                                ConvAlgorithm::kPointwise,  ConvAlgorithm::kDirect,
                                                 ConvAlgorithm::kIm2colGemm, ConvAlgorithm::kDnnl};
 
 TEST(ConvolutionKernels, MatchReferenceOnManyShapes) {
@@ -412,6 +412,7 @@ TEST(ConvolutionKernels, MatchReferenceOnManyShapes) {
   EXPECT_GE(tested[ConvAlgorithm::kDepthwise], 10);
   EXPECT_GE(tested[ConvAlgorithm::kGemm1x1], 3);
   EXPECT_GE(tested[ConvAlgorithm::kPointwise], 2);
+  EXPECT_GE(tested[ConvAlgorithm::kDirect], 10);
   EXPECT_EQ(tested[ConvAlgorithm::kIm2colGemm], static_cast<int>(shapes.size()));
   if (DnnlConvolution::Available()) {
     EXPECT_GE(tested[ConvAlgorithm::kDnnl], 40);
@@ -448,6 +449,7 @@ TEST(ConvolutionKernels, SpacedImagesHoldTheDenseBitsAndLeaveTheGapsAlone) {
   EXPECT_GE(tested[ConvAlgorithm::kDepthwise], 10);
   EXPECT_GE(tested[ConvAlgorithm::kGemm1x1], 3);
   EXPECT_GE(tested[ConvAlgorithm::kPointwise], 2);
+  EXPECT_GE(tested[ConvAlgorithm::kDirect], 10);
   EXPECT_GE(tested[ConvAlgorithm::kIm2colGemm], 50);
   if (DnnlConvolution::Available()) {
     EXPECT_GE(tested[ConvAlgorithm::kDnnl], 30);
@@ -468,6 +470,13 @@ TEST(ConvolutionKernels, AutomaticChoice) {
   k.Configure(Geometry({1, 8, 9, 9, 16, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, 1}), false);
   EXPECT_EQ(k.algorithm(),
             DnnlConvolution::Available() ? ConvAlgorithm::kDnnl : ConvAlgorithm::kIm2colGemm);
+  // An image stem: the direct kernel at batch 1 only, on whole blocks.
+  k.Configure(Geometry({1, 3, 32, 32, 32, 3, 3, 2, 2, 1, 1, 1, 1, 1, 1, 1}), true);
+  EXPECT_EQ(k.algorithm(), ConvAlgorithm::kDirect);
+  k.Configure(Geometry({1, 3, 32, 32, 24, 3, 3, 2, 2, 1, 1, 1, 1, 1, 1, 1}), true);
+  EXPECT_NE(k.algorithm(), ConvAlgorithm::kDirect);
+  k.Configure(Geometry({2, 3, 32, 32, 32, 3, 3, 2, 2, 1, 1, 1, 1, 1, 1, 1}), true);
+  EXPECT_NE(k.algorithm(), ConvAlgorithm::kDirect);
   // A forced algorithm that does not apply falls back to the automatic one.
   k.Configure(Geometry({1, 8, 9, 9, 16, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, 1}), false,
               ConvAlgorithm::kGemm1x1);
