@@ -203,24 +203,27 @@ void BlockedRow(const ConvGeometry& g, const float* xb, const float* wb, const f
 
 }  // namespace
 
+bool DepthwiseBlockable(const ConvGeometry& g) {
+  return IsDepthwise(g) && g.out_c == g.in_c && g.in_c % kBlock == 0;
+}
+
 size_t DepthwiseScratchFloats(const ConvGeometry& g) {
   // The padded plane, for the flat paths the rows of outputs at the padded
   // width, and an output plane to scatter into blocks from.
   const size_t plane = size_t(PaddedH(g)) * PaddedW(g);
   const Path path = PathFor(g);
   const bool flat = path == Path::kFlat3x3 || path == Path::kFlat;
+  // Only a shape that can be blocked ever scatters, or runs DepthwiseBlocked
+  // (one output row of a block).
+  if (!DepthwiseBlockable(g)) return plane + (flat ? size_t(g.out_h) * PaddedW(g) : 0) + 16;
   const size_t nchw = plane + (flat ? size_t(g.out_h) * PaddedW(g) : 0) + size_t(g.OutPlane());
-  // DepthwiseBlocked: one output row of a block.
   return std::max(nchw, size_t(g.out_w) * kBlock) + 16;
-}
-
-bool DepthwiseBlockable(const ConvGeometry& g) {
-  return IsDepthwise(g) && g.out_c == g.in_c && g.in_c % kBlock == 0;
 }
 
 void DepthwiseConvolution(const ConvGeometry& g, const float* x, const float* w, const float* b,
                           float* y, float* scratch, int slots, const Epilogue& e, int64_t y_image,
                           bool y_blocked) {
+  y_blocked = y_blocked && DepthwiseBlockable(g);  // the scratch has room only then
   const int multiplier = g.out_c / g.in_c;
   const int64_t planes = int64_t(g.batch) * g.out_c;
   const int64_t in_plane = g.InPlane(), out_plane = g.OutPlane();

@@ -28,7 +28,8 @@ bool DepthwiseBlockable(const ConvGeometry& g);
 // summed by one thread, bias first, then the taps in (ky, kx) order; `e` is
 // applied to each output plane once it is complete. Image n of y starts
 // n * y_image floats in (0: out_c x the output plane, dense). With
-// `y_blocked` y is written in 16-channel blocks (see conv_pointwise.h).
+// `y_blocked` y is written in 16-channel blocks (see conv_pointwise.h)
+// when DepthwiseBlockable(g).
 void DepthwiseConvolution(const ConvGeometry& g, const float* x, const float* w, const float* b,
                           float* y, float* scratch, int slots, const Epilogue& e = {},
                           int64_t y_image = 0, bool y_blocked = false);
