@@ -125,12 +125,15 @@ bool ConvKernel::Configure(const ConvGeometry& g, bool bias, ConvAlgorithm want)
     } else if (Is1x1Unpadded(g)) {
       // Strided 1x1: gathering the used pixels beats reordering all of them.
       a = ConvAlgorithm::kIm2colGemm;
-    } else if (g.batch == 1 && g.out_c % kChannelBlock == 0 && g.KernelArea() <= 9 &&
-               Applies(ConvAlgorithm::kDirect, g)) {
-      // An image stem at batch 1: the direct kernel took 0.6x the time of
-      // the others (bench/conv_shapes_bench) and writes blocks the layer
-      // after it can read. From batch 2 the library's primitive, one image
-      // per thread, is faster.
+    } else if (g.batch == 1 && g.out_c % kChannelBlock == 0 && g.out_c <= 32 &&
+               g.KernelArea() <= 9 && Applies(ConvAlgorithm::kDirect, g)) {
+      // The stem of a mobile net at batch 1: the direct kernel writing
+      // blocks took 0.6x the time of the others (bench/conv_shapes_bench)
+      // and a depthwise or 1x1 convolution after it reads them. Writing
+      // NCHW it is slower than the library's primitive on wider stems, which
+      // classic nets follow with a pooling (64 channels: 0.29 against
+      // 0.24 ms), so those stay as they were; from batch 2 the primitive,
+      // one image per thread, is faster.
       a = ConvAlgorithm::kDirect;
     } else {
       a = Applies(ConvAlgorithm::kDnnl, g) ? ConvAlgorithm::kDnnl : ConvAlgorithm::kIm2colGemm;

@@ -475,6 +475,8 @@ TEST(ConvolutionKernels, AutomaticChoice) {
   EXPECT_EQ(k.algorithm(), ConvAlgorithm::kDirect);
   k.Configure(Geometry({1, 3, 32, 32, 24, 3, 3, 2, 2, 1, 1, 1, 1, 1, 1, 1}), true);
   EXPECT_NE(k.algorithm(), ConvAlgorithm::kDirect);
+  k.Configure(Geometry({1, 3, 32, 32, 64, 3, 3, 2, 2, 1, 1, 1, 1, 1, 1, 1}), true);
+  EXPECT_NE(k.algorithm(), ConvAlgorithm::kDirect);
   k.Configure(Geometry({2, 3, 32, 32, 32, 3, 3, 2, 2, 1, 1, 1, 1, 1, 1, 1}), true);
   EXPECT_NE(k.algorithm(), ConvAlgorithm::kDirect);
   // A forced algorithm that does not apply falls back to the automatic one.
