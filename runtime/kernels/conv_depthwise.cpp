@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "runtime/kernels/parallel.h"
+#include "runtime/kernels/vec16.h"
 
 // 64-byte vectors pass by value only between this file's inlined helpers,
 // never across files, so the calling-convention warning does not apply.
@@ -129,11 +130,9 @@ void Rows(const ConvGeometry& g, const float* p, const float* k, float bias, flo
   }
 }
 
-// 16 floats at any alignment (GCC's vector extension).
-typedef float V16 __attribute__((vector_size(64), aligned(4)));
-
-inline V16 Load(const float* p) { return *reinterpret_cast<const V16*>(p); }
-inline void Store(float* p, V16 v) { *reinterpret_cast<V16*>(p) = v; }
+using vec16::Load;
+using vec16::Store;
+using vec16::V16;
 
 // Output row oy of one 16-channel block: xb is the block's input [H][W][16],
 // wb its weights [taps][16], bias its 16 biases or null, out [OW][16].

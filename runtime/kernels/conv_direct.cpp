@@ -4,8 +4,8 @@
 #include <climits>
 #include <cstring>
 
-#include "runtime/kernels/cpu_features.h"
 #include "runtime/kernels/parallel.h"
+#include "runtime/kernels/vec16.h"
 
 // 64-byte vectors pass by value only between this file's inlined helpers,
 // never across files, so the calling-convention warning does not apply.
@@ -15,7 +15,7 @@ namespace qzdl {
 
 namespace {
 
-typedef float V16 __attribute__((vector_size(64), aligned(4)));
+using vec16::V16;
 
 constexpr int kMinItems = 8;  // below this, split the output rows into bands
 constexpr int kPairs = 2;     // output blocks per work item
@@ -29,23 +29,9 @@ struct Job {
   bool y_blocked;
   int64_t y_image;
   const Epilogue* e;
-  bool act_in_tile;  // ReLU / ReLUX in registers (else after each row)
+  int act;  // vec16::Act applied in registers (then not after each row)
   int blocks, groups, band, bands;
 };
-
-// ReLU / LeakyRelu (kRelu) and ReLUX (kClip) as the activation layers
-// compute them (epilogue.h), lane by lane.
-inline __attribute__((always_inline)) V16 Activate(V16 x, const Epilogue& e, bool on) {
-  if (!on) return x;
-  const V16 zero = {};
-  if (e.kind == Epilogue::Kind::kRelu) {
-    const V16 scaled = x * e.param;
-    return x > zero ? x : scaled;
-  }
-  const V16 t = e.param - zero;
-  const V16 capped = x >= t ? t : x;
-  return x <= zero ? zero : capped;
-}
 
 // P pixels from ox of output row oy, blocks [ob, ob + V). CHECK: test every
 // tap's column (pixels near the left and right edges).
@@ -56,13 +42,7 @@ inline __attribute__((always_inline)) void Tile(const Job& jb, const float* x_im
   const int taps = g.kernel_h * g.kernel_w;
   const int64_t w_block = int64_t(g.in_c) * taps * 16;
   V16 acc[V][P];
-#pragma GCC unroll 4
-  for (int v = 0; v < V; ++v) {
-    const V16 b0 =
-        jb.bias != nullptr ? *reinterpret_cast<const V16*>(jb.bias + (ob + v) * 16) : V16{};
-#pragma GCC unroll 16
-    for (int j = 0; j < P; ++j) acc[v][j] = b0;
-  }
+  vec16::InitTile<P, V>(acc, jb.bias != nullptr ? jb.bias + ob * 16 : nullptr);
   const int64_t ix0 = int64_t(ox) * g.stride_w - g.pad_left;
   for (int c = 0; c < g.in_c; ++c) {
     for (int ky = 0; ky < g.kernel_h; ++ky) {
@@ -73,25 +53,11 @@ inline __attribute__((always_inline)) void Tile(const Job& jb, const float* x_im
       for (int kx = 0; kx < g.kernel_w; ++kx) {
         const int64_t ix = ix0 + kx * g.dilation_w;
         if (CHECK && (ix < 0 || ix >= g.in_w)) continue;
-        V16 wv[V];
-#pragma GCC unroll 4
-        for (int v = 0; v < V; ++v)
-          wv[v] = *reinterpret_cast<const V16*>(wr + v * w_block + kx * 16);
-#pragma GCC unroll 16
-        for (int j = 0; j < P; ++j) {
-          const float xv = xr[ix + int64_t(j) * g.stride_w];
-#pragma GCC unroll 4
-          for (int v = 0; v < V; ++v) acc[v][j] += wv[v] * xv;
-        }
+        vec16::AddProducts<P, V>(acc, wr + kx * 16, w_block, xr + ix, g.stride_w);
       }
     }
   }
-#pragma GCC unroll 4
-  for (int v = 0; v < V; ++v)
-#pragma GCC unroll 16
-    for (int j = 0; j < P; ++j)
-      *reinterpret_cast<V16*>(out + v * out_block + j * 16) =
-          Activate(acc[v][j], *jb.e, jb.act_in_tile);
+  vec16::StoreTile<P, V>(acc, out, out_block, jb.act, jb.e->param);
 }
 
 // P pixels into y (blocked) or through a buffer into NCHW.
@@ -149,7 +115,7 @@ inline __attribute__((always_inline)) void Item(const Job& jb, int64_t item) {
     int ob = ob0;
     for (; ob + V <= ob1; ob += V) Row<P, V>(jb, x_img, y_img, ob, oy);
     for (; ob < ob1; ++ob) Row<P, 1>(jb, x_img, y_img, ob, oy);
-    if (!e.Active() || jb.act_in_tile) continue;
+    if (!e.Active() || jb.act != vec16::kActNone) continue;
     const int64_t pos = int64_t(oy) * g.out_w;
     if (jb.y_blocked) {
       for (int b = ob0; b < ob1; ++b) {
@@ -174,15 +140,16 @@ __attribute__((target("avx2,fma"))) void ItemAvx2(const Job& jb, int64_t i) { It
 void ItemGeneric(const Job& jb, int64_t i) { Item<6, 1>(jb, i); }
 
 ItemFn PickItem() {
-  static const ItemFn fn = [] {
+  switch (vec16::PickIsa()) {
 #if defined(__x86_64__) && defined(__GNUC__)
-    if (__builtin_cpu_supports("avx512f") && CpuPathAllowed("avx512")) return &ItemAvx512;
-    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && CpuPathAllowed("avx2"))
+    case vec16::Isa::kAvx512:
+      return &ItemAvx512;
+    case vec16::Isa::kAvx2:
       return &ItemAvx2;
 #endif
-    return &ItemGeneric;
-  }();
-  return fn;
+    default:
+      return &ItemGeneric;
+  }
 }
 
 }  // namespace
@@ -229,8 +196,7 @@ void DirectConvKernel::Run(const float* x, const float* w, const float* b, bool 
   jb.y_blocked = y_blocked && g.out_c % 16 == 0;
   jb.y_image = y_image != 0 ? y_image : int64_t(g.out_c) * g.OutPlane();
   jb.e = &e;
-  jb.act_in_tile =
-      e.mult == nullptr && (e.kind == Epilogue::Kind::kRelu || e.kind == Epilogue::Kind::kClip);
+  jb.act = vec16::InRegisterAct(e);
   jb.blocks = blocks;
   jb.groups = (blocks + kPairs - 1) / kPairs;
   jb.band = band_;

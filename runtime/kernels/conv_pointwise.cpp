@@ -6,8 +6,8 @@
 #include <climits>
 #include <cstring>
 
-#include "runtime/kernels/cpu_features.h"
 #include "runtime/kernels/parallel.h"
+#include "runtime/kernels/vec16.h"
 
 // 64-byte vectors pass by value only between this file's inlined helpers,
 // never across files, so the calling-convention warning does not apply.
@@ -17,10 +17,7 @@ namespace qzdl {
 
 namespace {
 
-// 16 floats, loaded and stored at any alignment. GCC's vector extension
-// compiles to AVX-512, AVX2, SSE or NEON operations as the function's target
-// allows.
-typedef float V16 __attribute__((vector_size(64), aligned(4)));
+using vec16::V16;
 
 constexpr int kTileLcm = 12;           // tile widths (12 or 6 pixels) divide the chunks
 constexpr int kChunkFloats = 1 << 15;  // x of one work item: about 128 KiB
@@ -30,24 +27,6 @@ constexpr int kMinPixelPlane = 100;    // smaller planes run on vectors of chann
 constexpr int kSmallK = 128;           // input channels whose tile of pixels fits L1
 
 int64_t RoundUp(int64_t v, int64_t to) { return (v + to - 1) / to * to; }
-
-// Activations applied in registers before the store: the selects of
-// PositiveOrScaled and ClipZeroTo (epilogue.h), lane by lane, the same bits.
-enum Act { kActNone, kActRelu, kActClip };
-
-inline __attribute__((always_inline)) V16 Activate(V16 x, int act, float t) {
-  const V16 zero = {};
-  if (act == kActRelu) {
-    const V16 scaled = x * t;
-    return x > zero ? x : scaled;
-  }
-  if (act == kActClip) {
-    const V16 tv = t - zero;
-    const V16 capped = x >= tv ? tv : x;
-    return x <= zero ? zero : capped;
-  }
-  return x;
-}
 
 struct Job {
   const float* x;
@@ -78,48 +57,17 @@ inline __attribute__((always_inline)) void Tile(const float* xp, int64_t plane, 
                                                 float* out, int64_t out_block, int act,
                                                 float act_param) {
   V16 acc[V][P];
-#pragma GCC unroll 4
-  for (int v = 0; v < V; ++v) {
-    const V16 b0 = bias != nullptr ? *reinterpret_cast<const V16*>(bias + v * 16) : V16{};
-#pragma GCC unroll 16
-    for (int j = 0; j < P; ++j) acc[v][j] = b0;
-  }
+  vec16::InitTile<P, V>(acc, bias);
   if (XB) {
-    for (int cb = 0; cb < k / 16; ++cb) {
-      const float* xb = xp + cb * plane * 16;
-      const float* wb = w + cb * 16 * 16;
-      for (int ci = 0; ci < 16; ++ci) {
-        V16 wv[V];
-#pragma GCC unroll 4
-        for (int v = 0; v < V; ++v)
-          wv[v] = *reinterpret_cast<const V16*>(wb + v * w_block + ci * 16);
-#pragma GCC unroll 16
-        for (int j = 0; j < P; ++j) {
-          const float xv = xb[j * 16 + ci];
-#pragma GCC unroll 4
-          for (int v = 0; v < V; ++v) acc[v][j] += wv[v] * xv;
-        }
-      }
-    }
+    for (int cb = 0; cb < k / 16; ++cb)
+      for (int ci = 0; ci < 16; ++ci)
+        vec16::AddProducts<P, V>(acc, w + (cb * 16 + ci) * 16, w_block, xp + cb * plane * 16 + ci,
+                                 16);
   } else {
-    for (int c = 0; c < k; ++c) {
-      const float* xc = xp + c * plane;
-      V16 wv[V];
-#pragma GCC unroll 4
-      for (int v = 0; v < V; ++v) wv[v] = *reinterpret_cast<const V16*>(w + v * w_block + c * 16);
-#pragma GCC unroll 16
-      for (int j = 0; j < P; ++j) {
-        const float xv = xc[j];
-#pragma GCC unroll 4
-        for (int v = 0; v < V; ++v) acc[v][j] += wv[v] * xv;
-      }
-    }
+    for (int c = 0; c < k; ++c)
+      vec16::AddProducts<P, V>(acc, w + c * 16, w_block, xp + c * plane, 1);
   }
-#pragma GCC unroll 4
-  for (int v = 0; v < V; ++v)
-#pragma GCC unroll 16
-    for (int j = 0; j < P; ++j)
-      *reinterpret_cast<V16*>(out + v * out_block + j * 16) = Activate(acc[v][j], act, act_param);
+  vec16::StoreTile<P, V>(acc, out, out_block, act, act_param);
 }
 
 template <int P, int V>
@@ -200,7 +148,7 @@ inline __attribute__((always_inline)) void PixelTile(const float* xp, int64_t pl
     if (r < rows)
 #pragma GCC unroll 4
       for (int q = 0; q < Q; ++q)
-        *reinterpret_cast<V16*>(yp + r * y_row + q * 16) = Activate(acc[r][q], act, act_param);
+        vec16::Store(yp + r * y_row + q * 16, vec16::Activate(acc[r][q], act, act_param));
 }
 
 template <int P, int V>
@@ -269,7 +217,7 @@ inline __attribute__((always_inline)) void Item(const Job& jb, int64_t item, int
   }
   // The activation over the item's outputs while they are in cache.
   const Epilogue& e = *jb.e;
-  if (!e.Active() || jb.act != kActNone) return;
+  if (!e.Active() || jb.act != vec16::kActNone) return;
   if (jb.y_blocked) {
     for (int b = ob0; b < ob1; ++b) {
       float* run = y_img + b * plane * 16 + p0 * 16;
@@ -299,15 +247,16 @@ __attribute__((target("avx2,fma"))) void ItemAvx2(const Job& jb, int64_t i, int 
 void ItemGeneric(const Job& jb, int64_t i, int slot) { Item<6, 1>(jb, i, slot); }
 
 Kernels Pick() {
-  static const Kernels k = []() -> Kernels {
+  switch (vec16::PickIsa()) {
 #if defined(__x86_64__) && defined(__GNUC__)
-    if (__builtin_cpu_supports("avx512f") && CpuPathAllowed("avx512")) return {&ItemAvx512, 8};
-    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && CpuPathAllowed("avx2"))
+    case vec16::Isa::kAvx512:
+      return {&ItemAvx512, 8};
+    case vec16::Isa::kAvx2:
       return {&ItemAvx2, 4};
 #endif
-    return {&ItemGeneric, 4};
-  }();
-  return k;
+    default:
+      return {&ItemGeneric, 4};
+  }
 }
 
 }  // namespace
@@ -384,12 +333,8 @@ void PointwiseKernel::Run(const float* x, bool x_blocked, const float* w, const 
   jb.y_blocked = y_blk;
   jb.y_image = y_image != 0 ? y_image : int64_t(m) * plane;
   jb.e = &e;
-  // ReLU, LeakyRelu and ReLUX without a per-channel affine run in the
-  // tiles; the rest over each item's outputs afterwards.
-  jb.act = kActNone;
+  jb.act = vec16::InRegisterAct(e);
   jb.act_param = e.param;
-  if (e.mult == nullptr && e.kind == Epilogue::Kind::kRelu) jb.act = kActRelu;
-  if (e.mult == nullptr && e.kind == Epilogue::Kind::kClip) jb.act = kActClip;
   jb.k = k;
   jb.m = m;
   jb.blocks = blocks;

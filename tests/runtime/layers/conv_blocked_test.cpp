@@ -32,24 +32,27 @@ ConvGeometry Geo(int batch, int c, int h, int w, int m, int k, int stride, int p
   return g;
 }
 
-// [N][C][P] to [N][C / 16][P][16] and back; `image` floats per image.
-std::vector<float> ToBlocked(const std::vector<float>& v, int n, int c, int64_t plane) {
+// [N][C][P] to [N][C / 16][P][16] (`to_blocked`) or back.
+std::vector<float> Reblock(const std::vector<float>& v, int n, int c, int64_t plane,
+                           bool to_blocked) {
   std::vector<float> out(v.size());
   for (int i = 0; i < n; ++i)
     for (int ch = 0; ch < c; ++ch)
-      for (int64_t p = 0; p < plane; ++p)
-        out[(int64_t(i) * c + ch / 16 * 16) * plane + p * 16 + ch % 16] =
-            v[(int64_t(i) * c + ch) * plane + p];
+      for (int64_t p = 0; p < plane; ++p) {
+        const int64_t nchw = (int64_t(i) * c + ch) * plane + p;
+        const int64_t blocked = (int64_t(i) * c + ch / 16 * 16) * plane + p * 16 + ch % 16;
+        if (to_blocked)
+          out[blocked] = v[nchw];
+        else
+          out[nchw] = v[blocked];
+      }
   return out;
 }
+std::vector<float> ToBlocked(const std::vector<float>& v, int n, int c, int64_t plane) {
+  return Reblock(v, n, c, plane, true);
+}
 std::vector<float> FromBlocked(const std::vector<float>& v, int n, int c, int64_t plane) {
-  std::vector<float> out(v.size());
-  for (int i = 0; i < n; ++i)
-    for (int ch = 0; ch < c; ++ch)
-      for (int64_t p = 0; p < plane; ++p)
-        out[(int64_t(i) * c + ch) * plane + p] =
-            v[(int64_t(i) * c + ch / 16 * 16) * plane + p * 16 + ch % 16];
-  return out;
+  return Reblock(v, n, c, plane, false);
 }
 
 struct Setup {
