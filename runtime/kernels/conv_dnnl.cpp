@@ -72,6 +72,7 @@ struct DnnlConvolution::Impl {
   // One primitive per distinct chunk size.
   struct Part {
     int channels = 0;
+    ConvGeometry pg;  // the part's geometry: a band of rows has its own height and pads
     dnnl::convolution_forward conv;
     dnnl::reorder wei_reorder, dst_reorder;
     bool reorder_wei = false, reorder_dst = false;
@@ -79,6 +80,7 @@ struct DnnlConvolution::Impl {
   };
   struct Chunk {
     int first = 0, part = 0;
+    int row0 = 0, in_row0 = 0;  // row bands: first output row, first input row read
     memory user_wei, wei, user_bias;
     AlignedBuffer wei_buf;
   };
@@ -95,6 +97,7 @@ struct DnnlConvolution::Impl {
   ConvGeometry g;
   bool bias = false;
   bool reorder_src = false;
+  bool bands = false;  // work split into bands of output rows, not chunks of channels
   size_t src_image_bytes = 0;
   std::vector<Part> parts;
   std::deque<Chunk> chunks;  // a deque: its buffers cannot move
@@ -106,23 +109,100 @@ struct DnnlConvolution::Impl {
   int src_block = 0, dst_block = 0;       // see SrcBlock / DstBlock
   bool src_blocked = false, dst_blocked = false;
 
-  // Creates the primitive for `channels` output channels; src_md may be
-  // "any" (first part) or the layout the first part chose.
-  bool MakePart(int channels, const memory::desc& src_md, Part* part, size_t* scratch);
+  // Creates the primitive for `channels` output channels of geometry pg
+  // (g, or a band of its rows); src_md may be "any" (first part) or the
+  // layout the first part chose; the output is "any" or, with `nhwc_dst`,
+  // channels-last.
+  bool MakePart(const ConvGeometry& pg, int channels, const memory::desc& src_md, bool nhwc_dst,
+                Part* part, size_t* scratch);
+  // At a small batch, where the library computes the whole image in
+  // channels-last, splits the work into bands of output rows (each band a
+  // primitive over the input rows it reads, with the pads that fall in it)
+  // instead of chunks of output channels: every primitive then computes
+  // all channels, and each band is one piece of the image in channels-last,
+  // so the output can be handed on in that layout. Sets *src_md to
+  // channels-last; false (nothing kept) where it does not apply.
+  bool MakeBands(memory::desc* src_md, size_t* scratch);
 };
 
-bool DnnlConvolution::Impl::MakePart(int channels, const memory::desc& src_md, Part* part,
+bool DnnlConvolution::Impl::MakeBands(memory::desc* src_md, size_t* scratch) {
+  // Every band reads all the weights: only where they are smaller than the
+  // input image.
+  if (int64_t(g.out_c) * g.InPerGroup() * g.KernelArea() > int64_t(g.in_c) * g.InPlane())
+    return false;
+  const int count = std::min(g.out_h, (kMinItems + g.batch - 1) / g.batch);
+  if (count < 2) return false;
+  const memory::desc nhwc_src = Desc({1, g.in_c, g.in_h, g.in_w}, tag::nhwc);
+  const std::string name = impl_name;  // the probe's and failed bands' names do not stay
+  struct Band {
+    int part, row0, in_row0;
+  };
+  std::vector<Part> made;
+  std::vector<Band> bands;
+  size_t need = 0;
+  auto plan = [&] {
+    // The whole image, as the library would lay it out.
+    Part probe;
+    if (!MakePart(g, g.out_c, Desc({1, g.in_c, g.in_h, g.in_w}, tag::any), false, &probe, &need) ||
+        probe.src_md != nhwc_src || probe.dst_md != Desc({1, g.out_c, g.out_h, g.out_w}, tag::nhwc))
+      return false;
+    impl_name = name;
+    const int rows = (g.out_h + count - 1) / count;
+    for (int r0 = 0; r0 < g.out_h; r0 += rows) {
+      const int r1 = std::min(g.out_h, r0 + rows);
+      const int in0 = r0 * g.stride_h - g.pad_top;
+      const int in1 = (r1 - 1) * g.stride_h - g.pad_top + g.ExtentH();
+      const int a = std::max(0, in0), b = std::min(g.in_h, in1);
+      if (b <= a) return false;  // a band entirely in the padding
+      ConvGeometry pg = g;
+      pg.pad_top = std::max(0, -in0);
+      pg.pad_bottom = std::max(0, in1 - g.in_h);
+      pg.in_h = b - a;
+      pg.out_h = r1 - r0;
+      int part = -1;
+      for (size_t p = 0; p < made.size(); ++p)
+        if (made[p].pg == pg) part = static_cast<int>(p);
+      if (part < 0) {
+        made.emplace_back();
+        if (!MakePart(pg, g.out_c, Desc({1, g.in_c, pg.in_h, g.in_w}, tag::nhwc), true,
+                      &made.back(), &need))
+          return false;
+        part = static_cast<int>(made.size()) - 1;
+      }
+      bands.push_back({part, r0, a});
+    }
+    return true;
+  };
+  if (!plan()) {
+    impl_name = name;
+    return false;
+  }
+  parts = std::move(made);
+  for (const Band& band : bands) {
+    chunks.emplace_back();
+    chunks.back().part = band.part;
+    chunks.back().row0 = band.row0;
+    chunks.back().in_row0 = band.in_row0;
+  }
+  *scratch = std::max(*scratch, need);
+  *src_md = nhwc_src;
+  return true;
+}
+
+bool DnnlConvolution::Impl::MakePart(const ConvGeometry& pg, int channels,
+                                     const memory::desc& src_md, bool nhwc_dst, Part* part,
                                      size_t* scratch) {
   const int group_out = channels / g.group;
-  const memory::dims dst_dims{1, channels, g.out_h, g.out_w};
+  const memory::dims dst_dims{1, channels, pg.out_h, pg.out_w};
   const memory::dims wei_dims =
       g.group == 1 ? memory::dims{channels, g.in_c, g.kernel_h, g.kernel_w}
                    : memory::dims{g.group, group_out, g.InPerGroup(), g.kernel_h, g.kernel_w};
   const memory::dims strides{g.stride_h, g.stride_w};
   const memory::dims dilates{g.dilation_h - 1, g.dilation_w - 1};
-  const memory::dims pad_l{g.pad_top, g.pad_left}, pad_r{g.pad_bottom, g.pad_right};
+  const memory::dims pad_l{pg.pad_top, pg.pad_left}, pad_r{pg.pad_bottom, pg.pad_right};
   const memory::desc bias_md = Desc({channels}, tag::a);
-  const memory::desc wei_any = Desc(wei_dims, tag::any), dst_any = Desc(dst_dims, tag::any);
+  const memory::desc wei_any = Desc(wei_dims, tag::any);
+  const memory::desc dst_any = Desc(dst_dims, nhwc_dst ? tag::nhwc : tag::any);
   dnnl::primitive_attr attr;
   attr.set_scratchpad_mode(dnnl::scratchpad_mode::user);
   dnnl::convolution_forward::primitive_desc pd;
@@ -149,9 +229,13 @@ bool DnnlConvolution::Impl::MakePart(int channels, const memory::desc& src_md, P
   if (name.rfind("ref", 0) == 0) return false;
   if (impl_name.empty()) impl_name = name;
   part->channels = channels;
+  part->pg = pg;
   part->conv = dnnl::convolution_forward(pd);
   part->user_wei_md = Desc(wei_dims, g.group == 1 ? tag::oihw : tag::goihw);
-  part->user_dst_md = Desc(dst_dims, tag::nchw);
+  // NCHW with the whole image's strides: a band of rows is a strided piece.
+  part->user_dst_md =
+      memory::desc(dst_dims, memory::data_type::f32,
+                   memory::dims{int64_t(channels) * g.OutPlane(), g.OutPlane(), g.out_w, 1});
   part->src_md = pd.src_desc();
   part->wei_md = pd.weights_desc();
   part->dst_md = pd.dst_desc();
@@ -196,7 +280,8 @@ bool DnnlConvolution::Configure(const ConvGeometry& g, bool bias) {
   {
     // Blocking for one thread: the primitives run serially (see the header).
     ThreadCountScope one(1);
-    for (int first = 0; first < g.out_c; first += chunk) {
+    if (chunk < g.out_c && !plain_src) m.bands = m.MakeBands(&src_md, &scratch);
+    for (int first = 0; first < g.out_c && !m.bands; first += chunk) {
       const int channels = std::min(chunk, g.out_c - first);
       int part = -1;
       for (size_t p = 0; p < m.parts.size(); ++p)
@@ -204,10 +289,10 @@ bool DnnlConvolution::Configure(const ConvGeometry& g, bool bias) {
       if (part < 0) {
         // Later parts take the input layout the first one chose.
         m.parts.emplace_back();
-        bool made = m.MakePart(channels, src_md, &m.parts.back(), &scratch);
+        bool made = m.MakePart(g, channels, src_md, false, &m.parts.back(), &scratch);
         if (!made && plain_src && m.parts.size() == 1) {
           src_md = Desc({1, g.in_c, g.in_h, g.in_w}, tag::any);
-          made = m.MakePart(channels, src_md, &m.parts.back(), &scratch);
+          made = m.MakePart(g, channels, src_md, false, &m.parts.back(), &scratch);
         }
         if (!made) return false;
         src_md = m.parts.front().src_md;
@@ -228,12 +313,16 @@ bool DnnlConvolution::Configure(const ConvGeometry& g, bool bias) {
   m.src_block = m.reorder_src ? BlockOf(src_md, {1, g.in_c, g.in_h, g.in_w}) : 0;
   {
     const Impl::Part& first_part = m.parts.front();
-    m.dst_block = BlockOf(first_part.dst_md, {1, first_part.channels, g.out_h, g.out_w});
+    auto block_of = [&](const Impl::Part& p) {
+      return BlockOf(p.dst_md, {1, p.channels, p.pg.out_h, p.pg.out_w});
+    };
+    m.dst_block = block_of(first_part);
     for (const Impl::Part& p : m.parts)
-      if (BlockOf(p.dst_md, {1, p.channels, g.out_h, g.out_w}) != m.dst_block) m.dst_block = 0;
+      if (block_of(p) != m.dst_block) m.dst_block = 0;
     // Channels-last chunks of channels are not pieces of the image's layout
-    // (the library's fast primitives write no strided outputs).
-    if (m.dst_block == 1 && m.chunks.size() > 1) m.dst_block = 0;
+    // (the library's fast primitives write no strided outputs); bands of
+    // rows are.
+    if (m.dst_block == 1 && m.chunks.size() > 1 && !m.bands) m.dst_block = 0;
     for (const Impl::Chunk& c : m.chunks)
       if (m.dst_block > 1 && c.first % m.dst_block != 0) m.dst_block = 0;
   }
@@ -322,31 +411,36 @@ void DnnlConvolution::Run(const float* x, const float* w, const float* b, float*
   ParallelItems(items, threads, [&](int64_t item, int slot) {
     Impl::Slot& s = *m.slots[slot];
     const int n = static_cast<int>(item / chunks), c = static_cast<int>(item % chunks);
-    const Impl::Part& p = m.parts[m.chunks[c].part];
+    const Impl::Chunk& ch = m.chunks[c];
+    const Impl::Part& p = m.parts[ch.part];
+    // A band reads from its first input row on, in channels-last.
+    const int64_t in_off = int64_t(ch.in_row0) * g.in_w * g.in_c;
     if (m.reorder_src && !m.src_blocked) {
-      s.src.set_data_handle(src_buf + n * m.src_image_bytes);
+      s.src.set_data_handle(src_buf + n * m.src_image_bytes + in_off * sizeof(float));
     } else {
-      s.src.set_data_handle(handle(x + n * in_image));
+      s.src.set_data_handle(handle(x + n * in_image + in_off));
     }
     // A chunk of whole channel blocks is one block of the image in both
-    // layouts, at the same offset.
-    const int first = m.chunks[c].first;
+    // layouts, at the same offset; a band of rows is one piece of it in
+    // channels-last, and rows of every channel plane in NCHW.
+    const int first = ch.first;
+    const int64_t band_plane = int64_t(p.pg.out_h) * g.out_w;
     float* image = y + n * out_image;
-    float* out = image + int64_t(first) * plane;
+    float* out = image + int64_t(first) * plane + int64_t(ch.row0) * g.out_w;
     s.user_dst[c].set_data_handle(out);
+    const int64_t lib_off = m.bands ? int64_t(ch.row0) * g.out_w * g.out_c : int64_t(first) * plane;
     if (p.reorder_dst) {
-      float* lib = m.dst_blocked ? image : static_cast<float*>(s.dst_buf.get());
-      s.conv_args[c][DNNL_ARG_DST].set_data_handle(lib +
-                                                   (m.dst_blocked ? int64_t(first) * plane : 0));
+      float* lib = m.dst_blocked ? image + lib_off : static_cast<float*>(s.dst_buf.get());
+      s.conv_args[c][DNNL_ARG_DST].set_data_handle(lib);
     }
     p.conv.execute(s.stream, s.conv_args[c]);
     if (p.reorder_dst && !m.dst_blocked) p.dst_reorder.execute(s.stream, s.dst_args[c]);
     s.stream.wait();
     if (e.Active() && m.dst_blocked) {
-      ApplyEpilogue(e, out, int64_t(p.channels) * plane);
+      ApplyEpilogue(e, image + lib_off, int64_t(p.channels) * band_plane);
     } else if (e.Active()) {
-      for (int ch = 0; ch < p.channels; ++ch)
-        ApplyEpilogue(e, out + int64_t(ch) * plane, plane, first + ch);
+      for (int o = 0; o < p.channels; ++o)
+        ApplyEpilogue(e, out + int64_t(o) * plane, band_plane, first + o);
     }
   });
 }
@@ -365,7 +459,8 @@ std::string DnnlConvolution::ImplName() const {
   const Impl& m = *impl_;
   const size_t chunks = m.chunks.size();
   std::string name = m.impl_name;
-  if (chunks > 1) name += " x" + std::to_string(chunks) + " channel chunks";
+  if (chunks > 1)
+    name += " x" + std::to_string(chunks) + (m.bands ? " row bands" : " channel chunks");
   if (m.src_blocked) name += ", input in blocks of " + std::to_string(m.src_block);
   if (m.dst_blocked) name += ", output in blocks of " + std::to_string(m.dst_block);
   return name;

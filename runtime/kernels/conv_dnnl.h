@@ -3,8 +3,10 @@
 // oneDNN chooses a primitive's blocking, and with it the order of the sums,
 // from the thread count at creation. So every primitive here is created for
 // one thread and run serially inside our own OpenMP loop over work items:
-// (image, chunk of output channels), where the chunks depend on the shape
-// only. Results are then the same for any thread count.
+// (image, chunk of output channels) or, at small batches where the library
+// computes in channels-last and the weights are smaller than the input,
+// (image, band of output rows), where the chunks and bands depend on the
+// shape only. Results are then the same for any thread count.
 //
 // Each image is reordered into the layout oneDNN picks for the machine
 // (channel-blocked on AVX-512) and each output back to NCHW; the weights are

@@ -331,6 +331,12 @@ std::vector<ConvGeometry> ConvShapes() {
       Geometry({1, 6, 9, 8, 6, 3, 3, 1, 1, 2, 2, 1, 2, 2, 2, 6}),       // depthwise dilated
       Geometry({2, 5, 12, 9, 10, 3, 3, 2, 2, 0, 1, 1, 0, 1, 1, 5}),     // depthwise 3x3/2 x2
       Geometry({1, 3, 8, 9, 3, 3, 3, 1, 2, 1, 1, 1, 1, 1, 1, 3}),       // depthwise 3x3 s1x2
+      // Small weights on a large plane at small batches: the library's
+      // primitive in bands of rows (first, middle and last bands with their
+      // own pads; stride 2; dilation with pads on one side).
+      Geometry({1, 16, 40, 37, 64, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, 1}),
+      Geometry({2, 16, 33, 30, 64, 3, 3, 2, 2, 1, 0, 1, 0, 1, 1, 1}),
+      Geometry({1, 16, 48, 20, 64, 3, 3, 1, 1, 2, 0, 1, 1, 2, 2, 1}),
   };
   std::mt19937 rng(7);
   auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
@@ -455,6 +461,24 @@ TEST(ConvolutionKernels, SpacedImagesHoldTheDenseBitsAndLeaveTheGapsAlone) {
     EXPECT_GE(tested[ConvAlgorithm::kDnnl], 30);
   }
 }
+
+#if defined(__x86_64__)
+TEST(ConvolutionKernels, LibraryPrimitiveSplitsRowsWhereWeightsAreSmall) {
+  if (!DnnlConvolution::Available() || !__builtin_cpu_supports("avx512f"))
+    GTEST_SKIP() << "the library computes channels-last at batch 1 on AVX-512";
+  ConvKernel k;
+  // 64 x 16 x 3 x 3 weights, a 16 x 40 x 37 input: bands of rows, handed on
+  // in channels-last.
+  ASSERT_TRUE(k.Configure(Geometry({1, 16, 40, 37, 64, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, 1}), true,
+                          ConvAlgorithm::kDnnl));
+  EXPECT_NE(k.Describe().find("x8 row bands"), std::string::npos) << k.Describe();
+  EXPECT_EQ(k.DstBlock(), 1);
+  // Weights larger than the input: chunks of output channels.
+  ASSERT_TRUE(k.Configure(Geometry({1, 64, 7, 7, 128, 3, 3, 1, 1, 1, 1, 1, 1, 1, 1, 1}), true,
+                          ConvAlgorithm::kDnnl));
+  EXPECT_EQ(k.Describe().find("row bands"), std::string::npos) << k.Describe();
+}
+#endif
 
 TEST(ConvolutionKernels, AutomaticChoice) {
   ConvKernel k;
