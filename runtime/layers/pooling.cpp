@@ -275,12 +275,44 @@ void MaxPoolKernel<uint8_t>(const PoolShape& s, const uint8_t* x, uint8_t* y) {
 }
 
 template <>
+int PoolingLayer<float>::InputBlock() const {
+  constexpr int kBlock = 16;
+  const bool global_average = global_ && method_ == Method::kAverage;
+  return global_average && this->in()->GetDim(1) % kBlock == 0 ? kBlock : 0;
+}
+
+template <>
+void PoolingLayer<float>::SetBlocked(bool input, bool /*output*/) {
+  blocked_input_ = input && InputBlock() != 0;
+}
+
+template <>
 void PoolingLayer<float>::Run() {
   const PoolShape s = Shape();
   const float* x = this->in()->GetCpuData();
   float* y = this->out()->GetCpuData();
   if (method_ == Method::kMax) {
     MaxPoolKernel(s, x, y);
+    return;
+  }
+  if (blocked_input_) {
+    // [N][C / 16][plane][16]: 16 channels side by side, each summed in
+    // plane order as below.
+    const int64_t plane = int64_t(s.in_h) * s.in_w;
+    const int64_t blocks = s.planes / 16;
+    ParallelFor(
+        blocks,
+        [=](int64_t begin, int64_t end) {
+          for (int64_t b = begin; b < end; ++b) {
+            const float* xb = x + b * plane * 16;
+            double sum[16] = {};
+            for (int64_t p = 0; p < plane; ++p)
+              for (int l = 0; l < 16; ++l) sum[l] += xb[p * 16 + l];
+            for (int l = 0; l < 16; ++l)
+              y[b * 16 + l] = static_cast<float>(sum[l] / static_cast<double>(plane));
+          }
+        },
+        std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(1, plane * 16)));
     return;
   }
   ForEachPoolRow(s, [=](int64_t plane, int64_t row) {

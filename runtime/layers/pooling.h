@@ -75,6 +75,11 @@ class PoolingLayer : public Layer<T> {
   bool CountIncludePad() const { return count_include_pad_; }
   // The windows of the last Reshape.
   PoolShape Shape() const;
+  // Global average pooling reads a tensor in 16-channel blocks as it lies
+  // (inference mode's hand-off): each channel is summed over the plane in
+  // the same order, so the output has the same bits.
+  int InputBlock() const override;
+  void SetBlocked(bool input, bool output) override;
 
  protected:
   void Run() override;
@@ -88,6 +93,7 @@ class PoolingLayer : public Layer<T> {
   bool global_ = false;
   bool ceil_mode_ = false;
   bool count_include_pad_ = true;
+  bool blocked_input_ = false;  // see InputBlock
   int kernel_h_ = 0, kernel_w_ = 0;
   int stride_h_ = 1, stride_w_ = 1;
   int pad_top_ = 0, pad_bottom_ = 0, pad_left_ = 0, pad_right_ = 0;

@@ -262,5 +262,29 @@ TEST(ConvBlocked, NetsHandTensorsBetweenTheDirectKernels) {
   }
 }
 
+TEST(ConvBlocked, GlobalAveragePoolingReadsBlocksWithTheSameBits) {
+  for (int batch : {1, 3}) {
+    SCOPED_TRACE("batch " + std::to_string(batch));
+    auto build = [&] {
+      test::NetBuilder b;
+      b.Input("data", {batch, 16, 9, 11});
+      b.Conv("head", "data", "h_out", 16, 48, 1, 3);
+      b.Layer("relu", "ReLU", {"h_out"}, {"h_relu"});
+      b.Layer("pool", "Pooling", {"h_relu"}, {"p"},
+              json11::Json::object{{"pool", "ave"}, {"global_pooling", true}});
+      b.Top("outputs", json11::Json::array{"p"});
+      return b.Build();
+    };
+    auto plain = build();
+    const auto want = test::RunOutputs(plain.get());
+    auto net = build();
+    net->SetInferenceMode(true);
+    EXPECT_EQ(net->BlockedHandoffs(), 1);
+    EXPECT_EQ(test::RunOutputs(net.get()), want);
+    EXPECT_EQ(FromBlocked(test::TensorValues(net.get(), "h_relu"), batch, 48, 9 * 11),
+              test::TensorValues(plain.get(), "h_relu"));
+  }
+}
+
 }  // namespace
 }  // namespace qzdl
