@@ -297,6 +297,7 @@ void DepthwiseBlocked(const ConvGeometry& g, const float* x, const float* packed
   // Items: (image, block, band of rows); bands only when there are few
   // blocks, so that the split depends on the shape alone.
   const int64_t planes = int64_t(g.batch) * blocks;
+  if (planes == 0 || g.out_h == 0) return;
   const int64_t bands_wanted = std::max<int64_t>(1, (8 + planes - 1) / planes);
   const int band = static_cast<int>((g.out_h + bands_wanted - 1) / bands_wanted);
   const int bands = (g.out_h + band - 1) / band;

@@ -165,8 +165,9 @@ void DirectConvKernel::Configure(const ConvGeometry& g, bool bias) {
   bias_ = bias;
   const int blocks = (g.out_c + 15) / 16;
   const int64_t planes = int64_t(g.batch) * ((blocks + kPairs - 1) / kPairs);
-  const int64_t want = std::max<int64_t>(1, (kMinItems + planes - 1) / planes);
-  band_ = static_cast<int>((g.out_h + want - 1) / want);
+  const int64_t want =
+      std::max<int64_t>(1, (kMinItems + planes - 1) / std::max<int64_t>(1, planes));
+  band_ = std::max(1, static_cast<int>((g.out_h + want - 1) / want));
   bands_ = (g.out_h + band_ - 1) / band_;
   packed_.Reserve(sizeof(float) * (size_t(blocks) * 16 * g.in_c * g.KernelArea() + blocks * 16));
   packed_valid_ = false;

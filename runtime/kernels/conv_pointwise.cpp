@@ -276,13 +276,13 @@ void PointwiseKernel::Configure(const ConvGeometry& g, bool bias) {
   int64_t chunk =
       std::max<int64_t>(kTileLcm, kChunkFloats / std::max(1, g.in_c) / kTileLcm * kTileLcm);
   // At least kMinItems pieces of work where the plane allows.
-  const int64_t want_chunks = (kMinItems + g.batch - 1) / g.batch;
+  const int64_t want_chunks = (kMinItems + g.batch - 1) / std::max(1, g.batch);
   chunk = std::min(
       chunk,
       std::max<int64_t>(kMinChunk, RoundUp((plane + want_chunks - 1) / want_chunks, kTileLcm)));
   chunk = std::min(chunk, RoundUp(plane, kTileLcm));
-  chunk_ = static_cast<int>(chunk);
-  chunks_ = static_cast<int>((plane + chunk - 1) / chunk);
+  chunk_ = static_cast<int>(std::max<int64_t>(1, chunk));  // an empty plane: one empty chunk
+  chunks_ = static_cast<int>((plane + chunk_ - 1) / chunk_);
   const int64_t items = int64_t(g.batch) * chunks_;
   int groups = 1;
   if (items < kMinItems)
