@@ -26,6 +26,44 @@ void TensorUsers(const std::vector<Layer<float>*>& layers,
   }
 }
 
+// What runs: the layers that read each tensor, the layers that write it
+// (a fused layer writes its destination, another layer its only output, or
+// all of its outputs when it has several) and the tensor each layer writes
+// (-1: none or several). Layers fused away do not run. Tensors are
+// numbered by name.
+struct RunningUse {
+  std::map<std::string, int> ids;
+  std::vector<std::vector<int>> readers, writers;  // by tensor
+  std::vector<int> written;                        // by layer
+
+  int Id(const std::string& name) {
+    auto it = ids.emplace(name, static_cast<int>(ids.size())).first;
+    readers.resize(ids.size());
+    writers.resize(ids.size());
+    return it->second;
+  }
+};
+
+RunningUse RunningTensors(const std::vector<Layer<float>*>& layers) {
+  RunningUse use;
+  const int count = static_cast<int>(layers.size());
+  use.written.assign(count, -1);
+  for (int i = 0; i < count; ++i) {
+    Layer<float>* l = layers[i];
+    if (l->FusedAway()) continue;
+    for (Data<float>* t : l->GetInputs()) use.readers[use.Id(t->GetName())].push_back(i);
+    Data<float>* dst = l->FusedDestination();
+    if (dst == nullptr && l->GetOutputs().size() == 1) dst = l->GetOutputs()[0];
+    if (dst != nullptr) {
+      use.written[i] = use.Id(dst->GetName());
+      use.writers[use.written[i]].push_back(i);
+    } else {
+      for (Data<float>* t : l->GetOutputs()) use.writers[use.Id(t->GetName())].push_back(i);
+    }
+  }
+  return use;
+}
+
 }  // namespace
 
 bool EpilogueOf(Layer<float>* layer, Epilogue* e) {
@@ -137,6 +175,7 @@ int PlanConcatViews(const std::vector<Layer<float>*>& layers, const std::vector<
   if (!on) return 0;
   std::map<std::string, std::vector<int>> readers, writers;
   TensorUsers(layers, &readers, &writers);
+  const RunningUse running = RunningTensors(layers);
   const int count = static_cast<int>(layers.size());
   const std::set<std::string> kept(keep.begin(), keep.end());
   // Per viewed tensor: the first layer that rewrites its storage through
@@ -174,18 +213,13 @@ int PlanConcatViews(const std::vector<Layer<float>*>& layers, const std::vector<
       if (!whole) {
         // The one running writer (the others fused into it), read by the
         // concat alone: its output is no tensor of its own any more.
-        Layer<float>* writer = nullptr;
-        int running = 0;
-        for (int w : writers[n])
-          if (!layers[w]->FusedAway()) writer = layers[w], ++running;
-        for (int i = 0; i < c && running == 0; ++i)
-          if (!layers[i]->FusedAway() && layers[i]->FusedDestination() == t)
-            writer = layers[i], ++running;
+        const auto found = running.ids.find(n);
+        if (found == running.ids.end()) continue;
+        const std::vector<int>& by = running.writers[found->second];
         int others = 0;  // running readers besides the concat
-        for (int r : readers[n]) others += r != c && !layers[r]->FusedAway();
-        if (running != 1 || others != 0) continue;
-        if (writer->FusedDestination() != nullptr && writer->FusedDestination() != t) continue;
-        if (!writer->SetOutputImageStride(concat->OutBlock())) continue;
+        for (int r : running.readers[found->second]) others += r != c;
+        if (by.size() != 1 || others != 0) continue;
+        if (!layers[by[0]]->SetOutputImageStride(concat->OutBlock())) continue;
       }
       t->ShareData(out->GetCpuData() + concat->Offset(k));
       limit[n] = rewrite;
@@ -199,31 +233,12 @@ int PlanBlockedLayouts(const std::vector<Layer<float>*>& layers,
                        const std::vector<std::string>& keep, bool on) {
   for (Layer<float>* l : layers) l->SetBlocked(false, false);
   if (!on) return 0;
-  // Tensors by name, with what the running layers read and write (a fused
-  // layer writes its destination; fused-away layers do not run).
-  std::map<std::string, int> ids;
-  std::vector<std::vector<int>> readers, writers;
-  auto id = [&](const std::string& name) {
-    auto it = ids.emplace(name, static_cast<int>(ids.size())).first;
-    readers.resize(ids.size());
-    writers.resize(ids.size());
-    return it->second;
-  };
+  const RunningUse use = RunningTensors(layers);
+  const std::map<std::string, int>& ids = use.ids;
+  const std::vector<std::vector<int>>& readers = use.readers;
+  const std::vector<std::vector<int>>& writers = use.writers;
+  const std::vector<int>& written = use.written;
   const int count = static_cast<int>(layers.size());
-  std::vector<int> written(count, -1);  // the tensor each running layer writes
-  for (int i = 0; i < count; ++i) {
-    Layer<float>* l = layers[i];
-    if (l->FusedAway()) continue;
-    for (Data<float>* t : l->GetInputs()) readers[id(t->GetName())].push_back(i);
-    Data<float>* dst = l->FusedDestination();
-    if (dst == nullptr && l->GetOutputs().size() == 1) dst = l->GetOutputs()[0];
-    if (dst != nullptr) {
-      written[i] = id(dst->GetName());
-      writers[written[i]].push_back(i);
-    } else {
-      for (Data<float>* t : l->GetOutputs()) writers[id(t->GetName())].push_back(i);
-    }
-  }
   // A layout-agnostic layer's inputs and output form one group that shares
   // a layout.
   const int tensors = static_cast<int>(ids.size());
@@ -235,7 +250,7 @@ int PlanBlockedLayouts(const std::vector<Layer<float>*>& layers,
   for (int i = 0; i < count; ++i) {
     Layer<float>* l = layers[i];
     if (l->FusedAway() || !l->LayoutAgnostic() || written[i] < 0) continue;
-    for (Data<float>* t : l->GetInputs()) parent[root(ids[t->GetName()])] = root(written[i]);
+    for (Data<float>* t : l->GetInputs()) parent[root(ids.at(t->GetName()))] = root(written[i]);
   }
   // Per group: -1 while no convolution constrains it, then the one block
   // every convolution writing or reading a member uses, or 0.
@@ -269,7 +284,7 @@ int PlanBlockedLayouts(const std::vector<Layer<float>*>& layers,
     Layer<float>* l = layers[i];
     if (l->FusedAway() || l->LayoutAgnostic()) continue;
     const bool in =
-        l->GetInputs().size() == 1 && block[root(ids[l->GetInputs()[0]->GetName()])] > 0;
+        l->GetInputs().size() == 1 && block[root(ids.at(l->GetInputs()[0]->GetName()))] > 0;
     const bool out = written[i] >= 0 && block[root(written[i])] > 0;
     if (in || out) l->SetBlocked(in, out);
   }
